@@ -1,0 +1,25 @@
+// The command line.
+#pragma once
+
+struct Options {
+  int dflag = 0;  // delete the objects in objectids, or count
+  int cflag = 0;  // obsolete
+  int mflag = 0;  // migrate
+  int pflag = 0;  // delete the objects of a protocol
+};
+
+// argv[0] behind its last "/"; the whole of it when there is none or nothing follows it.
+const char *programNameOf(const char *invokedAs);
+
+// Writes the usage text to standard error and exits with status 255.
+[[noreturn]] void usage();
+
+// Fills objectids and numofobj with the ids of a list: numbers (as atoi reads them) between blanks,
+// tabs and newlines; white space alone is the single id 0. False, and nothing is changed, for a
+// list that would be misread: more than 50 ids, an id of more than 15 characters or outside 32
+// bits.
+bool parseObjectIdList(const char *text);
+
+// Reads the options in the order given and refuses what makes no sense: the messages and the usage
+// text with status 255, or status 0 for a migration that was done before.
+Options parseOptions(int argc, char **argv, const char *programName);

@@ -1,0 +1,50 @@
+#include "driver/signals.h"
+
+#include <unistd.h>
+
+#include "maint/run.h"
+
+void (*cleanupRoutine)(int signal) = nullptr;
+sigset_t blockedSignals;
+
+namespace {
+
+volatile sig_atomic_t ending = 0;
+
+bool isIgnored(int number) {
+  return number == SIGINT || number == SIGQUIT || number == SIGPIPE || number == SIGTERM ||
+         number == SIGCHLD;
+}
+
+}  // namespace
+
+int installSignalHandlers(void (*cleanup)(int signal)) {
+  struct sigaction action {};
+  sigemptyset(&action.sa_mask);
+  sigemptyset(&blockedSignals);
+  cleanupRoutine = cleanup;
+  for (const int number : {SIGHUP, SIGSEGV, SIGCHLD}) sigaddset(&blockedSignals, number);
+  // Some numbers cannot be caught, and some the C library keeps to itself: they stay as they are.
+  for (int number = 1; number <= 63; ++number) {
+    action.sa_handler = isIgnored(number) ? SIG_IGN : signalHandler;
+    sigaction(number, &action, nullptr);
+  }
+  return 0;
+}
+
+void signalHandler(int signal) {
+  if (cleanupRoutine == nullptr) return;
+  if (ending != 0) _exit(exitRefused);
+  ending = 1;
+  alarm(10);
+  cleanupRoutine(signal);
+  _exit(exitRefused);
+}
+
+int blockSignals() {
+  return sigprocmask(SIG_BLOCK, &blockedSignals, nullptr);
+}
+
+int unblockSignals() {
+  return sigprocmask(SIG_UNBLOCK, &blockedSignals, nullptr);
+}

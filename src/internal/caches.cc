@@ -1,0 +1,146 @@
+#include "internal/caches.h"
+
+#include <cstdlib>
+
+#include "platform/strings.h"
+#include "records/codecs.h"
+
+ObjTable *ObjValCache = nullptr;
+FieldTable *FieldInfoCache = nullptr;
+FieldNameTbl *FieldNameCache = nullptr;
+_Hash *enumconstantstable = nullptr;
+
+ObjTable *SObjValCache = nullptr;
+FieldTable *SFieldInfoCache = nullptr;
+FieldNameTbl *SFieldNameCache = nullptr;
+_Hash *Senumconstantstable = nullptr;
+int32_t cache_snapshots = 0;
+
+uint32_t max_objects_cached = 0;
+uint8_t cache_overflow = 0;
+uint32_t objcount = 0;
+
+uint32_t mapsManagedFldId = 0;
+uint32_t mapsExistsFldId = 0;
+
+_ListNode *FieldValList::nodeOf(const void *element) {
+  return &(const_cast<CachedValue *>(static_cast<const CachedValue *>(element))->*node_);
+}
+
+uint32_t FieldNameTbl::hash(const void *key) const {
+  return collationHash(static_cast<const char *>(key));
+}
+
+int FieldNameTbl::keyCmp(const void *a, const void *b) const {
+  return strcoll_new(static_cast<const char *>(a), static_cast<const char *>(b));
+}
+
+FieldTable::~FieldTable() {
+  for (_HashIter item(this); item() != nullptr; item++) {
+    auto *entry = static_cast<FieldCacheEntry *>(item()->data());
+    delete entry->valueIndex;
+    delete entry->values;
+    NQwDbFreeFieldInfo(entry->info);
+    free(entry);
+  }
+}
+
+void FieldTable::insert(FieldCacheEntry *entry) {
+  _Hash::insert(wordKey(entry->info->fieldId), entry);
+}
+
+FieldCacheEntry *FieldTable::find(uint32_t fieldId) const {
+  const _HashItem *item = _Hash::find(wordKey(fieldId));
+  return item == nullptr ? nullptr : static_cast<FieldCacheEntry *>(item->data());
+}
+
+void FieldTable::remove(uint32_t fieldId) {
+  _Hash::remove(wordKey(fieldId));
+}
+
+ObjTable::~ObjTable() {
+  for (RecencyIter walk(this); walk() != nullptr;) {
+    ObjCacheEntry *entry = walk();
+    walk++;
+    for (FieldValIter value(entry->values); value() != nullptr;) {
+      CachedValue *item = value();
+      value++;
+      NQwDbFreeFieldValue(item->value);
+      free(item);
+    }
+    delete entry->values;
+    free(entry->objectId);
+    free(entry);
+  }
+}
+
+void ObjTable::insert(ObjCacheEntry *entry) {
+  _Hash::insert(wordKey(*entry->objectId), entry);
+  linkNewest(entry);
+}
+
+ObjCacheEntry *ObjTable::find(uint32_t objectId) {
+  // The values of one object often come in a row.
+  ObjCacheEntry *last = newest();
+  if (last != nullptr && *last->objectId == objectId) return last;
+  const _HashItem *item = _Hash::find(wordKey(objectId));
+  if (item == nullptr) return nullptr;
+  auto *entry = static_cast<ObjCacheEntry *>(item->data());
+  unlink(entry);
+  linkNewest(entry);
+  return entry;
+}
+
+void ObjTable::remove(ObjCacheEntry *entry) {
+  _Hash::remove(wordKey(*entry->objectId));
+  unlink(entry);
+  entry->next = nullptr;
+  entry->prev = nullptr;
+}
+
+int ObjTable::isIn(uint32_t objectId) const {
+  return _Hash::isIn(wordKey(objectId));
+}
+
+ObjCacheEntry *ObjTable::oldest() const {
+  return sentinel_.next == &sentinel_ ? nullptr : sentinel_.next;
+}
+
+ObjCacheEntry *ObjTable::newest() const {
+  return sentinel_.prev == &sentinel_ ? nullptr : sentinel_.prev;
+}
+
+void ObjTable::linkNewest(ObjCacheEntry *entry) {
+  entry->prev = sentinel_.prev;
+  entry->next = &sentinel_;
+  sentinel_.prev->next = entry;
+  sentinel_.prev = entry;
+}
+
+void ObjTable::unlink(ObjCacheEntry *entry) {
+  entry->prev->next = entry->next;
+  entry->next->prev = entry->prev;
+}
+
+void unlinkCachedValue(ObjCacheEntry *object, FieldCacheEntry *field, CachedValue *item) {
+  const char *name = singleString(item->value);
+  if (field->valueIndex != nullptr && name != nullptr) {
+    field->valueIndex->remove(const_cast<char *>(name));
+  }
+  object->values->remove(item);
+  field->values->remove(item);
+}
+
+void destroyCachedObject(ObjCacheEntry *object) {
+  ObjValCache->remove(object);
+  delete object->values;
+  free(object->objectId);
+  free(object);
+}
+
+void destroyEnumTable(_Hash *table) {
+  for (_HashIter item(table); item() != nullptr; item++) {
+    freeEnumConstants(static_cast<enumConstants *>(item()->data()));
+  }
+  delete table;
+}

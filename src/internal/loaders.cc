@@ -1,0 +1,217 @@
+#include "internal/loaders.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "internal/scan.h"
+#include "platform/out_of_memory.h"
+#include "platform/strings.h"
+#include "records/codecs.h"
+
+LoadLosses loadLosses{};
+
+namespace {
+
+constexpr int smallIndex = 200;
+constexpr float growthFactor = 0.333f;
+
+template <typename Copy>
+Copy *copiedOrEnd(Copy *copy) {
+  if (copy == nullptr) nqwDbOutOfMemory();
+  return copy;
+}
+
+bool isAnyObject(uint32_t) {
+  return true;
+}
+
+bool isCachedObject(uint32_t objectId) {
+  return ObjValCache->isIn(objectId) != 0;
+}
+
+// With a limit, objects are admitted by their names and keep being admitted; the first one too many
+// makes the cache incomplete.
+bool isWithinLimit(uint32_t objectId) {
+  if (isCachedObject(objectId)) return true;
+  if (objcount >= max_objects_cached) {
+    cache_overflow = 1;
+    return false;
+  }
+  ++objcount;
+  return true;
+}
+
+void loadNames(ObjectDatabase *db, bool (*admits)(uint32_t objectId)) {
+  loadLosses.unreadable += forEachRecord<dbObject>(db->objInfoDb, [admits](dbObject *record) {
+    if (!admits(record->objectId)) return;
+    enterOrRelease(record->objectId, record->fieldId, newFieldValue(String, record->name));
+  });
+}
+
+void loadValues(ObjectDatabase *db, bool (*admits)(uint32_t objectId),
+                void (*release)(dbObjectValue *)) {
+  loadLosses.unreadable +=
+      forEachRecord<dbObjectValue>(db->valueInfoDb, [admits, release](dbObjectValue *record) {
+        if (admits(record->objectId)) {
+          enterOrRelease(record->objectId, record->fieldId,
+                         copiedOrEnd(_NQwDbCopyFieldValue(record->value)));
+        }
+        release(record);
+      });
+}
+
+ObjCacheEntry *newObject(uint32_t objectId) {
+  auto *entry = static_cast<ObjCacheEntry *>(allocateOrEnd(sizeof(ObjCacheEntry)));
+  entry->objectId = static_cast<uint32_t *>(allocateOrEnd(sizeof(uint32_t)));
+  *entry->objectId = objectId;
+  entry->values = new FieldValList(&CachedValue::inObject);
+  ObjValCache->insert(entry);
+  return entry;
+}
+
+// How many names a name field's index is made for: with a limit on the cached objects, the fields
+// that name most of them get room from the start.
+int indexSize(const char *fieldName) {
+  uint32_t size = smallIndex;
+  for (const char *name : {"IP Hostname", "IP Name", "IP Address"}) {
+    if (strcmp_new(fieldName, name) == 0) size = max_objects_cached / 30;
+  }
+  for (const char *name : {"Selection Name", "IP Network Name"}) {
+    if (strcmp_new(fieldName, name) == 0) size = max_objects_cached;
+  }
+  return static_cast<int>(size);
+}
+
+FieldNameTbl *newIndex(const char *fieldName) {
+  const int size = indexSize(fieldName);
+  return size <= smallIndex ? new FieldNameTbl(smallIndex, 3, 3, growthFactor)
+                            : new FieldNameTbl(size, 1, 3, growthFactor);
+}
+
+}  // namespace
+
+int buildEnumTable(ObjectDatabase *db) {
+  enumconstantstable = new _Hash(50, 3, 3, growthFactor);
+  _NQ_dbm_db_start_buffering(db->enumInfoDb, db->bufferCount);
+  loadLosses.unreadable +=
+      forEachRecord<dbEnumConstants>(db->enumInfoDb, [](dbEnumConstants *record) {
+        const _HashItem *earlier = enumconstantstable->find(wordKey(record->fieldId));
+        if (earlier != nullptr) freeEnumConstants(static_cast<enumConstants *>(earlier->data()));
+        enumconstantstable->insert(wordKey(record->fieldId), record->constants);
+        free(record);
+      });
+  _NQ_dbm_db_stop_buffering(db->enumInfoDb);
+  return 1;
+}
+
+int buildFieldInfoTable(ObjectDatabase *db) {
+  FieldInfoCache = new FieldTable(200, 0, 3, growthFactor);
+  FieldNameCache = new FieldNameTbl(200, 3, 3, growthFactor);
+  SFieldInfoCache = new FieldTable(200, 0, 3, growthFactor);
+  _NQ_dbm_db_start_buffering(db->fieldInfoDb, db->bufferCount);
+  loadLosses.unreadable += forEachRecord<dbFieldInfo>(db->fieldInfoDb, [](dbFieldInfo *record) {
+    addFieldInfo(copiedOrEnd(_NQwDbCopyFieldInfo(record->fieldInfo)));
+    freeDbFieldInfo(record);
+  });
+  _NQ_dbm_db_stop_buffering(db->fieldInfoDb);
+  return 1;
+}
+
+int addFieldInfo(NQwFieldInfo *info) {
+  if (FieldInfoCache->find(info->fieldId) != nullptr) {
+    NQwDbFreeFieldInfo(info);
+    return 1;
+  }
+  auto *entry = static_cast<FieldCacheEntry *>(allocateOrEnd(sizeof(FieldCacheEntry)));
+  entry->info = info;
+  entry->values = new FieldValList(&CachedValue::inField);
+  entry->valueIndex = (info->flags & nameFieldFlag) != 0 ? newIndex(info->name) : nullptr;
+  FieldInfoCache->insert(entry);
+  if (info->name == nullptr) return 1;
+  FieldNameCache->insert(info->name, wordKey(info->fieldId));
+  if (strcoll_new(info->name, "NQW Maps Managed") == 0) mapsManagedFldId = info->fieldId;
+  if (strcoll_new(info->name, "NQW Maps Exists") == 0) mapsExistsFldId = info->fieldId;
+  return 1;
+}
+
+int loadObjectNames(ObjectDatabase *db) {
+  loadNames(db, isAnyObject);
+  return 1;
+}
+
+int loadObjectValues(ObjectDatabase *db) {
+  loadValues(db, isAnyObject, freeDbObjectValue);
+  return 1;
+}
+
+int loadObjectValuesOld(ObjectDatabase *db) {
+  loadValues(db, isAnyObject, freeDbObjectValueOld);
+  return 1;
+}
+
+int loadObjectsWithinLimit(ObjectDatabase *db) {
+  loadNames(db, isWithinLimit);
+  loadValues(db, isCachedObject, freeDbObjectValue);
+  return 1;
+}
+
+int addObjectValue(uint32_t objectId, uint32_t fieldId, NQwFieldValue *value) {
+  ObjCacheEntry *object = ObjValCache->find(objectId);
+  if (object == nullptr) object = newObject(objectId);
+  FieldCacheEntry *field = FieldInfoCache->find(fieldId);
+  if (field == nullptr) return 0;
+
+  auto *item = static_cast<CachedValue *>(allocateOrEnd(sizeof(CachedValue)));
+  item->objectId = object->objectId;
+  item->field = field->info;
+  item->value = value;
+  insertByFieldId(field->values, item);
+  const char *name = singleString(value);
+  if (field->valueIndex != nullptr && name != nullptr) {
+    field->valueIndex->insert(const_cast<char *>(name), object->objectId);
+  }
+  insertByFieldId(object->values, item);
+  return 1;
+}
+
+void enterOrRelease(uint32_t objectId, uint32_t fieldId, NQwFieldValue *value) {
+  if (addObjectValue(objectId, fieldId, value) != 0) return;
+  ++loadLosses.unknownField;
+  NQwDbFreeFieldValue(value);
+}
+
+NQwFieldValue *newFieldValue(int32_t type, const void *data) {
+  auto *value = static_cast<NQwFieldValue *>(allocateOrEnd(sizeof(NQwFieldValue)));
+  value->type = type;
+  switch (type) {
+    case Integer:
+    case Boolean:
+    case Enumeration:
+      memcpy(&value->value.number, data, sizeof value->value.number);
+      break;
+    case String: {
+      const auto *text = static_cast<const char *>(data);
+      value->value.string = static_cast<char *>(allocateOrEnd(strlen_new(text) + 1));
+      strcpy_new(value->value.string, text);
+      break;
+    }
+    default:
+      break;
+  }
+  return value;
+}
+
+void insertByFieldId(FieldValList *list, CachedValue *item) {
+  const uint32_t fieldId = item->field->fieldId;
+  const CachedValue *passed = nullptr;
+  for (FieldValIter walk(list); walk() != nullptr; walk++) {
+    const uint32_t walkedId = walk()->field->fieldId;
+    if (walkedId == fieldId) break;
+    if (walkedId > fieldId) {
+      list->insert(item, passed, passed == nullptr ? 1 : 0);
+      return;
+    }
+    passed = walk();
+  }
+  list->insert(item);
+}

@@ -1,0 +1,18 @@
+// Removing one object from the caches and from the tables.
+#pragma once
+
+#include <cstdint>
+
+#include "internal/caches.h"
+#include "store/database.h"
+
+// 0 when the object is no longer in the database, also when it was not there; -1 when the deletion
+// failed part way (logged). After a failure the values before the failing one are gone from caches
+// and tables, the failing one is out of the caches, and the object keeps those behind it.
+int _nqwDbDeleteObject(uint32_t objectId);
+
+// Removes every value of a cached object, then the object. 1, or 0 on failure.
+int deleteObjectEntries(uint32_t objectId, ObjCacheEntry *entry);
+
+// Removes the stored record of one value of a field with these flags. 1, or 0 on failure (logged).
+int deleteStoredValue(uint32_t objectId, uint32_t fieldId, uint32_t flags, ObjectDatabase *db);

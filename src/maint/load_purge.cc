@@ -1,0 +1,150 @@
+#include "maint/load_purge.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "internal/iListO.h"
+#include "internal/loaders.h"
+#include "internal/util.h"
+#include "maint/delete_object.h"
+#include "maint/run.h"
+#include "platform/out_of_memory.h"
+#include "store/shared_database.h"
+
+FILE *tfp = nullptr;
+
+namespace {
+
+constexpr char traceFile[] = "/usr/NQ/log/objectsdb.trace";
+constexpr uint32_t countOnly = 99;
+
+[[noreturn]] void endWith(ExitStatus status, const char *message) {
+  fputs(message, stderr);
+  exit(status);
+}
+
+void openForRun(int dflag, int pflag, int mflag) {
+  if (mflag != 0) {
+    runDb = open_nqwdb_ndbm_old(0);
+  } else if (dflag != 0 && pflag == 0) {
+    runDb = nqwDbGetDb(0);
+  } else {
+    runDb = open_nqwdb_ndbm(0);
+  }
+  if (runDb == nullptr) endWith(exitNormal, "dbsweep: Cannot open objects database.\n");
+  if (runDb->fieldList == nullptr) loadFieldList(runDb);
+}
+
+void fillCaches(int mflag) {
+  ObjValCache = new ObjTable(1500, 3, 3, 0.333f);
+  if (buildEnumTable(runDb) == 0) {
+    endWith(exitNormal, "dbsweep: Could not build enum table in cache.");
+  }
+  if (buildFieldInfoTable(runDb) == 0) {
+    endWith(exitNormal, "dbsweep: Could not build field info table in cache.");
+  }
+  startBuffering(runDb);
+  if (mflag == 0 && max_objects_cached != 0) {
+    loadObjectsWithinLimit(runDb);
+  } else {
+    loadObjectNames(runDb);
+    mflag != 0 ? loadObjectValuesOld(runDb) : loadObjectValues(runDb);
+  }
+  stopBuffering(runDb);
+}
+
+// Ids above 2^31 - 1 are written as the negative numbers that "%d" makes of them.
+void writeDeleted(FILE *stream, uint32_t objectId) {
+  fprintf(stream, "dbsweep: Objectid %d has been deleted from the database.\n",
+          static_cast<int>(objectId));
+}
+
+void writeNotDeleted(FILE *stream, uint32_t objectId) {
+  fprintf(stream, "dbsweep: Database failure, object  %d could not be deleted\n",
+          static_cast<int>(objectId));
+}
+
+void writeCount(FILE *stream, int32_t count) {
+  fprintf(stream, "dbsweep: Total number of objects in DB is %d\n", count);
+}
+
+void openTraceFile() {
+  const int fd = open(traceFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  tfp = fd < 0 ? nullptr : fdopen(fd, "w");
+  if (tfp == nullptr) endWith(exitRefused, "dbsweep: Cann't open log file for writing\n");
+}
+
+void deleteListed() {
+  openTraceFile();
+  NQwObjectIdList *objects = listObjects(nullptr);
+  if (objects == nullptr) {
+    cleanupCaches(1);
+    endWith(exitNormal, "dbsweep: Cannot open objects database.\n");
+  }
+  writeCount(tfp, objects->count);
+  writeCount(stderr, objects->count);
+  if (objectids[0] != countOnly) {
+    for (int32_t i = 0; i < numofobj; ++i) {
+      if (_nqwDbDeleteObject(objectids[i]) == -1) {
+        writeNotDeleted(tfp, objectids[i]);
+        continue;
+      }
+      writeDeleted(tfp, objectids[i]);
+      writeDeleted(stderr, objectids[i]);
+    }
+  }
+  fclose(tfp);
+  tfp = nullptr;
+  NQwDbFreeObjectIdList(objects);
+  if (objectids[0] == countOnly) {
+    cleanupCaches(1);
+    exit(exitNormal);
+  }
+}
+
+NQwFieldBinding *newProtocolQuery() {
+  auto *query = static_cast<NQwFieldBinding *>(allocateOrEnd(sizeof(NQwFieldBinding)));
+  constexpr int32_t isTrue = 1;
+  query->fieldId = fieldNameToId(protocolName);
+  query->value = newFieldValue(Boolean, &isTrue);
+  return query;
+}
+
+void deleteProtocol() {
+  NQwFieldBinding *query = newProtocolQuery();
+  NQwObjectIdList *ids = objectsWithFieldValue(query);
+  NQwDbFreeFieldValue(query->value);
+  free(query);
+  if (ids == nullptr) {
+    fprintf(stderr,
+            "dbsweep: No Boolean field \"%s\" in the objects database, nothing was deleted by "
+            "protocol.\n",
+            protocolName);
+    cleanupCaches(1);
+    exit(exitRefused);
+  }
+  int deleted = 0;
+  for (int32_t i = 0; i < ids->count; ++i) {
+    if (_nqwDbDeleteObject(ids->objectIds[i]) == 0) {
+      writeDeleted(stderr, ids->objectIds[i]);
+      ++deleted;
+    } else {
+      writeNotDeleted(stderr, ids->objectIds[i]);
+    }
+  }
+  if (ids->count > 0) {
+    fprintf(stderr, "dbsweep: %d objects have been deleted from the objects database\n", deleted);
+  }
+  NQwDbFreeObjectIdList(ids);
+}
+
+}  // namespace
+
+void loadAndPurge(int dflag, int pflag, int mflag) {
+  openForRun(dflag, pflag, mflag);
+  fillCaches(mflag);
+  if (dflag != 0) deleteListed();
+  if (pflag != 0) deleteProtocol();
+}

@@ -1,0 +1,20 @@
+// The second phase of a run: read the whole database into the caches, then delete what was asked
+// for.
+#pragma once
+
+#include <cstdio>
+
+// The trace file "/usr/NQ/log/objectsdb.trace", open only while a list of ids is deleted.
+extern FILE *tfp;
+
+// 1. Open the database as the flags ask: for a migration in the old data format, for an id list
+// alone
+//    through the shared handle, otherwise through a handle of the run's own.
+// 2. Fill the caches.
+// 3. With dflag: write the number of objects to the trace file and standard error, then delete the
+//    objects in objectids; 99 in the first place asks for the number alone and ends the run.
+// 4. With pflag: delete every object whose Boolean field `protocolName` is true.
+// A run with dflag alone works on the tables; otherwise the rewrite that follows makes the
+// deletions last. Failures that end the run print their message and exit here, mostly with status
+// 0.
+void loadAndPurge(int dflag, int pflag, int mflag);

@@ -1,0 +1,34 @@
+// The state of one run: what it was asked to do, the database it holds, and its cleanup.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "store/database.h"
+
+// The exit statuses of the program; nothing else is ever used.
+enum ExitStatus {
+  exitNormal = 0,   // normal runs, and most fatal conditions
+  exitRefused = 1,  // not the super-user, or something that the run needs cannot be had
+  exitUsage = 255,  // behind the usage text
+};
+
+// What to delete; filled from the command line.
+constexpr int32_t mostObjectIds = 50;
+extern uint32_t objectids[mostObjectIds];
+extern int32_t numofobj;  // ids in objectids
+
+// "is" followed by the protocol's name: the Boolean field that is true in the protocol's objects.
+constexpr size_t protocolNameSize = 80;
+extern char protocolName[protocolNameSize];
+
+// Null before the load and whenever the run holds no open database.
+extern ObjectDatabase *runDb;
+
+// Closes runDb with its field list and sets it to null.
+void closeRunDb();
+
+// Frees the caches and closes runDb when doFree is not 0; nothing otherwise. The cleanup of every
+// run that got as far as the load: doFree is 1, or the signal that ends the run. A second call
+// finds nothing left to do.
+void cleanupCaches(int doFree);

@@ -1,0 +1,25 @@
+// The subcommands, one file each. Every one returns an exit status and writes its findings to
+// standard output, everything else to standard error.
+#pragma once
+
+#include <string>
+
+enum ObjdbStatus {
+  objdbFine = 0,     // nothing to report
+  objdbRefused = 1,  // findings, or a request that was refused
+  objdbFailed = 2,   // could not look: usage, no database, input or output failed
+};
+
+// Which database: its directory, and the version below that.
+struct DatabaseName {
+  std::string directory = "/usr/NQ/databases/nqwdb";
+  std::string version = "current";
+};
+
+// Writes every record as a line (record_lines.h), between a header and a trailer line.
+int dumpDatabase(const DatabaseName &database);
+
+// Makes a database from such lines on standard input. Nothing is stored unless the header and the
+// trailer are there and agree with the lines between them, and nothing takes its place in the
+// database directory before it is complete and on the disk. Refuses a version that holds anything.
+int loadDatabase(const DatabaseName &database);

@@ -1,0 +1,111 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <vector>
+
+#include "objdb/commands.h"
+#include "objdb/record_lines.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The records of a whole dump. Throws with the number of the line that is wrong.
+std::vector<StoredRecord> readDump(std::istream &input) {
+  std::vector<StoredRecord> records;
+  Census census;
+  std::string text;
+  size_t lineNumber = 0;
+  bool ended = false;
+  try {
+    while (std::getline(input, text)) {
+      ++lineNumber;
+      if (ended) throw std::runtime_error("a line behind the trailer");
+      const Json line = Json::parse(text);
+      if (lineNumber == 1) {
+        if (!isHeaderLine(line)) throw std::runtime_error("not the header of a dump");
+      } else if (line.contains("digest")) {
+        if (line != census.toJson()) {
+          throw std::runtime_error("the trailer does not agree with the lines before it");
+        }
+        ended = true;
+      } else {
+        records.push_back(recordFromJson(line));
+        const StoredRecord &record = records.back();
+        census.add(record.table, record.key, record.bytes);
+      }
+    }
+    if (!ended) throw std::runtime_error("the dump ends without its trailer");
+  } catch (const std::exception &error) {
+    throw std::runtime_error("line " + std::to_string(lineNumber) + ": " + error.what());
+  }
+  return records;
+}
+
+bool syncDirectory(const fs::path &directory) {
+  const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool synced = fsync(fd) == 0;
+  close(fd);
+  return synced;
+}
+
+// Makes the six tables in a directory. False when a store or a sync fails.
+bool buildTables(const fs::path &directory, const std::vector<StoredRecord> &records) {
+  for (size_t table = 0; table < tableCount; ++table) {
+    const TableFormat &format = tableFormats[table];
+    NQ_dbm_db *db = _NQ_dbm_db_open(directory.c_str(), format.name, O_RDWR | O_CREAT, 0777,
+                                    format.decode, format.encode);
+    if (db == nullptr) return false;
+    bool stored = true;
+    for (const StoredRecord &record : records) {
+      if (!stored) break;
+      if (record.table == table) stored = _NQ_dbm_db_store_raw(db, record.key, record.bytes) == 0;
+    }
+    stored = stored && _NQ_dbm_db_sync(db) == 0;
+    _NQ_dbm_db_close(db);
+    if (!stored) return false;
+  }
+  return syncDirectory(directory);
+}
+
+}  // namespace
+
+int loadDatabase(const DatabaseName &database) {
+  const fs::path version = fs::path(database.directory) / database.version;
+  const fs::path aside =
+      fs::path(database.directory) / (".load." + std::to_string(static_cast<long>(getpid())));
+  try {
+    if (fs::exists(version) && !fs::is_empty(version)) {
+      fprintf(stderr, "objdb: \"%s\" is not empty; nothing was loaded\n", version.c_str());
+      return objdbRefused;
+    }
+    const std::vector<StoredRecord> records = readDump(std::cin);
+    umask(0);  // the platform's daemons share the tables, whoever they run as
+    fs::create_directories(aside);
+    if (!buildTables(aside, records)) {
+      fprintf(stderr, "objdb: could not write the tables in \"%s\": %s\n", aside.c_str(),
+              strerror(errno));
+      fs::remove_all(aside);
+      return objdbFailed;
+    }
+    fs::rename(aside, version);
+    if (!syncDirectory(version.parent_path())) {
+      fprintf(stderr, "objdb: could not sync \"%s\": %s\n", version.parent_path().c_str(),
+              strerror(errno));
+      return objdbFailed;
+    }
+  } catch (const std::exception &error) {
+    fprintf(stderr, "objdb: nothing was loaded: %s\n", error.what());
+    std::error_code ignored;
+    fs::remove_all(aside, ignored);
+    return objdbFailed;
+  }
+  return objdbFine;
+}

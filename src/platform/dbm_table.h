@@ -1,0 +1,99 @@
+// The base library's table layer: one dbm table (the file pair NAME.dir and NAME.pag of the ndbm
+// interface of GNU dbm) with a decoder and an encoder. It knows nothing of what the records mean.
+//
+// Facts of GNU dbm that callers meet:
+// - a table that is created is not 0 bytes long once it is open;
+// - every store is written through to the file, and each handle caches directory and buckets of its
+//   own: never write one table through two handles;
+// - deleting the current key of a scan ends the scan: collect first, delete after.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+// Turns stored bytes into a record, or null when they cannot be decoded. Who owns the record is the
+// decoder's business.
+using DbmDecoder = void *(*)(const char *bytes, size_t length);
+
+// Turns a record into bytes that last until the next call. 0, or negative on failure.
+using DbmEncoder = int (*)(const void *record, const char **bytes, size_t *length);
+
+// How the latest scan of a handle stands.
+enum class DbmScan {
+  underWay,  // the last _NQ_dbm_db_getnext took a record from the file, decodable or not
+  complete,  // every record has been read
+  broken,    // the library failed: there may be records that were not reached
+};
+
+struct NQ_dbm_db {
+  int first;  // set to 1 by the caller just before a scan, cleared by the scan's first read
+  struct DbmTable *table;  // private to the layer
+};
+
+// A list with one node per record; nodes and items come from malloc.
+struct NQ_dbm_list {
+  NQ_dbm_list *next;
+  void *item;
+};
+
+// A stored record as it lies in the file, and its key. Valid until the next call on the table. The
+// bytes are null (not only empty) when the library has the key and cannot read its record.
+struct DbmRecord {
+  std::string_view key;
+  std::string_view bytes;
+};
+
+// Opens DIRECTORY/NAME.dir and .pag; with O_CREAT in the flags missing files are made with the
+// mode. Null on failure.
+NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, mode_t mode,
+                           DbmDecoder decoder, DbmEncoder encoder);
+
+// Closes the files, drops the handle's share of the lock and frees the handle.
+void _NQ_dbm_db_close(NQ_dbm_db *db);
+
+// The decoded record; null when the key is absent or the decoder returns null.
+void *_NQ_dbm_db_get(NQ_dbm_db *db, const void *key, size_t keyLength);
+
+// Encodes and stores the record in place of any that has the key. 0; the encoder's own result when
+// it fails; -1 when the library fails.
+int _NQ_dbm_db_store(NQ_dbm_db *db, const void *key, size_t keyLength, const void *record);
+
+// 0 when the key is gone, also when it was never there; -1 on any other failure.
+int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength);
+
+// The next record of a scan, decoded. Null at the end, after a failure of the library, and for a
+// record that the decoder refuses; _NQ_dbm_db_scan tells the three apart, and after a refused
+// record the next call goes on with the one behind it.
+void *_NQ_dbm_db_getnext(NQ_dbm_db *db);
+DbmScan _NQ_dbm_db_scan(const NQ_dbm_db *db);
+
+// The same walk without the decoder: false when there is no further record.
+bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record);
+
+// Stores bytes as they are. 0, or -1 when the library fails.
+int _NQ_dbm_db_store_raw(NQ_dbm_db *db, std::string_view key, std::string_view bytes);
+
+// Waits until everything stored is on the disk. 0, or -1 with errno.
+int _NQ_dbm_db_sync(NQ_dbm_db *db);
+
+// Every decodable record of a table whose decoder returns a malloc wrapper that is one pointer to
+// the item proper: the list takes the items over, the wrappers are freed. Null for an empty table.
+NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db);
+
+// Brackets bulk access. The count bounds the records that the layer may hold back in memory (all
+// ones: no bound); after stop every stored record is in the files. Stores are written through, so
+// today nothing is ever held back.
+void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t count);
+void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db);
+
+// Locking around each single access could not make two writers safe, since a handle caches what it
+// has read. The layer therefore never does it, and asking for none is always granted.
+void _NQ_dbm_db_disable_lock_on_access(NQ_dbm_db *db);
+
+// Locks the whole table against other processes until this handle is closed; does not wait. The
+// only mode is 0, exclusive. A further handle of this process shares the lock. 0, or -1 when
+// another process has it.
+int _NQ_lock_dbm_db(NQ_dbm_db *db, int mode);

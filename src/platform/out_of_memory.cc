@@ -1,0 +1,18 @@
+#include "platform/out_of_memory.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+void nqwDbOutOfMemory() {
+  // write and not stdio: nothing here may want memory.
+  static constexpr char message[] = "dbsweep: Out of memory.";
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, message, sizeof message - 1);
+  std::exit(0);
+}
+
+void *allocateOrEnd(size_t size) {
+  void *storage = calloc(1, size);
+  if (storage == nullptr) nqwDbOutOfMemory();
+  return storage;
+}

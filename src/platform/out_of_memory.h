@@ -1,0 +1,11 @@
+// The one way in which an exhausted memory ends the run.
+#pragma once
+
+#include <cstddef>
+
+// Writes "dbsweep: Out of memory." (no line end) to standard error and ends the process with
+// status 0. Installed as the allocator's new-handler; the caches call it when malloc fails.
+[[noreturn]] void nqwDbOutOfMemory();
+
+// Zero-filled malloc storage, released with free. Never null: ends in nqwDbOutOfMemory instead.
+void *allocateOrEnd(size_t size);

@@ -1,0 +1,27 @@
+// Exclusive locks on whole table files, held by the process and not by a handle.
+//
+// A run keeps two handles on one table at a time, and closing one must not drop the lock of the
+// other. So the lock (flock, which the GNU dbm tools respect) hangs on a descriptor of its own, one
+// for each file (device and inode), with a count of the handles that share it.
+#pragma once
+
+#include <sys/types.h>
+
+class TableLock {
+ public:
+  TableLock() = default;
+  ~TableLock() { release(); }
+  TableLock(const TableLock &) = delete;
+  TableLock &operator=(const TableLock &) = delete;
+
+  // Locks the file that `path` names, which must be the one open as `fd`, without waiting. False
+  // when another process holds it or the file at the path is not that one; errno says why.
+  // Locking again what is already held succeeds.
+  bool acquire(const char *path, int fd);
+  void release();
+
+ private:
+  bool held_ = false;
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
+};

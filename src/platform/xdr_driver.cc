@@ -1,0 +1,26 @@
+#include "platform/xdr_driver.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+namespace {
+
+// Room for a list of 1,000 strings of 256 characters.
+constexpr size_t initialSize = 512 * 1024;
+
+size_t capacity = 0;
+std::unique_ptr<char[]> storage;
+
+}  // namespace
+
+XdrBuffer xdrBuffer(size_t atLeast) {
+  if (capacity < atLeast) {
+    const size_t size = std::max(atLeast, initialSize);
+    std::unique_ptr<char[]> larger(new (std::nothrow) char[size]);
+    if (larger == nullptr) return {nullptr, 0};
+    storage = std::move(larger);
+    capacity = size;
+  }
+  return {storage.get(), capacity};
+}

@@ -1,0 +1,54 @@
+// The handle of one opened object database: its six tables, and how it is opened and closed.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+#include "platform/dbm_table.h"
+
+// A key as the table layer takes it.
+struct TableKey {
+  const void *bytes;
+  size_t length;
+};
+
+// Malloc storage, owned by whoever opened it. A null table is not open.
+struct ObjectDatabase {
+  NQ_dbm_db *idKeeperDb;
+  NQ_dbm_db *fieldInfoDb;
+  NQ_dbm_db *objInfoDb;
+  NQ_dbm_db *valueInfoDb;
+  NQ_dbm_db *nameInfoDb;
+  NQ_dbm_db *enumInfoDb;
+  NQ_dbm_list *fieldList;  // items are NQwFieldInfo; null until loadFieldList
+  int32_t fieldCount;      // nodes in fieldList
+  time_t version;          // 0 for "current", else the time that names an archived version
+  uint32_t bufferCount;    // records handed to _NQ_dbm_db_start_buffering
+};
+
+// Bytes that bulk access may hold back; read when a handle is built. All ones: no bound.
+extern uint32_t ndbm_buffersize;
+
+// Open all six tables of a version for reading and writing, in the current or in the old data
+// format. What is missing is created with mode 0777 (the process' file-creation mask is 0 from here
+// on); an id keeper and field definitions made just now are seeded. All tables but the id keeper
+// are locked against other processes until the handle is closed. Null when a table cannot be opened
+// or locked, and then nothing stays open; NQw_NO_MEMORY when there is no memory for the handle.
+ObjectDatabase *open_nqwdb_ndbm(time_t version);
+ObjectDatabase *open_nqwdb_ndbm_old(time_t version);
+
+// Opens an archived version: no id keeper, no seeding, no locks, a buffer count of 0. Null when a
+// table cannot be opened.
+ObjectDatabase *openVersionDb(time_t version);
+
+// Close what is open of the six tables and free the handle, but not its field list.
+void close_nqwdb_ndbm(ObjectDatabase *db);
+void close_nqwdb_ndbm_old(ObjectDatabase *db);
+
+// Fills fieldList from field_info, and frees it. Both return the handle; freeing leaves fieldCount.
+ObjectDatabase *loadFieldList(ObjectDatabase *db);
+ObjectDatabase *freeFieldList(ObjectDatabase *db);
+
+// Brackets bulk access to obj_info, value_info (eight times the count of the others) and name_info.
+void startBuffering(ObjectDatabase *db);
+void stopBuffering(ObjectDatabase *db);
