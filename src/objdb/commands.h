@@ -22,4 +22,6 @@ int dumpDatabase(const DatabaseName &database);
 // Makes a database from such lines on standard input. Nothing is stored unless the header and the
 // trailer are there and agree with the lines between them, and nothing takes its place in the
 // database directory before it is complete and on the disk. Refuses a version that holds anything.
-int loadDatabase(const DatabaseName &database);
+// Lines that are not sealed by a header and a trailer, written by hand or picked from a dump, are
+// taken as they come.
+int loadDatabase(const DatabaseName &database, bool sealed);

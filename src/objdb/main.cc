@@ -4,41 +4,32 @@
 
 #include "objdb/commands.h"
 
-namespace {
-
-struct Command {
-  const char *name;
-  const char *description;
-  const char *footer;
-  int (*run)(const DatabaseName &database);
-};
-
-constexpr Command commands[] = {
-    {"dump", "Write a database as lines of JSON to standard output",
-     "Example: objdb dump | grep '\"table\":\"field_info\"'", dumpDatabase},
-    {"load", "Make a database from the lines of a dump on standard input",
-     "Example: objdb load --dir /var/tmp/copy < night.jsonl", loadDatabase},
-};
-
-}  // namespace
-
 int main(int argc, char **argv) {
   CLI::App app("Looks after the object database around a sweep.", "objdb");
   app.require_subcommand(1);
+
   DatabaseName database;
-  for (const Command &command : commands) {
-    CLI::App *sub = app.add_subcommand(command.name, command.description);
-    sub->footer(command.footer);
-    sub->add_option("--dir", database.directory, "The database directory")->capture_default_str();
-    sub->add_option("--version", database.version, "The version in it")->capture_default_str();
-  }
+  const auto addCommand = [&](const char *name, const char *description, const char *footer) {
+    CLI::App *command = app.add_subcommand(name, description);
+    command->footer(footer);
+    command->add_option("--dir", database.directory, "The database directory")
+        ->capture_default_str();
+    command->add_option("--version", database.version, "The version in it")->capture_default_str();
+    return command;
+  };
+  const CLI::App *dump = addCommand("dump", "Write a database as lines of JSON to standard output",
+                                    "Example: objdb dump > before.jsonl");
+  CLI::App *load = addCommand("load", "Make a database from the lines of a dump on standard input",
+                              "Example: objdb load --dir /var/tmp/copy < before.jsonl");
+  bool unsealed = false;
+  load->add_flag("--unsealed", unsealed,
+                 "Take lines without a dump's header and trailer, which tell that none is missing");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     return app.exit(error) == 0 ? objdbFine : objdbFailed;
   }
-  for (const Command &command : commands) {
-    if (app.got_subcommand(command.name)) return command.run(database);
-  }
-  return objdbFailed;
+  if (dump->parsed()) return dumpDatabase(database);
+  return loadDatabase(database, !unsealed);
 }

@@ -22,9 +22,8 @@ struct VersionName {
 const char *formatVersion(time_t version, int *flags, const char *format, VersionName *name) {
   *flags = O_RDWR | O_CREAT;
   if (version == 0) return currentName;
-  tm local{};
-  localtime_r(&version, &local);
-  strftime(name->characters, sizeof name->characters, format, &local);
+  // Not localtime_r, which need not look at the time zone.
+  strftime(name->characters, sizeof name->characters, format, localtime(&version));
   return name->characters;
 }
 

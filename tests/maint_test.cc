@@ -1,0 +1,63 @@
+// Deleting objects from caches and tables.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include "internal/iNameToOID.h"
+#include "internal/loaders.h"
+#include "maint/delete_object.h"
+#include "store/shared_database.h"
+#include "support.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+class Maintenance : public CacheTest {};
+
+const Lines network = emptyNetwork() + nameLines(1, 10, "alpha") + nameLines(2, 10, "beta") +
+                      Lines{valueLine(1, 20, R"("type":"Boolean","value":true)"),
+                            valueLine(1, 24, R"("type":"String","list":["x","y"])"),
+                            valueLine(2, 20, R"("type":"Boolean","value":true)"),
+                            // A name field's value that is no name stands in value_info.
+                            valueLine(2, 11, R"("type":"Integer","value":5)"),
+                            valueLine(3, 22, R"("type":"Integer","value":5)")};
+
+TEST_F(Maintenance, ADeletedObjectLeavesCachesAndTables) {
+  load(network);
+  const Lines before = dump();
+  loadCaches();
+  ASSERT_EQ(lookupNameInIndex(10, "beta"), 2u);
+  for (const uint32_t id : {2u, 2u, 77u}) EXPECT_EQ(_nqwDbDeleteObject(id), 0) << id;
+  EXPECT_FALSE(ObjValCache->isIn(2));
+  EXPECT_EQ(lookupNameInIndex(10, "beta"), 0u);
+  EXPECT_EQ(dump(), without(before, {2}));
+  EXPECT_FALSE(exists("/usr/NQ/log/nqw.log"));
+
+  enterOrRelease(5, 99, newFieldValue(String, "of no field"));  // an object without values
+  EXPECT_EQ(_nqwDbDeleteObject(5), 0);
+  EXPECT_FALSE(ObjValCache->isIn(5));
+}
+
+TEST_F(Maintenance, AFailingTableLeavesTheRestOfTheObject) {
+  load(network);
+  loadCaches();
+  ObjectDatabase *db = nqwDbGetDb(0);
+  NQ_dbm_db *writable = db->valueInfoDb;
+  db->valueInfoDb =
+      _NQ_dbm_db_open(currentDir.c_str(), "value_info", O_RDONLY, 0, nullptr, nullptr);
+  EXPECT_EQ(_nqwDbDeleteObject(1), -1);
+  EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"), HasSubstr("Error in delValueObject."));
+  EXPECT_THAT(
+      readFile("/usr/NQ/log/nqw.log"),
+      HasSubstr(" 85 4 nqw Database failure in nqwDbDeleteObject.\\nFile: internal/iDeleteO\\n"));
+  // Its name and the value that failed are out of the cache, the list behind them is not.
+  ASSERT_TRUE(ObjValCache->isIn(1));
+  EXPECT_EQ(ObjValCache->find(1)->values->size(), 1);
+  verifyCaches();
+  _NQ_dbm_db_close(db->valueInfoDb);
+  db->valueInfoDb = writable;
+  EXPECT_EQ(_nqwDbDeleteObject(1), 0);
+}
+
+}  // namespace
