@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 PlatformTest::PlatformTest() {
   if (getenv("DBSWEEP_PRIVATE") == nullptr) {
-    fprintf(stderr, "run this through tests/in_namespace\n");
+    fprintf(stderr, "run this through script/in_namespace\n");
     abort();
   }
   for (const char *directory : {"bin", "conf", "log", "tmp"}) {

@@ -10,6 +10,7 @@
 #include "driver/daemons.h"
 #include "driver/options.h"
 #include "driver/signals.h"
+#include "driver/surroundings.h"
 #include "maint/load_purge.h"
 #include "maint/rewrite.h"
 #include "maint/run.h"
@@ -52,12 +53,14 @@ void run(const Options &options) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  openStandardStreams();
   setlocale(LC_ALL, "");
   const char *programName = programNameOf(argc > 0 ? argv[0] : "dbsweep");
   if (geteuid() != 0) {
     fprintf(stderr, "%s: must be run as super-user\n", programName);
     exit(exitRefused);
   }
+  distrustEnvironment();
   const Options options = parseOptions(argc, argv, programName);
   if (options.cflag != 0) {
     fputs("The -c option is no longer supported since corvaneTurboDatabase is standard.\n", stderr);

@@ -91,21 +91,16 @@ NQwFieldInfo *getCachedFieldInfo(uint32_t fieldId) {
 }
 
 int fieldValuesMatch(NQwFieldValue *cached, NQwFieldValue *query) {
+  if (cached->type < Integer || cached->type > Enumeration) {
+    traceMessage("NQW_FIELD_INVALID_TYPE.");
+    return 0;
+  }
   // The types are compared first: a word must never be read as what the other value says it is.
   if (cached->type != query->type || (cached->isList != 0) != (query->isList != 0)) return 0;
   if (cached->isList != 0) return listContains(cached, query);
-  switch (cached->type) {
-    case Integer:
-    case Boolean:
-    case Enumeration:
-      return cached->value.number == query->value.number;
-    case String:
-      return cached->value.string != nullptr && query->value.string != nullptr &&
-             strcoll_new(cached->value.string, query->value.string) == 0;
-    default:
-      traceMessage("NQW_FIELD_INVALID_TYPE.");
-      return 0;
-  }
+  if (cached->type != String) return cached->value.number == query->value.number;
+  return cached->value.string != nullptr &&
+         strcoll_new(cached->value.string, query->value.string) == 0;
 }
 
 int listContains(NQwFieldValue *cached, NQwFieldValue *query) {
@@ -113,13 +108,15 @@ int listContains(NQwFieldValue *cached, NQwFieldValue *query) {
   ValueList *want = query->value.list;
   if (cached->type != query->type || want->count > have->count) return 0;
   if (cached->type != Integer && cached->type != String) return 0;
-  const CompareEntries compare = cached->type == Integer ? compareNumbers : compareStrings;
+  const bool strings = cached->type == String;
+  const CompareEntries compare = strings ? compareStrings : compareNumbers;
   sortEntries(have, compare);
   sortEntries(want, compare);
   // Both are sorted: the search for one element begins where the one before it was found.
   const ValueListEntry *place = have->entries;
   const ValueListEntry *end = have->entries + have->count;
   for (uint32_t i = 0; i < want->count; ++i) {
+    if (strings && want->entries[i].value.string == nullptr) return 0;
     place = std::find_if(place, end, [&](const ValueListEntry &entry) {
       return compare(&entry, &want->entries[i]) == 0;
     });

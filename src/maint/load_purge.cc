@@ -11,6 +11,7 @@
 #include "maint/delete_object.h"
 #include "maint/run.h"
 #include "platform/out_of_memory.h"
+#include "platform/report.h"
 #include "store/shared_database.h"
 
 FILE *tfp = nullptr;
@@ -25,6 +26,11 @@ constexpr uint32_t countOnly = 99;
   exit(status);
 }
 
+[[noreturn]] void endUnopened() {
+  cleanupCaches(1);
+  endWith(exitNormal, "dbsweep: Cannot open objects database.\n");
+}
+
 void openForRun(int dflag, int pflag, int mflag) {
   if (mflag != 0) {
     runDb = open_nqwdb_ndbm_old(0);
@@ -33,7 +39,7 @@ void openForRun(int dflag, int pflag, int mflag) {
   } else {
     runDb = open_nqwdb_ndbm(0);
   }
-  if (runDb == nullptr) endWith(exitNormal, "dbsweep: Cannot open objects database.\n");
+  if (runDb == nullptr) endUnopened();
   if (runDb->fieldList == nullptr) loadFieldList(runDb);
 }
 
@@ -79,10 +85,7 @@ void openTraceFile() {
 void deleteListed() {
   openTraceFile();
   NQwObjectIdList *objects = listObjects(nullptr);
-  if (objects == nullptr) {
-    cleanupCaches(1);
-    endWith(exitNormal, "dbsweep: Cannot open objects database.\n");
-  }
+  if (objects == nullptr) endUnopened();
   writeCount(tfp, objects->count);
   writeCount(stderr, objects->count);
   if (objectids[0] != countOnly) {
@@ -114,9 +117,11 @@ NQwFieldBinding *newProtocolQuery() {
 
 void deleteProtocol() {
   NQwFieldBinding *query = newProtocolQuery();
-  NQwObjectIdList *ids = objectsWithFieldValue(query);
+  // Id 0 is no field, even where a damaged definition claims it.
+  NQwObjectIdList *ids = query->fieldId == 0 ? nullptr : objectsWithFieldValue(query);
   NQwDbFreeFieldValue(query->value);
   free(query);
+  if (ids == nullptr && _NQwError == NQw_DB_OPEN_FAILED) endUnopened();
   if (ids == nullptr) {
     fprintf(stderr,
             "dbsweep: No Boolean field \"%s\" in the objects database, nothing was deleted by "

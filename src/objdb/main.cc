@@ -1,10 +1,13 @@
 // objdb: reads and writes the same databases as dbsweep, for what an operator needs around a sweep.
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 
 #include "objdb/commands.h"
 
-int main(int argc, char **argv) {
+namespace {
+
+int runCommand(int argc, char **argv) {
   CLI::App app("Looks after the object database around a sweep.", "objdb");
   app.require_subcommand(1);
 
@@ -32,4 +35,15 @@ int main(int argc, char **argv) {
   }
   if (dump->parsed()) return dumpDatabase(database);
   return loadDatabase(database, !unsealed);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  try {
+    return runCommand(argc, argv);
+  } catch (const std::exception &error) {
+    fprintf(stderr, "objdb: %s\n", error.what());
+    return objdbFailed;
+  }
 }

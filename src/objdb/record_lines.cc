@@ -191,6 +191,7 @@ StoredRecord constantsFromJson(const Json &line) {
   std::vector<std::string> texts;
   for (const Json &each : line.at("constants")) texts.push_back(textFromJson(each).value());
   std::vector<char *> names;
+  names.reserve(texts.size());
   for (std::string &text : texts) names.push_back(text.data());
   enumConstants constants{static_cast<uint32_t>(names.size()), names.data()};
   const dbEnumConstants record{fieldId, &constants};

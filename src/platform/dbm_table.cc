@@ -4,6 +4,7 @@ extern "C" {  // ndbm.h has no guards for C++
 #include <ndbm.h>
 }
 
+#include <cerrno>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -126,7 +127,9 @@ NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db) {
   NQ_dbm_list **end = &head;
   db->first = 1;
   do {
+    errno = 0;
     void *wrapper = _NQ_dbm_db_getnext(db);
+    if (wrapper == nullptr && errno == ENOMEM) nqwDbOutOfMemory();
     if (wrapper == nullptr) continue;
     *end = static_cast<NQ_dbm_list *>(allocateOrEnd(sizeof(NQ_dbm_list)));
     (*end)->item = *static_cast<void **>(wrapper);

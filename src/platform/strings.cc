@@ -25,7 +25,8 @@ size_t strlen_new(const char *text) {
 }
 
 char *strcpy_new(char *to, const char *from) {
-  return strcpy(to, from == nullptr ? "" : from);
+  if (from == nullptr) from = "";
+  return static_cast<char *>(memcpy(to, from, strlen(from) + 1));
 }
 
 int strcmp_new(const char *a, const char *b) {

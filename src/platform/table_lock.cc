@@ -42,7 +42,7 @@ bool TableLock::acquire(const char *path, int fd) {
   if (held != heldFiles.end()) {
     ++held->handles;
   } else {
-    const int own = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    const int own = open(path, O_RDONLY | O_CLOEXEC);
     if (own < 0) return false;
     struct stat named {};
     if (fstat(own, &named) != 0) return fail(own, errno);

@@ -7,7 +7,7 @@
 namespace {
 
 // Room for a list of 1,000 strings of 256 characters.
-constexpr size_t initialSize = 512 * 1024;
+constexpr size_t initialSize = size_t{512} * 1024;
 
 size_t capacity = 0;
 std::unique_ptr<char[]> storage;

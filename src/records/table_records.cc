@@ -21,9 +21,9 @@ bool_t codeRecord(XDR *stream, Record **record, Members codeMembers) {
   return coded;
 }
 
-// A constant may have any length, for which xdr_wrapstring would be too narrow: libtirpc lets it pass
-// 9,000 bytes. When decoding, a length that the rest of the stream cannot hold is refused before
-// anything is allocated for it.
+// A constant may have any length, for which xdr_wrapstring would be too narrow: libtirpc lets it
+// pass 9,000 bytes. When decoding, a length that the rest of the stream cannot hold is refused
+// before anything is allocated for it.
 bool_t codeConstant(XDR *stream, char **name) {
   if (stream->x_op == XDR_ENCODE && *name == nullptr) return 0;
   if (stream->x_op == XDR_DECODE) {

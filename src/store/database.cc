@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -37,11 +38,18 @@ constexpr NQ_dbm_db *ObjectDatabase::*allTables[] = {
     &ObjectDatabase::idKeeperDb,  &ObjectDatabase::fieldInfoDb, &ObjectDatabase::objInfoDb,
     &ObjectDatabase::valueInfoDb, &ObjectDatabase::nameInfoDb,  &ObjectDatabase::enumInfoDb};
 
-// False when the file is missing, cannot be looked at, or would need a longer path.
+// False, and errno says why, when the file is missing, cannot be looked at, or would need a longer
+// path.
 bool statPage(const char *directory, const char *table, struct stat *status) {
   char path[databasePathSize];
+  errno = ENAMETOOLONG;
   const int length = snprintf(path, sizeof path, "%s/%s.pag", directory, table);
   return length < static_cast<int>(sizeof path) && stat(path, status) == 0;
+}
+
+bool failStat() {
+  fprintf(stderr, "ERROR with stat in open_nqwdb_ndbm.\n");
+  return false;
 }
 
 // Opens a table that is seeded when it is new. Whether it is has to be known from before the open:
@@ -50,13 +58,12 @@ bool openSeeded(ObjectDatabase *db, NQ_dbm_db *ObjectDatabase::*table, const cha
                 const char *name, int flags, DbmDecoder decode, DbmEncoder encode,
                 int (*seed)(ObjectDatabase *)) {
   struct stat page {};
-  const bool isNew = !statPage(directory, name, &page) || page.st_size == 0;
+  const bool isThere = statPage(directory, name, &page);
+  if (!isThere && errno != ENOENT) return failStat();
+  const bool isNew = !isThere || page.st_size == 0;
   db->*table = _NQ_dbm_db_open(directory, name, flags, tableMode, decode, encode);
   if (db->*table == nullptr) return false;
-  if (!statPage(directory, name, &page)) {
-    fprintf(stderr, "ERROR with stat in open_nqwdb_ndbm.\n");
-    return false;
-  }
+  if (!statPage(directory, name, &page)) return failStat();
   if (isNew) seed(db);
   _NQ_dbm_db_disable_lock_on_access(db->*table);
   return true;

@@ -91,7 +91,7 @@ int putNameObject(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId, const
   dbObject record{objectId, fieldId, {}};
   if (strlen_new(name) > longestString) return -1;
   strcpy_new(record.name, name);
-  if (looksDuplicated(objectId, fieldId, name)) abortOnDuplicate();
+  if (looksDuplicated(objectId, fieldId, record.name)) abortOnDuplicate();
   return storeNameObject(db, &record);
 }
 

@@ -214,6 +214,14 @@ TEST_F(Sweep, SaysWhichFileItCouldNotRemove) {
   EXPECT_EQ(dump(), before);
 }
 
+// The first table file that was opened got the number of standard error, and with it the messages.
+TEST_F(Sweep, KeepsItsMessagesOutOfTheTablesWhenStandardErrorIsClosed) {
+  const std::string tables = filesOf(rewrittenTables);
+  EXPECT_EQ(sweep("-d 99 2>&-").status, 0);
+  EXPECT_EQ(filesOf(rewrittenTables), tables);
+  EXPECT_EQ(filesOf(untouchedTables), untouched);
+}
+
 class EmptyPlatform : public PlatformTest {};
 
 TEST_F(EmptyPlatform, IsSeededByTheFirstRun) {
@@ -223,6 +231,16 @@ TEST_F(EmptyPlatform, IsSeededByTheFirstRun) {
   const Lines lines = dump();
   ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[0], R"({"table":"id_keeper","counter":14})");
+}
+
+// A definition with id 0 must not answer for a protocol that has no field.
+TEST_F(EmptyPlatform, FieldZeroIsNoProtocol) {
+  load({R"({"table":"field_info","field":0,"name":"isZero","type":"Boolean","flags":1})",
+        valueLine(1, 0, isTrue)});
+  const Lines before = dump();
+  EXPECT_EQ(sweep("-p Nothing").status, 1);
+  EXPECT_EQ(sweep("-p Zero").status, 1);
+  EXPECT_EQ(dump(), before);
 }
 
 // What a database should not hold and existing ones do: loaded, swept and rewritten without turning
