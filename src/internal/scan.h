@@ -1,27 +1,20 @@
 // One walk over all readable records of a table.
 #pragma once
 
-#include <cerrno>
 #include <cstdint>
 
 #include "platform/dbm_table.h"
-#include "platform/out_of_memory.h"
 
 // Calls `take` with every record that can be read, in the order of the table. Returns how many
-// could not: records that do not decode, and 1 for a scan that the library broke off. A record that
-// could not be read for want of memory is not damaged: it ends the process (nqwDbOutOfMemory),
-// before a rewrite can leave it out.
+// could not: records that do not decode, and 1 for a scan that the library broke off.
 template <typename Record, typename Take>
 uint32_t forEachRecord(NQ_dbm_db *table, Take take) {
   uint32_t unreadable = 0;
   table->first = 1;
   do {
-    errno = 0;
     auto *record = static_cast<Record *>(_NQ_dbm_db_getnext(table));
     if (record != nullptr) {
       take(record);
-    } else if (errno == ENOMEM) {
-      nqwDbOutOfMemory();
     } else if (_NQ_dbm_db_scan(table) != DbmScan::complete) {
       ++unreadable;
     }

@@ -27,6 +27,7 @@ constexpr uint32_t countOnly = 99;
 }
 
 [[noreturn]] void endUnopened() {
+  if (_NQwError == NQw_NO_MEMORY) nqwDbOutOfMemory();
   cleanupCaches(1);
   endWith(exitNormal, "dbsweep: Cannot open objects database.\n");
 }

@@ -8,6 +8,8 @@
 
 #include "internal/util.h"
 #include "maint/run.h"
+#include "platform/out_of_memory.h"
+#include "platform/report.h"
 #include "records/value_table.h"
 #include "store/directory.h"
 #include "store/name_table.h"
@@ -76,6 +78,7 @@ void rewriteDatabase(int migrate) {
   RecencyIter object(ObjValCache);
   runDb = open_nqwdb_ndbm(0);
   if (runDb == nullptr) {
+    if (_NQwError == NQw_NO_MEMORY) nqwDbOutOfMemory();
     fprintf(stderr, "dbsweep: Cannot open objects database.\n");
     fprintf(stderr, "\t\tRestore databases from archive and run the\n");
     fprintf(stderr, "\t\tnecessary Corvane commands to restart.\n");

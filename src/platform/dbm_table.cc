@@ -6,7 +6,6 @@ extern "C" {  // ndbm.h has no guards for C++
 
 #include <cerrno>
 #include <cstdlib>
-#include <new>
 #include <string>
 
 #include "platform/out_of_memory.h"
@@ -32,24 +31,49 @@ std::string_view toView(datum item) {
   return {item.dptr, static_cast<size_t>(item.dsize)};
 }
 
+// Behind every call of the library that has failed.
+void checkLibraryMemory() {
+  if (gdbm_errno == GDBM_MALLOC_ERROR) failForWantOfMemory();
+}
+
+// Behind every codec that has failed; errno was 0 before it.
+void checkCodecMemory() {
+  if (errno == ENOMEM) failForWantOfMemory();
+}
+
+datum fetch(const DbmTable *table, datum key) {
+  const datum stored = dbm_fetch(table->dbm, key);
+  if (stored.dptr == nullptr) checkLibraryMemory();
+  return stored;
+}
+
+void *decode(const DbmTable *table, std::string_view bytes) {
+  errno = 0;
+  void *record = table->decoder(bytes.data(), bytes.size());
+  if (record == nullptr) checkCodecMemory();
+  return record;
+}
+
 int storeBytes(DbmTable *table, const void *key, size_t keyLength, const char *bytes,
                size_t length) {
-  return dbm_store(table->dbm, toDatum(key, keyLength), toDatum(bytes, length), DBM_REPLACE) == 0
-             ? 0
-             : -1;
+  if (dbm_store(table->dbm, toDatum(key, keyLength), toDatum(bytes, length), DBM_REPLACE) == 0) {
+    return 0;
+  }
+  checkLibraryMemory();
+  return -1;
 }
 
 }  // namespace
 
 NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, mode_t mode,
                            DbmDecoder decoder, DbmEncoder encoder) {
-  auto *table = new (std::nothrow) DbmTable;
-  if (table == nullptr) return nullptr;
+  auto *table = new DbmTable;
   table->path = std::string(directory) + "/" + name;
   table->decoder = decoder;
   table->encoder = encoder;
   table->dbm = dbm_open(table->path.data(), flags, static_cast<int>(mode));
   if (table->dbm == nullptr) {
+    checkLibraryMemory();
     delete table;
     return nullptr;
   }
@@ -62,21 +86,25 @@ void _NQ_dbm_db_close(NQ_dbm_db *db) {
 }
 
 void *_NQ_dbm_db_get(NQ_dbm_db *db, const void *key, size_t keyLength) {
-  const datum stored = dbm_fetch(db->table->dbm, toDatum(key, keyLength));
-  if (stored.dptr == nullptr) return nullptr;
-  return db->table->decoder(stored.dptr, static_cast<size_t>(stored.dsize));
+  const datum stored = fetch(db->table, toDatum(key, keyLength));
+  return stored.dptr == nullptr ? nullptr : decode(db->table, toView(stored));
 }
 
 int _NQ_dbm_db_store(NQ_dbm_db *db, const void *key, size_t keyLength, const void *record) {
   const char *bytes = nullptr;
   size_t length = 0;
+  errno = 0;
   const int encoded = db->table->encoder(record, &bytes, &length);
-  if (encoded < 0) return encoded;
+  if (encoded < 0) {
+    checkCodecMemory();
+    return encoded;
+  }
   return storeBytes(db->table, key, keyLength, bytes, length);
 }
 
 int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength) {
   if (dbm_delete(db->table->dbm, toDatum(key, keyLength)) == 0) return 0;
+  checkLibraryMemory();
   return gdbm_errno == GDBM_ITEM_NOT_FOUND ? 0 : -1;
 }
 
@@ -96,10 +124,11 @@ bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record) {
     return false;
   }
   if (key.dptr == nullptr) {
+    if (dbm_error(table->dbm) != 0) checkLibraryMemory();
     table->scan = dbm_error(table->dbm) == 0 ? DbmScan::complete : DbmScan::broken;
     return false;
   }
-  const datum stored = dbm_fetch(table->dbm, key);
+  const datum stored = fetch(table, key);
   *record = {toView(key), stored.dptr == nullptr ? std::string_view() : toView(stored)};
   return true;
 }
@@ -107,7 +136,7 @@ bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record) {
 void *_NQ_dbm_db_getnext(NQ_dbm_db *db) {
   DbmRecord record;
   if (!_NQ_dbm_db_getnext_raw(db, &record) || record.bytes.data() == nullptr) return nullptr;
-  return db->table->decoder(record.bytes.data(), record.bytes.size());
+  return decode(db->table, record.bytes);
 }
 
 DbmScan _NQ_dbm_db_scan(const NQ_dbm_db *db) {
@@ -127,9 +156,7 @@ NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db) {
   NQ_dbm_list **end = &head;
   db->first = 1;
   do {
-    errno = 0;
     void *wrapper = _NQ_dbm_db_getnext(db);
-    if (wrapper == nullptr && errno == ENOMEM) nqwDbOutOfMemory();
     if (wrapper == nullptr) continue;
     *end = static_cast<NQ_dbm_list *>(allocateOrEnd(sizeof(NQ_dbm_list)));
     (*end)->item = *static_cast<void **>(wrapper);

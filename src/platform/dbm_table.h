@@ -5,6 +5,8 @@
 // - a table that is created is not 0 bytes long once it is open;
 // - every store is written through to the file, and each handle caches directory and buckets of its
 //   own: never write one table through two handles;
+// - for want of memory it fails like for any other reason, which would make a sound record look
+//   absent or damaged: here it never gets that far, see failForWantOfMemory;
 // - deleting the current key of a scan ends the scan: collect first, delete after.
 #pragma once
 
@@ -66,7 +68,7 @@ int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength);
 
 // The next record of a scan, decoded. Null at the end, after a failure of the library, and for a
 // record that the decoder refuses; _NQ_dbm_db_scan tells the three apart, and after a refused
-// record the next call goes on with the one behind it. Where memory was exhausted errno is ENOMEM.
+// record the next call goes on with the one behind it.
 void *_NQ_dbm_db_getnext(NQ_dbm_db *db);
 DbmScan _NQ_dbm_db_scan(const NQ_dbm_db *db);
 
@@ -81,7 +83,6 @@ int _NQ_dbm_db_sync(NQ_dbm_db *db);
 
 // Every decodable record of a table whose decoder returns a malloc wrapper that is one pointer to
 // the item proper: the list takes the items over, the wrappers are freed. Null for an empty table.
-// An exhausted memory ends the process.
 NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db);
 
 // Brackets bulk access. The count bounds the records that the layer may hold back in memory (all

@@ -3,12 +3,19 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <new>
 
 void nqwDbOutOfMemory() {
   // write and not stdio: nothing here may want memory.
   static constexpr char message[] = "dbsweep: Out of memory.";
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, message, sizeof message - 1);
   std::exit(0);
+}
+
+void failForWantOfMemory() {
+  const std::new_handler handler = std::get_new_handler();
+  if (handler != nullptr) handler();
+  throw std::bad_alloc();
 }
 
 void *allocateOrEnd(size_t size) {

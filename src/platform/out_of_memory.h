@@ -1,4 +1,4 @@
-// The one way in which an exhausted memory ends the run.
+// How an exhausted memory ends the run.
 #pragma once
 
 #include <cstddef>
@@ -6,6 +6,10 @@
 // Writes "dbsweep: Out of memory." (no line end) to standard error and ends the process with
 // status 0. Installed as the allocator's new-handler; the caches call it when malloc fails.
 [[noreturn]] void nqwDbOutOfMemory();
+
+// For code that other programs share: runs the allocator's new-handler, which ends the process, and
+// where none is installed throws std::bad_alloc.
+[[noreturn]] void failForWantOfMemory();
 
 // Zero-filled malloc storage, released with free. Never null: ends in nqwDbOutOfMemory instead.
 void *allocateOrEnd(size_t size);

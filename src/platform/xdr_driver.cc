@@ -1,6 +1,7 @@
 #include "platform/xdr_driver.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <new>
 
@@ -18,7 +19,10 @@ XdrBuffer xdrBuffer(size_t atLeast) {
   if (capacity < atLeast) {
     const size_t size = std::max(atLeast, initialSize);
     std::unique_ptr<char[]> larger(new (std::nothrow) char[size]);
-    if (larger == nullptr) return {nullptr, 0};
+    if (larger == nullptr) {
+      errno = ENOMEM;
+      return {nullptr, 0};
+    }
     storage = std::move(larger);
     capacity = size;
   }

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "platform/report.h"
-#include "records/allocate.h"
+#include "records/decode_storage.h"
 
 namespace {
 

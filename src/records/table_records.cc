@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "records/allocate.h"
+#include "records/decode_storage.h"
 #include "records/field_codec.h"
 
 namespace {
@@ -22,15 +22,14 @@ bool_t codeRecord(XDR *stream, Record **record, Members codeMembers) {
 }
 
 // A constant may have any length, for which xdr_wrapstring would be too narrow: libtirpc lets it
-// pass 9,000 bytes. When decoding, a length that the rest of the stream cannot hold is refused
-// before anything is allocated for it.
+// pass 9,000 bytes. A length that the rest of the stream cannot hold is refused before anything is
+// allocated for it.
 bool_t codeConstant(XDR *stream, char **name) {
   if (stream->x_op == XDR_ENCODE && *name == nullptr) return 0;
   if (stream->x_op == XDR_DECODE) {
-    const u_int start = xdr_getpos(stream);
     u_int length = 0;
-    if (!xdr_u_int(stream, &length) || length > stream->x_handy) return 0;
-    if (!xdr_setpos(stream, start)) return 0;
+    if (!peekCount(stream, &length) || length > stream->x_handy) return 0;
+    if (!allocateRecord(name, size_t{length} + 1)) return 0;
   }
   return xdr_string(stream, name, UINT32_MAX);
 }
@@ -66,6 +65,9 @@ bool_t xdr_dbObjectValueOld(XDR *stream, dbObjectValue **record) {
 
 bool_t xdr_enumConstants(XDR *stream, enumConstants **record) {
   return codeRecord(stream, record, [stream](enumConstants *members) {
+    if (stream->x_op == XDR_DECODE && !allocateArray(stream, &members->names, mostEnumConstants)) {
+      return bool_t{0};
+    }
     return xdr_array(stream, reinterpret_cast<char **>(&members->names), &members->count,
                      mostEnumConstants, sizeof(char *), reinterpret_cast<xdrproc_t>(codeConstant));
   });
