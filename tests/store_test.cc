@@ -134,6 +134,62 @@ TEST_F(Store, VersionsAreNamedByTheirLocalTime) {
   EXPECT_EQ(dbPath(std::string(1000, 'x').c_str(), nullptr), nullptr);
 }
 
+TEST_F(Store, OneArchivedVersionIsOpenAtATime) {
+  setenv("TZ", "UTC", 1);
+  constexpr time_t versions[] = {1000000000, 1100000000, 1200000000};
+  int flags = 0;
+  for (const time_t version : versions) {
+    const Outcome made = run(
+        "objdb load --unsealed --version " + std::string(dbVersionName(version, &flags)),
+        seeded[0] + "\n" + nameLines(static_cast<uint32_t>(version), 10, "of that day")[1] + "\n");
+    ASSERT_EQ(made.status, 0) << made.err;
+  }
+  // Each in a fresh process.
+  for (const time_t version : versions) {
+    const pid_t child = fork();
+    if (child == 0) {
+      ObjectDatabase *db = nqwDbGetDb(version);
+      _exit(db != nullptr && db->version == version && db->idKeeperDb == nullptr &&
+                    getNameObjectId(db, 10, "of that day") == static_cast<uint32_t>(version)
+                ? 0
+                : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << version;
+  }
+  ObjectDatabase *db = openArchiveDb(versions[0]);
+  ASSERT_NE(db, nullptr);
+  EXPECT_EQ(snapstruct, db);
+  EXPECT_EQ(nqwDbGetDb(versions[0]), db);
+  EXPECT_EQ(_NQW_NDBM_snapshot_open, versions[0]);
+  EXPECT_EQ(openArchiveDb(versions[1]), nullptr);
+  EXPECT_EQ(NQwError(), NQw_DB_VERSION_NOT_FOUND);
+  const std::string trace = readFile("/usr/NQ/log/nqw.trace");
+  EXPECT_THAT(trace, HasSubstr("NQw_VERSION_ALREADY_EXISTS"));
+  EXPECT_THAT(trace, HasSubstr("NQw_DB_VERSION_NOT_FOUND"));
+
+  EXPECT_EQ(versionExists(currentDir.c_str()), 0);
+  EXPECT_EQ(NQwError(), 0);
+  EXPECT_EQ(versionExists("/usr/NQ"), 0);
+  EXPECT_EQ(NQwError(), NQw_VERSION_ALREADY_EXISTS);
+  freeFieldList(db);
+  close_nqwdb_ndbm(db);
+}
+
+TEST_F(Store, AnArchivedVersionThatDoesNotOpenCanBeAskedForAgain) {
+  setenv("TZ", "UTC", 1);
+  const std::string directory = "/usr/NQ/databases/nqwdb/09092001.014640";
+  std::filesystem::create_directories(directory);
+  writeFile(directory + "/enum_info.pag", "no table");
+  EXPECT_EQ(openArchiveDb(1000000000), nullptr);
+  EXPECT_EQ(NQwError(), NQw_DB_OPEN_FAILED);
+  std::filesystem::remove(directory + "/enum_info.pag");
+  ObjectDatabase *db = openArchiveDb(1000000000);
+  ASSERT_NE(db, nullptr);
+  close_nqwdb_ndbm(db);
+}
+
 TEST_F(Store, NamesStandInBothTables) {
   ObjectDatabase *db = open_nqwdb_ndbm(0);
   ASSERT_EQ(putNameObject(db, 7, 10, "gw1"), 0);

@@ -18,6 +18,7 @@ struct DbmTable {
   DbmDecoder decoder = nullptr;
   DbmEncoder encoder = nullptr;
   DbmScan scan = DbmScan::complete;
+  gdbm_count_t scanned = 0;  // records that the latest scan has met
   TableLock lock;
 };
 
@@ -31,35 +32,53 @@ std::string_view toView(datum item) {
   return {item.dptr, static_cast<size_t>(item.dsize)};
 }
 
-// Behind every call of the library that has failed.
-void checkLibraryMemory() {
-  if (gdbm_errno == GDBM_MALLOC_ERROR) failForWantOfMemory();
+// Before every call that may take memory: what tells afterwards whether it failed for want of it.
+void forgetErrors() {
+  errno = 0;
+  gdbm_errno = GDBM_NO_ERROR;
 }
 
-// Behind every codec that has failed; errno was 0 before it.
-void checkCodecMemory() {
-  if (errno == ENOMEM) failForWantOfMemory();
+// Behind every such call that has failed. The library does not always say so itself: a scan may end
+// and an open fail without its error for exhausted memory.
+void checkMemory() {
+  if (gdbm_errno == GDBM_ITEM_NOT_FOUND) return;
+  if (gdbm_errno == GDBM_MALLOC_ERROR || errno == ENOMEM) failForWantOfMemory();
 }
 
 datum fetch(const DbmTable *table, datum key) {
+  forgetErrors();
   const datum stored = dbm_fetch(table->dbm, key);
-  if (stored.dptr == nullptr) checkLibraryMemory();
+  if (stored.dptr == nullptr) checkMemory();
   return stored;
 }
 
 void *decode(const DbmTable *table, std::string_view bytes) {
-  errno = 0;
+  forgetErrors();
   void *record = table->decoder(bytes.data(), bytes.size());
-  if (record == nullptr) checkCodecMemory();
+  if (record == nullptr) checkMemory();
   return record;
+}
+
+// The end of a scan and a failure in it look alike, and a damaged table may end a scan early
+// without any error: only the library's own count tells.
+bool hasReachedEnd(const DbmTable *table) {
+  if (dbm_error(table->dbm) != 0) return false;
+  forgetErrors();
+  gdbm_count_t records = 0;
+  if (gdbm_count(table->dbm->file, &records) != 0) {
+    checkMemory();
+    return false;
+  }
+  return records == table->scanned;
 }
 
 int storeBytes(DbmTable *table, const void *key, size_t keyLength, const char *bytes,
                size_t length) {
+  forgetErrors();
   if (dbm_store(table->dbm, toDatum(key, keyLength), toDatum(bytes, length), DBM_REPLACE) == 0) {
     return 0;
   }
-  checkLibraryMemory();
+  checkMemory();
   return -1;
 }
 
@@ -71,9 +90,10 @@ NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, m
   table->path = std::string(directory) + "/" + name;
   table->decoder = decoder;
   table->encoder = encoder;
+  forgetErrors();
   table->dbm = dbm_open(table->path.data(), flags, static_cast<int>(mode));
   if (table->dbm == nullptr) {
-    checkLibraryMemory();
+    checkMemory();
     delete table;
     return nullptr;
   }
@@ -93,41 +113,42 @@ void *_NQ_dbm_db_get(NQ_dbm_db *db, const void *key, size_t keyLength) {
 int _NQ_dbm_db_store(NQ_dbm_db *db, const void *key, size_t keyLength, const void *record) {
   const char *bytes = nullptr;
   size_t length = 0;
-  errno = 0;
+  forgetErrors();
   const int encoded = db->table->encoder(record, &bytes, &length);
   if (encoded < 0) {
-    checkCodecMemory();
+    checkMemory();
     return encoded;
   }
   return storeBytes(db->table, key, keyLength, bytes, length);
 }
 
 int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength) {
+  forgetErrors();
   if (dbm_delete(db->table->dbm, toDatum(key, keyLength)) == 0) return 0;
-  checkLibraryMemory();
+  checkMemory();
   return gdbm_errno == GDBM_ITEM_NOT_FOUND ? 0 : -1;
 }
 
 bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record) {
   DbmTable *table = db->table;
+  if (db->first != 1 && table->scan != DbmScan::underWay) return false;
+  forgetErrors();
+  dbm_clearerr(table->dbm);
   datum key{};
-  // The end of a scan and a failure in it look alike; the error that stays set tells them apart.
   if (db->first == 1) {
     db->first = 0;
     table->scan = DbmScan::underWay;
-    dbm_clearerr(table->dbm);
+    table->scanned = 0;
     key = dbm_firstkey(table->dbm);
-  } else if (table->scan == DbmScan::underWay) {
-    dbm_clearerr(table->dbm);
-    key = dbm_nextkey(table->dbm);
   } else {
-    return false;
+    key = dbm_nextkey(table->dbm);
   }
   if (key.dptr == nullptr) {
-    if (dbm_error(table->dbm) != 0) checkLibraryMemory();
-    table->scan = dbm_error(table->dbm) == 0 ? DbmScan::complete : DbmScan::broken;
+    checkMemory();
+    table->scan = hasReachedEnd(table) ? DbmScan::complete : DbmScan::broken;
     return false;
   }
+  ++table->scanned;
   const datum stored = fetch(table, key);
   *record = {toView(key), stored.dptr == nullptr ? std::string_view() : toView(stored)};
   return true;

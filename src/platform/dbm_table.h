@@ -26,8 +26,8 @@ using DbmEncoder = int (*)(const void *record, const char **bytes, size_t *lengt
 // How the latest scan of a handle stands.
 enum class DbmScan {
   underWay,  // the last _NQ_dbm_db_getnext took a record from the file, decodable or not
-  complete,  // every record has been read
-  broken,    // the library failed: there may be records that were not reached
+  complete,  // as many records have been read as the library counts
+  broken,    // it ended early: there are records that were not reached
 };
 
 struct NQ_dbm_db {
