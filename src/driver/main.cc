@@ -69,5 +69,5 @@ int main(int argc, char **argv) {
   if (!confirmed()) exit(exitNormal);
   run(options);
   cleanupCaches(1);
-  exit(exitNormal);
+  exit(runStatus);
 }

@@ -7,6 +7,7 @@
 #include "platform/out_of_memory.h"
 #include "platform/strings.h"
 #include "records/codecs.h"
+#include "records/field_codec.h"
 
 LoadLosses loadLosses{};
 
@@ -41,7 +42,20 @@ bool isWithinLimit(uint32_t objectId) {
   return true;
 }
 
+// Counts the strings that were cut while it lives.
+class CutStringCount {
+ public:
+  CutStringCount() = default;
+  ~CutStringCount() { loadLosses.cutString += cutStrings - before_; }
+  CutStringCount(const CutStringCount &) = delete;
+  CutStringCount &operator=(const CutStringCount &) = delete;
+
+ private:
+  uint32_t before_ = cutStrings;
+};
+
 void loadNames(ObjectDatabase *db, bool (*admits)(uint32_t objectId)) {
+  const CutStringCount cut;
   loadLosses.unreadable += forEachRecord<dbObject>(db->objInfoDb, [admits](dbObject *record) {
     if (!admits(record->objectId)) return;
     enterOrRelease(record->objectId, record->fieldId, newFieldValue(String, record->name));
@@ -50,6 +64,7 @@ void loadNames(ObjectDatabase *db, bool (*admits)(uint32_t objectId)) {
 
 void loadValues(ObjectDatabase *db, bool (*admits)(uint32_t objectId),
                 void (*release)(dbObjectValue *)) {
+  const CutStringCount cut;
   loadLosses.unreadable +=
       forEachRecord<dbObjectValue>(db->valueInfoDb, [admits, release](dbObjectValue *record) {
         if (admits(record->objectId)) {

@@ -11,8 +11,9 @@
 
 // What the loaders met that is not in the caches, since the start of the process.
 struct LoadLosses {
-  uint32_t unreadable;    // records that do not decode, and scans that the library broke off
+  uint32_t unreadable;    // records that do not decode or were not reached
   uint32_t unknownField;  // values under a field id that no definition has
+  uint32_t cutString;     // strings of objects with a NUL inside, cut there
 };
 extern LoadLosses loadLosses;
 

@@ -6,7 +6,7 @@
 #include "platform/dbm_table.h"
 
 // Calls `take` with every record that can be read, in the order of the table. Returns how many
-// could not: records that do not decode, and 1 for a scan that the library broke off.
+// could not: records that do not decode, and those that a broken scan did not reach.
 template <typename Record, typename Take>
 uint32_t forEachRecord(NQ_dbm_db *table, Take take) {
   uint32_t unreadable = 0;
@@ -15,9 +15,9 @@ uint32_t forEachRecord(NQ_dbm_db *table, Take take) {
     auto *record = static_cast<Record *>(_NQ_dbm_db_getnext(table));
     if (record != nullptr) {
       take(record);
-    } else if (_NQ_dbm_db_scan(table) != DbmScan::complete) {
+    } else if (_NQ_dbm_db_scan(table) == DbmScan::underWay) {
       ++unreadable;
     }
   } while (_NQ_dbm_db_scan(table) == DbmScan::underWay);
-  return unreadable;
+  return unreadable + static_cast<uint32_t>(_NQ_dbm_db_unreached(table));
 }

@@ -9,6 +9,7 @@
 #include "internal/loaders.h"
 #include "internal/util.h"
 #include "maint/delete_object.h"
+#include "maint/kept_tables.h"
 #include "maint/run.h"
 #include "platform/out_of_memory.h"
 #include "platform/report.h"
@@ -41,6 +42,7 @@ void openForRun(int dflag, int pflag, int mflag) {
     runDb = open_nqwdb_ndbm(0);
   }
   if (runDb == nullptr) endUnopened();
+  refuseUnfinished();
   if (runDb->fieldList == nullptr) loadFieldList(runDb);
 }
 
@@ -102,10 +104,24 @@ void deleteListed() {
   fclose(tfp);
   tfp = nullptr;
   NQwDbFreeObjectIdList(objects);
-  if (objectids[0] == countOnly) {
-    cleanupCaches(1);
-    exit(exitNormal);
-  }
+}
+
+bool onlyCounts(int dflag) {
+  return dflag != 0 && objectids[0] == countOnly;
+}
+
+// Id 0 is no field, even where a damaged definition claims it.
+bool protocolHasField() {
+  const uint32_t fieldId = fieldNameToId(protocolName);
+  const FieldCacheEntry *field = fieldId == 0 ? nullptr : FieldInfoCache->find(fieldId);
+  return field != nullptr && field->info->type == Boolean;
+}
+
+void reportUnread() {
+  if (loadLosses.unreadable == 0) return;
+  fprintf(stderr, "dbsweep: %u records could not be read; objects among them were not deleted.\n",
+          loadLosses.unreadable);
+  runStatus = exitRefused;
 }
 
 NQwFieldBinding *newProtocolQuery() {
@@ -118,8 +134,7 @@ NQwFieldBinding *newProtocolQuery() {
 
 void deleteProtocol() {
   NQwFieldBinding *query = newProtocolQuery();
-  // Id 0 is no field, even where a damaged definition claims it.
-  NQwObjectIdList *ids = query->fieldId == 0 ? nullptr : objectsWithFieldValue(query);
+  NQwObjectIdList *ids = protocolHasField() ? objectsWithFieldValue(query) : nullptr;
   NQwDbFreeFieldValue(query->value);
   free(query);
   if (ids == nullptr && _NQwError == NQw_DB_OPEN_FAILED) endUnopened();
@@ -151,6 +166,13 @@ void deleteProtocol() {
 void loadAndPurge(int dflag, int pflag, int mflag) {
   openForRun(dflag, pflag, mflag);
   fillCaches(mflag);
+  const bool rewrites = pflag != 0 || mflag != 0;
+  if (rewrites && !onlyCounts(dflag) && (pflag == 0 || protocolHasField())) keepTables();
   if (dflag != 0) deleteListed();
+  if (!rewrites || onlyCounts(dflag)) reportUnread();
+  if (onlyCounts(dflag)) {
+    cleanupCaches(1);
+    exit(runStatus);
+  }
   if (pflag != 0) deleteProtocol();
 }

@@ -3,16 +3,24 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <string>
 
+#include "internal/loaders.h"
 #include "internal/util.h"
+#include "maint/kept_tables.h"
 #include "maint/run.h"
+#include "platform/files.h"
 #include "platform/out_of_memory.h"
 #include "platform/report.h"
 #include "records/value_table.h"
 #include "store/directory.h"
 #include "store/name_table.h"
+#include "store/versions.h"
 
 const char migrationLockFile[] = "/usr/NQ/conf/dbsweep.lock";
 
@@ -38,24 +46,68 @@ const char *currentDirectory() {
   return directory;
 }
 
-void removeFile(const char *directory, const char *name) {
+// False when the file is still there.
+bool removeFile(const char *directory, const char *name) {
   static char path[filePathSize];
   snprintf(path, sizeof path, "%s/%s", directory, name);
-  if (unlink(path) == 0) return;
+  if (unlink(path) == 0) return true;
+  const bool gone = errno == ENOENT;
   fprintf(stderr, "\nDatabase file %s couldn't be removed.\n", path);
   fprintf(stderr, "File will be written over, check permission for correctness\n");
+  return gone;
 }
+
+// Set by the removal and used by the rewrite: whether the old files are gone, and the locks that
+// keep other processes out while no handle is open.
+bool filesRemoved = false;
+std::shared_ptr<VersionLock> heldLocks;
 
 // A name field's value goes to the name tables only if it is a name; anything else goes back to
 // where it was read from.
-void storeValue(const CachedValue *item) {
+const char *nameOf(const CachedValue *item) {
+  return (item->field->flags & nameFieldFlag) != 0 ? singleString(item->value) : nullptr;
+}
+
+bool storeValue(const CachedValue *item) {
   const NQwFieldInfo *info = getCachedFieldInfo(item->field->fieldId);
-  const char *name = (info->flags & nameFieldFlag) != 0 ? singleString(item->value) : nullptr;
-  if (name != nullptr) {
-    putNameObject(runDb, *item->objectId, info->fieldId, name);
-  } else {
-    putValueObject(runDb, *item->objectId, info->fieldId, item->value);
+  const char *name = nameOf(item);
+  const int stored = name != nullptr
+                         ? putNameObject(runDb, *item->objectId, info->fieldId, name)
+                         : putValueObject(runDb, *item->objectId, info->fieldId, item->value);
+  return stored >= 0;
+}
+
+// Whether an earlier value of the object goes to the same key, which then keeps only the later one.
+bool overwrites(const ObjCacheEntry *object, const CachedValue *item) {
+  for (FieldValIter earlier(object->values); earlier() != item; earlier++) {
+    if (earlier()->field == item->field &&
+        (nameOf(earlier()) != nullptr) == (nameOf(item) != nullptr)) {
+      return true;
+    }
   }
+  return false;
+}
+
+// Stores all values of an object. Returns how many of them are not in the tables afterwards.
+uint32_t storeObject(const ObjCacheEntry *object) {
+  uint32_t lost = 0;
+  uint32_t highestField = 0;
+  for (FieldValIter item(object->values); item() != nullptr; item++) {
+    // Values ascend by field; only one that does not can share its field with an earlier one.
+    const uint32_t fieldId = item()->field->fieldId;
+    if (fieldId <= highestField && overwrites(object, item())) ++lost;
+    highestField = std::max(highestField, fieldId);
+    if (!storeValue(item())) ++lost;
+  }
+  return lost;
+}
+
+bool syncTables() {
+  bool synced = filesRemoved;
+  for (NQ_dbm_db *table : {runDb->objInfoDb, runDb->valueInfoDb, runDb->nameInfoDb}) {
+    if (_NQ_dbm_db_sync(table) != 0) synced = false;
+  }
+  return syncDirectory(dbPath(nullptr, nullptr)) == 0 && synced;
 }
 
 void recordMigration() {
@@ -70,13 +122,19 @@ void recordMigration() {
 
 void removeCurrentFiles() {
   const char *directory = currentDirectory();
+  std::string ignored;
+  heldLocks = lockVersion(directory, &ignored);
   closeRunDb();
-  for (const char *name : filesInCurDir) removeFile(directory, name);
+  filesRemoved = true;
+  for (const char *name : filesInCurDir) {
+    if (!removeFile(directory, name)) filesRemoved = false;
+  }
 }
 
 void rewriteDatabase(int migrate) {
   RecencyIter object(ObjValCache);
   runDb = open_nqwdb_ndbm(0);
+  heldLocks.reset();
   if (runDb == nullptr) {
     if (_NQwError == NQw_NO_MEMORY) nqwDbOutOfMemory();
     fprintf(stderr, "dbsweep: Cannot open objects database.\n");
@@ -84,11 +142,12 @@ void rewriteDatabase(int migrate) {
     fprintf(stderr, "\t\tnecessary Corvane commands to restart.\n");
     exit(exitNormal);
   }
+  uint32_t lost = loadLosses.unknownField + loadLosses.cutString;
   startBuffering(runDb);
-  for (; object() != nullptr; object++) {
-    for (FieldValIter item(object()->values); item() != nullptr; item++) storeValue(item());
-  }
+  for (; object() != nullptr; object++) lost += storeObject(object());
   stopBuffering(runDb);
+  const bool synced = syncTables();
   closeRunDb();
+  settleKeptTables({loadLosses.unreadable, lost, synced});
   if (migrate != 0) recordMigration();
 }

@@ -12,8 +12,9 @@ void removeCurrentFiles();
 //    fails, say so with the way back and end the process with status 0.
 // 2. Store every value of every cached object, newest object first, in the order of its list: names
 //    in obj_info and name_info, all others in value_info.
-// 3. Close the database; runDb is null.
-// 4. With migrate: record the migration in "/usr/NQ/conf/dbsweep.lock" (mode 0600, this process'
+// 3. Wait until the tables are on the disk and close the database; runDb is null.
+// 4. Remove the kept tables, or say where they are (kept_tables.h).
+// 5. With migrate: record the migration in "/usr/NQ/conf/dbsweep.lock" (mode 0600, this process'
 // id). id_keeper, field_info and enum_info are neither removed nor written.
 void rewriteDatabase(int migrate);
 

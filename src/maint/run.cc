@@ -8,6 +8,8 @@ uint32_t objectids[mostObjectIds];
 int32_t numofobj = 0;
 char protocolName[protocolNameSize];
 
+ExitStatus runStatus = exitNormal;
+
 ObjectDatabase *runDb = nullptr;
 
 void closeRunDb() {

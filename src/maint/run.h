@@ -22,6 +22,9 @@ extern int32_t numofobj;  // ids in objectids
 constexpr size_t protocolNameSize = 80;
 extern char protocolName[protocolNameSize];
 
+// The status with which the run ends when it gets to its end.
+extern ExitStatus runStatus;
+
 // Null before the load and whenever the run holds no open database.
 extern ObjectDatabase *runDb;
 

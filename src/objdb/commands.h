@@ -25,3 +25,14 @@ int dumpDatabase(const DatabaseName &database);
 // Lines that are not sealed by a header and a trailer, written by hand or picked from a dump, are
 // taken as they come.
 int loadDatabase(const DatabaseName &database, bool sealed);
+
+// Writes the names of the archived versions, a line each; "unfinished" behind the name of one that
+// a run has left marked, which is a finding.
+int printVersions(const DatabaseName &database);
+
+// Makes an archived version of "current" and writes its name.
+int archiveDatabase(const DatabaseName &database);
+
+// Puts the tables of a version in place of "current" and takes its mark away; the version stays.
+// Refuses while another process holds the tables.
+int restoreDatabase(const DatabaseName &database, const std::string &name, bool dryRun);

@@ -11,6 +11,7 @@
 
 #include "objdb/commands.h"
 #include "objdb/record_lines.h"
+#include "platform/files.h"
 
 namespace {
 
@@ -48,14 +49,6 @@ std::vector<StoredRecord> readDump(std::istream &input, bool sealed) {
   return records;
 }
 
-bool syncDirectory(const fs::path &directory) {
-  const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool synced = fsync(fd) == 0;
-  close(fd);
-  return synced;
-}
-
 // Makes the six tables in a directory. False when a store or a sync fails.
 bool buildTables(const fs::path &directory, const std::vector<StoredRecord> &records) {
   for (size_t table = 0; table < tableCount; ++table) {
@@ -72,7 +65,7 @@ bool buildTables(const fs::path &directory, const std::vector<StoredRecord> &rec
     _NQ_dbm_db_close(db);
     if (!stored) return false;
   }
-  return syncDirectory(directory);
+  return syncDirectory(directory) == 0;
 }
 
 }  // namespace
@@ -96,7 +89,7 @@ int loadDatabase(const DatabaseName &database, bool sealed) {
       return objdbFailed;
     }
     fs::rename(aside, version);
-    if (!syncDirectory(version.parent_path())) {
+    if (syncDirectory(version.parent_path()) != 0) {
       fprintf(stderr, "objdb: could not sync \"%s\": %s\n", version.parent_path().c_str(),
               strerror(errno));
       return objdbFailed;

@@ -17,16 +17,33 @@ int runCommand(int argc, char **argv) {
     command->footer(footer);
     command->add_option("--dir", database.directory, "The database directory")
         ->capture_default_str();
-    command->add_option("--version", database.version, "The version in it")->capture_default_str();
     return command;
   };
-  const CLI::App *dump = addCommand("dump", "Write a database as lines of JSON to standard output",
-                                    "Example: objdb dump > before.jsonl");
+  const auto addVersion = [&](CLI::App *command) {
+    command->add_option("--version", database.version, "The version in it")->capture_default_str();
+  };
+
+  CLI::App *dump = addCommand("dump", "Write a database as lines of JSON to standard output",
+                              "Example: objdb dump > before.jsonl");
+  addVersion(dump);
   CLI::App *load = addCommand("load", "Make a database from the lines of a dump on standard input",
                               "Example: objdb load --dir /var/tmp/copy < before.jsonl");
+  addVersion(load);
   bool unsealed = false;
   load->add_flag("--unsealed", unsealed,
                  "Take lines without a dump's header and trailer, which tell that none is missing");
+  const CLI::App *versions =
+      addCommand("versions", "List the archived versions and those that a run has left unfinished",
+                 "Example: objdb versions");
+  const CLI::App *archive = addCommand("archive", "Make an archived version of the current tables",
+                                       "Example: objdb archive");
+  CLI::App *restore =
+      addCommand("restore", "Put the tables of a version in place of the current ones",
+                 "Example: objdb restore 22112026.231500");
+  std::string name;
+  bool dryRun = false;
+  restore->add_option("VERSION", name, "The version, as 'objdb versions' names it")->required();
+  restore->add_flag("--dry-run", dryRun, "Only say what would be done");
 
   try {
     app.parse(argc, argv);
@@ -34,7 +51,10 @@ int runCommand(int argc, char **argv) {
     return app.exit(error) == 0 ? objdbFine : objdbFailed;
   }
   if (dump->parsed()) return dumpDatabase(database);
-  return loadDatabase(database, !unsealed);
+  if (load->parsed()) return loadDatabase(database, !unsealed);
+  if (versions->parsed()) return printVersions(database);
+  if (archive->parsed()) return archiveDatabase(database);
+  return restoreDatabase(database, name, dryRun);
 }
 
 }  // namespace

@@ -18,7 +18,8 @@ struct DbmTable {
   DbmDecoder decoder = nullptr;
   DbmEncoder encoder = nullptr;
   DbmScan scan = DbmScan::complete;
-  gdbm_count_t scanned = 0;  // records that the latest scan has met
+  gdbm_count_t scanned = 0;    // records that the latest scan has met
+  gdbm_count_t unreached = 0;  // and that it has not, once it has ended
   TableLock lock;
 };
 
@@ -61,15 +62,17 @@ void *decode(const DbmTable *table, std::string_view bytes) {
 
 // The end of a scan and a failure in it look alike, and a damaged table may end a scan early
 // without any error: only the library's own count tells.
-bool hasReachedEnd(const DbmTable *table) {
-  if (dbm_error(table->dbm) != 0) return false;
+bool hasReachedEnd(DbmTable *table) {
+  const bool failed = dbm_error(table->dbm) != 0;
   forgetErrors();
   gdbm_count_t records = 0;
   if (gdbm_count(table->dbm->file, &records) != 0) {
     checkMemory();
-    return false;
+    records = 0;
   }
-  return records == table->scanned;
+  const bool complete = !failed && records == table->scanned;
+  table->unreached = records > table->scanned ? records - table->scanned : !complete;
+  return complete;
 }
 
 int storeBytes(DbmTable *table, const void *key, size_t keyLength, const char *bytes,
@@ -162,6 +165,10 @@ void *_NQ_dbm_db_getnext(NQ_dbm_db *db) {
 
 DbmScan _NQ_dbm_db_scan(const NQ_dbm_db *db) {
   return db->table->scan;
+}
+
+uint64_t _NQ_dbm_db_unreached(const NQ_dbm_db *db) {
+  return db->table->unreached;
 }
 
 int _NQ_dbm_db_store_raw(NQ_dbm_db *db, std::string_view key, std::string_view bytes) {

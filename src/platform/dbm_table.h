@@ -72,6 +72,10 @@ int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength);
 void *_NQ_dbm_db_getnext(NQ_dbm_db *db);
 DbmScan _NQ_dbm_db_scan(const NQ_dbm_db *db);
 
+// How many records the latest scan, once it has ended, did not reach: 0 for a complete one, at
+// least 1 for a broken one.
+uint64_t _NQ_dbm_db_unreached(const NQ_dbm_db *db);
+
 // The same walk without the decoder: false when there is no further record.
 bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record);
 

@@ -56,6 +56,14 @@ bool TableLock::acquire(const char *path, int fd) {
   return true;
 }
 
+bool TableLock::acquire(const char *path) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  if (!acquire(path, fd)) return fail(fd, errno);
+  close(fd);
+  return true;
+}
+
 void TableLock::release() {
   if (!held_) return;
   held_ = false;

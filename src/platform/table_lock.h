@@ -18,6 +18,7 @@ class TableLock {
   // when another process holds it or the file at the path is not that one; errno says why.
   // Locking again what is already held succeeds.
   bool acquire(const char *path, int fd);
+  bool acquire(const char *path);  // for a file that is not open
   void release();
 
  private:

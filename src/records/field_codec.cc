@@ -6,6 +6,8 @@
 #include "platform/report.h"
 #include "records/decode_storage.h"
 
+uint32_t cutStrings = 0;
+
 namespace {
 
 bool isFieldType(int32_t type) {
@@ -110,7 +112,10 @@ bool_t _NQ_xdr_nullstring(XDR *stream, char **string, u_int longest) {
     if (*string == nullptr) return 0;
     (*string)[length] = '\0';
   }
-  return length == 0 || xdr_opaque(stream, *string, length);
+  if (length == 0) return 1;
+  if (!xdr_opaque(stream, *string, length)) return 0;
+  if (stream->x_op == XDR_DECODE && memchr(*string, '\0', length) != nullptr) ++cutStrings;
+  return 1;
 }
 
 void freeFieldValue(NQwFieldValue *value) {

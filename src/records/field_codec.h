@@ -23,6 +23,10 @@ bool_t xdr_fieldInfo(XDR *stream, NQwFieldInfo **info);
 // have room for longest + 1 characters.
 bool_t _NQ_xdr_nullstring(XDR *stream, char **string, u_int longest);
 
+// How many strings with a NUL inside have been decoded: what is behind the NUL is not in the
+// record, and would be lost if the record were written back.
+extern uint32_t cutStrings;
+
 // Release a decoded record; it must not be null.
 void freeFieldValue(NQwFieldValue *value);
 void freeFieldInfo(NQwFieldInfo *info);

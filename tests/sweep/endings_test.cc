@@ -128,6 +128,13 @@ TEST_F(Endings, ACaughtSignalEndsTheRunThroughTheCleanup) {
     EXPECT_EQ(outcome.err, dialogue + loading + rewriting);
     EXPECT_TRUE(tablesAreAPart()) << "signal " << signals[0];
     EXPECT_FALSE(exists("/usr/NQ/conf/dbsweep.lock"));
+
+    // The next run sends the operator to the kept tables, and they are the ones from before.
+    const std::string version = onlyVersion();
+    EXPECT_EQ(sweep("-d 99").err, dialogue + loading + unfinishedMessage(version));
+    EXPECT_EQ(run("objdb restore " + version.substr(version.rfind('/') + 1)).status, 0);
+    EXPECT_TRUE(tablesAreUnchanged()) << "signal " << signals[0];
+    std::filesystem::remove_all(version);
   }
 }
 

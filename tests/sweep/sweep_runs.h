@@ -1,6 +1,7 @@
 // What the tests of whole runs share.
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "support.h"
@@ -14,6 +15,29 @@ inline const std::string loading =
     "DEBUG: checking daemons...\nDEBUG: connect to object database...\n";
 inline const std::string rewriting =
     "DEBUG: save clear files in dbdir...\nDEBUG: restore db contents...\n";
+
+// What a run says that lost something, or may have.
+inline std::string keptMessage(int unread, int unwritten, const std::string &directory) {
+  return "dbsweep: " + std::to_string(unread) + " records could not be read and " +
+         std::to_string(unwritten) + " could not be written; the previous tables are kept in " +
+         directory + "\n";
+}
+
+inline std::string unfinishedMessage(const std::string &directory) {
+  return "dbsweep: An earlier run did not finish. Its tables are kept in " + directory +
+         "; restore them with 'objdb restore' first.\n";
+}
+
+// The directory of the one archived version; empty when there is not exactly one.
+inline std::string onlyVersion() {
+  std::string found;
+  int entries = 0;
+  for (const auto &entry : std::filesystem::directory_iterator("/usr/NQ/databases/nqwdb")) {
+    ++entries;
+    if (entry.path().filename() != "current") found = entry.path();
+  }
+  return entries == 2 ? found : "";
+}
 
 inline std::string deleted(uint32_t objectId) {
   return "dbsweep: Objectid " + std::to_string(static_cast<int32_t>(objectId)) +
