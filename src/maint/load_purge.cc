@@ -85,13 +85,15 @@ void openTraceFile() {
   if (tfp == nullptr) endWith(exitRefused, "dbsweep: Cann't open log file for writing\n");
 }
 
-void deleteListed() {
+// With `keeps` the tables are kept before the first deletion.
+void deleteListed(bool keeps) {
   openTraceFile();
   NQwObjectIdList *objects = listObjects(nullptr);
   if (objects == nullptr) endUnopened();
   writeCount(tfp, objects->count);
   writeCount(stderr, objects->count);
   if (objectids[0] != countOnly) {
+    if (keeps) keepTables();
     for (int32_t i = 0; i < numofobj; ++i) {
       if (_nqwDbDeleteObject(objectids[i]) == -1) {
         writeNotDeleted(tfp, objectids[i]);
@@ -146,6 +148,7 @@ void deleteProtocol() {
     cleanupCaches(1);
     exit(exitRefused);
   }
+  keepTables();
   int deleted = 0;
   for (int32_t i = 0; i < ids->count; ++i) {
     if (_nqwDbDeleteObject(ids->objectIds[i]) == 0) {
@@ -167,12 +170,13 @@ void loadAndPurge(int dflag, int pflag, int mflag) {
   openForRun(dflag, pflag, mflag);
   fillCaches(mflag);
   const bool rewrites = pflag != 0 || mflag != 0;
-  if (rewrites && !onlyCounts(dflag) && (pflag == 0 || protocolHasField())) keepTables();
-  if (dflag != 0) deleteListed();
+  const bool keeps = rewrites && (pflag == 0 || protocolHasField());
+  if (dflag != 0) deleteListed(keeps);
   if (!rewrites || onlyCounts(dflag)) reportUnread();
   if (onlyCounts(dflag)) {
     cleanupCaches(1);
     exit(runStatus);
   }
   if (pflag != 0) deleteProtocol();
+  if (keeps) keepTables();
 }

@@ -11,11 +11,11 @@ extern FILE *tfp;
 // alone
 //    through the shared handle, otherwise through a handle of the run's own.
 // 2. Fill the caches.
-// 3. Before the first change of a run that will rewrite the tables, keep them (kept_tables.h).
-// 4. With dflag: write the number of objects to the trace file and standard error, then delete the
+// 3. With dflag: write the number of objects to the trace file and standard error, then delete the
 //    objects in objectids; 99 in the first place asks for the number alone and ends the run.
-// 5. With pflag: delete every object whose Boolean field `protocolName` is true.
-// A run with dflag alone works on the tables and says whether it could read all of them; otherwise
-// the rewrite that follows makes the deletions last. Failures that end the run print their message
-// and exit here, mostly with status 0.
+// 4. With pflag: delete every object whose Boolean field `protocolName` is true.
+// A run that will rewrite the tables keeps them just before its first change of one
+// (kept_tables.h). A run with dflag alone works on the tables and says whether it could read all of
+// them; otherwise the rewrite that follows makes the deletions last. Failures that end the run
+// print their message and exit here, mostly with status 0.
 void loadAndPurge(int dflag, int pflag, int mflag);

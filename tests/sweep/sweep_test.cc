@@ -9,6 +9,7 @@
 
 namespace {
 
+using testing::EndsWith;
 using testing::StartsWith;
 
 const std::string isTrue = R"("type":"Boolean","value":true)";
@@ -227,6 +228,48 @@ TEST_F(Sweep, KeepsItsMessagesOutOfTheTablesWhenStandardErrorIsClosed) {
   EXPECT_EQ(sweep("-d 99 2>&-").status, 0);
   EXPECT_EQ(filesOf(rewrittenTables), tables);
   EXPECT_EQ(filesOf(untouchedTables), untouched);
+}
+
+// What cannot be read is counted, and never lost without a way back.
+TEST_F(Sweep, KeepsThePreviousTablesWhenNotEverythingWasRead) {
+  keptExpected = true;
+  ObjectDatabase *db = open_nqwdb_ndbm(0);
+  ASSERT_EQ(_NQ_dbm_db_store_raw(db->valueInfoDb, "damaged", "damaged"), 0);
+  ASSERT_EQ(_NQ_dbm_db_store_raw(db->objInfoDb, "damaged", "damaged"), 0);
+  close_nqwdb_ndbm(db);
+  const std::string tables = filesOf(rewrittenTables);
+
+  const Outcome counted = sweep("-d 99");
+  EXPECT_EQ(counted.status, 1);
+  EXPECT_EQ(counted.err, dialogue + loading + count(6) +
+                             "dbsweep: 2 records could not be read; objects among them were not "
+                             "deleted.\n");
+
+  const Outcome outcome = sweep("-p OSPF");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, dialogue + loading + rewriting + keptMessage(2, 0, onlyVersion()));
+  EXPECT_EQ(dump(), before) << "all that could be read";
+  const std::string version = onlyVersion();
+  EXPECT_EQ(run("objdb restore " + version.substr(version.rfind('/') + 1)).status, 0);
+  EXPECT_EQ(filesOf(rewrittenTables), tables);
+}
+
+TEST_F(Sweep, NeedsRoomForTheCopyAndTheNewTables) {
+  const std::string database = "/usr/NQ/databases/nqwdb";
+  for (const char *arguments : {"-p 'QRT Session'", "-m", "-p 'QRT Session' -d 1"}) {
+    const Outcome outcome = run(
+        "mkdir -p /usr/NQ/small; mount -t tmpfs -o size=250k tmpfs /usr/NQ/small; cp -a " +
+            currentDir + " /usr/NQ/small; mount --bind /usr/NQ/small " + database + "; dbsweep " +
+            arguments + "; status=$?; ls -A " + database + " >&2; diff -r " + database +
+            "/current /usr/NQ/small/current; umount " + database + " /usr/NQ/small; exit $status",
+        "yes");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, StartsWith(dialogue + loading));
+    EXPECT_THAT(outcome.err, EndsWith("dbsweep: Cannot keep the previous tables in " + database +
+                                      ": No space left on device\ncurrent\n"));
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_FALSE(exists("/usr/NQ/conf/dbsweep.lock"));
+  }
 }
 
 class EmptyPlatform : public PlatformTest {};

@@ -1,0 +1,116 @@
+// The companion command: dumps and loads, versions, and what they refuse.
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+
+#include "support.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+class Objdb : public PlatformTest {
+ protected:
+  Objdb() {
+    load(lines);
+    sealed = run("objdb dump").out;
+  }
+
+  static std::string checksums() {
+    return run("cd /usr/NQ/databases && ls -lR --full-time; find . -type f | sort | xargs "
+               "sha256sum")
+        .out;
+  }
+
+  const Lines lines =
+      emptyNetwork() + nameLines(7, 10, "gw1") + nameLines(4294967295, 10, std::string(256, 'n')) +
+      Lines{R"({"table":"name_info","object":7,"field":10,"name":{"hex":"e9"}})",
+            valueLine(7, 24,
+                      R"("type":"String","list":[null,"",{"hex":"ff80"}],"entryFlags":[0,1,0])"),
+            // Under a key that is not its own, and with a Boolean that no encoder writes.
+            valueLine(8, 20, R"("type":"Boolean","value":true,"key":"00ff")"),
+            valueLine(9, 20,
+                      R"("type":"Boolean","value":true,"bytes":")"
+                      "0000000100000009000000010000001400000001000000000000000200000007\"")};
+  std::string sealed;
+};
+
+TEST_F(Objdb, ADumpComesBackByteForByte) {
+  EXPECT_EQ(sorted(dump()), sorted(lines));
+  const Outcome loaded = run("objdb load --dir /usr/NQ/copy", sealed);
+  EXPECT_EQ(loaded.status, 0) << loaded.err;
+  EXPECT_EQ(run("objdb dump --dir /usr/NQ/copy").out, sealed);
+}
+
+TEST_F(Objdb, NothingIsLoadedFromADumpThatWasCutOrChanged) {
+  const size_t lastLine = sealed.rfind("\n", sealed.size() - 2) + 1;
+  const std::string other = R"({"table":"id_keeper","counter":5001})";
+  std::string changed = sealed;
+  changed.replace(changed.find(lines[0]), lines[0].size(), other);
+  const struct {
+    std::string input;
+    const char *reason;
+  } cases[] = {{"", "line 0: the dump ends without its trailer"},
+               {sealed.substr(0, lastLine), "the dump ends without its trailer"},
+               {sealed.substr(sealed.find('\n') + 1), "line 1: not the header of a dump"},
+               {sealed + lines[0] + "\n", "a line behind the trailer"},
+               {changed, "the trailer does not agree"},
+               {sealed.substr(0, 200), "line 4: "}};
+  for (const auto &each : cases) {
+    const Outcome outcome = run("objdb load --dir /usr/NQ/copy", each.input);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_THAT(outcome.err, HasSubstr(each.reason));
+    EXPECT_EQ(run("ls -A /usr/NQ/copy").out, "");
+  }
+  for (const char *bad : {R"({"table":"nothing"})", R"({"table":"id_keeper","counter":-1})",
+                          R"({"table":"id_keeper","counter":4294967296})",
+                          R"({"table":"obj_info","object":1,"field":10,"name":null})", "[]", "{"}) {
+    EXPECT_EQ(run("objdb load --unsealed --dir /usr/NQ/copy", bad).status, 2) << bad;
+  }
+  const std::string before = checksums();
+  EXPECT_EQ(run("objdb load", sealed).status, 1) << "the database holds something";
+  EXPECT_EQ(checksums(), before);
+}
+
+TEST_F(Objdb, ADumpEndsWithAnErrorAtWhatItCannotRead) {
+  ObjectDatabase *db = open_nqwdb_ndbm(0);
+  ASSERT_EQ(_NQ_dbm_db_store_raw(db->nameInfoDb, "damaged", "damaged"), 0);
+  close_nqwdb_ndbm(db);
+  const std::string before = checksums();
+  EXPECT_EQ(run("objdb dump").status, 2);
+  EXPECT_THAT(run("objdb dump").err,
+              HasSubstr("could not decode the record with key 64616d61676564"));
+  EXPECT_EQ(run("objdb dump --version nothing").status, 2);
+  EXPECT_EQ(run("objdb dump --wrong").status, 2);
+  EXPECT_EQ(run("objdb").status, 2);
+  EXPECT_EQ(checksums(), before);
+  std::filesystem::remove(currentDir + "/enum_info.dir");
+  EXPECT_EQ(run("objdb dump").status, 2);
+  EXPECT_FALSE(exists(currentDir + "/enum_info.dir")) << "a reading command made a file";
+}
+
+TEST_F(Objdb, VersionsAreMadeListedAndPutBack) {
+  EXPECT_EQ(run("objdb versions").out, "");
+  const std::string first = run("objdb archive").out, second = run("objdb archive").out;
+  EXPECT_NE(first, second) << "two in one second";
+  EXPECT_EQ(run("objdb versions").out, std::min(first, second) + std::max(first, second));
+  const std::string name = first.substr(0, first.size() - 1);
+
+  std::filesystem::remove(currentDir + "/value_info.pag");
+  const std::string before = checksums();
+  EXPECT_THAT(run("objdb restore --dry-run " + name).out, HasSubstr("would put the tables of"));
+  EXPECT_EQ(run("objdb restore nothing").status, 1);
+  const Outcome held = run("flock " + currentDir + "/obj_info.pag objdb restore " + name);
+  EXPECT_EQ(held.status, 1);
+  EXPECT_THAT(held.err, HasSubstr("nothing was changed"));
+  EXPECT_EQ(checksums(), before);
+
+  EXPECT_EQ(run("objdb restore " + name).status, 0);
+  EXPECT_EQ(run("objdb dump").out, sealed);
+  std::filesystem::remove_all(currentDir);
+  EXPECT_EQ(run("objdb restore " + name).status, 0);
+  EXPECT_EQ(run("objdb dump").out, sealed);
+}
+
+}  // namespace

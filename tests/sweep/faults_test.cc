@@ -1,0 +1,162 @@
+// Nothing is ever lost: a run is stopped, or its file system fails, at its first change of the file
+// system, at its second, and so on until it completes.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "sweep/sweep_runs.h"
+
+namespace {
+
+using testing::AnyOf;
+
+const std::string root = "/usr/NQ/databases/nqwdb";
+const std::string saved = "/usr/NQ/saved";
+
+struct Fault {
+  std::string how;  // "kill", or an error number
+  bool on;          // from then on every change
+  bool mapped;      // whether the table library maps its files
+};
+
+class Faults : public PlatformTest {
+ protected:
+  Faults() {
+    Lines lines = emptyNetwork();
+    for (uint32_t id = 1; id <= 6; ++id) {
+      lines = lines + nameLines(id, 10, "object " + std::to_string(id)) +
+              Lines{valueLine(id, 20,
+                              std::string(R"("type":"Boolean","value":)") +
+                                  (id % 2 == 0 ? "true" : "false")),
+                    valueLine(id, 24, R"("type":"String","list":["a","b"])")};
+    }
+    load(lines);
+    before = dump();
+    EXPECT_EQ(run("cp -a " + root + " " + saved).status, 0);
+  }
+
+  static void putBack() {
+    ASSERT_EQ(run("rm -rf " + root + " && cp -a " + saved + " " + root).status, 0);
+    std::filesystem::remove("/usr/NQ/conf/dbsweep.lock");
+  }
+
+  // Runs a command with the fault at its n-th change of the file system.
+  static Outcome runWith(const Fault &fault, const std::string &program,
+                         const std::string &arguments, int at) {
+    std::filesystem::remove("/usr/NQ/tmp/count");
+    return run("FAULT_IN=" + program + " FAULT_AT=" + std::to_string(at) +
+                   " FAULT_HOW=" + fault.how + (fault.on ? " FAULT_ON=1" : "") +
+                   (fault.mapped ? "" : " FAULT_NOMAP=1") +
+                   " FAULT_COUNT=/usr/NQ/tmp/count ASAN_OPTIONS=verify_asan_link_order=0" +
+                   " LD_PRELOAD=" DBSWEEP_FAULT_PRELOAD " " + program + " " + arguments,
+               "yes\n");
+  }
+
+  // Whether the fault lay behind the last change that the command made.
+  static bool wasBehindTheEnd(int at) {
+    return std::stoi("0" + readFile("/usr/NQ/tmp/count")) < at;
+  }
+
+  static bool contains(const Lines &whole, const Lines &part) {
+    const Lines a = sorted(whole), b = sorted(part);
+    return std::includes(a.begin(), a.end(), b.begin(), b.end());
+  }
+
+  static Lines currentLines() { return run("objdb dump").status == 0 ? dump() : Lines{}; }
+
+  static std::string versionName() {
+    const std::string names = run("objdb versions").out;
+    return names.substr(0, names.find_first_of(" \n"));
+  }
+
+  // "current" holds the old or the new database whole, or the kept version brings the old one back.
+  // A deletion that failed, and said so, may have left an object in part.
+  void expectNothingLost(const Lines &after, bool partsAllowed) {
+    const Lines current = currentLines();
+    if (current == before || current == after) return;
+    if (partsAllowed && contains(before, current) && contains(current, after)) return;
+    const std::string version = versionName();
+    ASSERT_NE(version, "") << "no whole database anywhere";
+    const Outcome restored = run("objdb restore " + version);
+    ASSERT_EQ(restored.status, 0) << restored.err;
+    ASSERT_EQ(dump(), before);
+  }
+
+  Lines before;
+};
+
+TEST_F(Faults, ARunCanBeStoppedAnywhere) {
+  for (const bool mapped : {true, false}) {
+    for (const char *arguments : {"-p 'QRT Session'", "-m"}) {
+      const Lines after = arguments[1] == 'm' ? before : without(before, {2, 4, 6});
+      for (int at = 1;; ++at) {
+        SCOPED_TRACE(std::string(arguments) + " stopped at " + std::to_string(at));
+        putBack();
+        const Outcome outcome = runWith({"kill", false, mapped}, "dbsweep", arguments, at);
+        if (wasBehindTheEnd(at)) {
+          ASSERT_EQ(outcome.status, 0);
+          ASSERT_EQ(dump(), after);
+          ASSERT_EQ(versionName(), "");
+          printf("%s: %d points%s\n", arguments, at - 1, mapped ? "" : ", files not mapped");
+          ASSERT_GT(at, 60);
+          break;
+        }
+        ASSERT_EQ(outcome.status, 128 + SIGKILL);
+        ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
+      }
+    }
+  }
+}
+
+TEST_F(Faults, ARestoreCanBeStoppedAnywhere) {
+  const Fault kill{"kill", false, true};
+  const Lines after = without(before, {2, 4, 6});
+  // A run stopped where the tables are gone and only the kept version has them.
+  int at = 1;
+  do {
+    putBack();
+    runWith(kill, "dbsweep", "-p 'QRT Session'", at++);
+  } while (exists(currentDir + "/obj_info.pag"));
+  ASSERT_EQ(run("cp -a " + root + " /usr/NQ/stopped").status, 0);
+  const std::string version = versionName();
+  for (at = 1;; ++at) {
+    SCOPED_TRACE("restore stopped at " + std::to_string(at));
+    ASSERT_EQ(run("rm -rf " + root + " && cp -a /usr/NQ/stopped " + root).status, 0);
+    runWith(kill, "objdb", "restore " + version, at);
+    if (!wasBehindTheEnd(at)) {
+      ASSERT_EQ(run("objdb restore " + version).status, 0);
+    }
+    ASSERT_EQ(dump(), before);
+    ASSERT_EQ(sweep("-d 99").status, 0) << "the restored database is ready for use";
+    if (wasBehindTheEnd(at)) break;
+  }
+  printf("restore: %d points\n", at - 1);
+  EXPECT_GT(at, 30);
+}
+
+TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
+  const Lines after = without(before, {2, 4, 6});
+  for (const Fault &fault :
+       {Fault{std::to_string(ENOSPC), false, false}, Fault{std::to_string(EIO), false, true},
+        Fault{std::to_string(EIO), true, false}}) {
+    for (int at = 1;; ++at) {
+      SCOPED_TRACE("error " + fault.how + (fault.on ? " from " : " at ") + std::to_string(at));
+      putBack();
+      const Outcome outcome = runWith(fault, "dbsweep", "-p 'QRT Session'", at);
+      SCOPED_TRACE(outcome.err);
+      ASSERT_THAT(outcome.status, AnyOf(0, 1, 255));
+      const bool failedToDelete = outcome.err.find("could not be deleted") != std::string::npos;
+      ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, failedToDelete));
+      // A run that reports nothing unusual has done all of its work.
+      if (outcome.err.ends_with(rewriting) && outcome.status == 0 && !failedToDelete) {
+        ASSERT_EQ(currentLines(), after);
+      }
+      if (wasBehindTheEnd(at)) break;
+    }
+  }
+}
+
+}  // namespace
