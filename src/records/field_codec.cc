@@ -49,6 +49,18 @@ bool_t codeList(XDR *stream, ValueList **list, int32_t type) {
   return coded;
 }
 
+// The characters of a string behind its length word.
+bool_t decodeCharacters(XDR *stream, char **string, u_int length) {
+  if (*string == nullptr) *string = static_cast<char *>(malloc(length + 1));
+  char *characters = *string;
+  if (characters == nullptr) return 0;
+  characters[length] = '\0';
+  if (length == 0) return 1;
+  if (!xdr_opaque(stream, characters, length)) return 0;
+  if (memchr(characters, '\0', length) != nullptr) ++cutStrings;
+  return 1;
+}
+
 // Releases what a value owns. A type that is none owns nothing.
 void freeParts(XDR *stream, NQwFieldValue *value) {
   if (value->isList != 0) {
@@ -107,15 +119,8 @@ bool_t _NQ_xdr_nullstring(XDR *stream, char **string, u_int longest) {
     return 1;
   }
   if (length > longest) return 0;
-  if (stream->x_op == XDR_DECODE) {
-    if (*string == nullptr) *string = static_cast<char *>(malloc(length + 1));
-    if (*string == nullptr) return 0;
-    (*string)[length] = '\0';
-  }
-  if (length == 0) return 1;
-  if (!xdr_opaque(stream, *string, length)) return 0;
-  if (stream->x_op == XDR_DECODE && memchr(*string, '\0', length) != nullptr) ++cutStrings;
-  return 1;
+  if (stream->x_op == XDR_DECODE) return decodeCharacters(stream, string, length);
+  return length == 0 || xdr_opaque(stream, *string, length);
 }
 
 void freeFieldValue(NQwFieldValue *value) {

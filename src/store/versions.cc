@@ -37,35 +37,36 @@ bool isThere(const std::string &path) {
   return lstat(path.c_str(), &status) == 0;
 }
 
-bool fail(const std::string &what, std::string *error) {
-  *error = "could not " + what + ": " + strerror(errno);
+bool fail(const char *attempt, const std::string &path, std::string *error) {
+  const char *reason = strerror(errno);
+  *error = std::string("could not ") + attempt + " \"" + path + "\": " + reason;
   return false;
 }
 
 bool renameSynced(const std::string &database, const std::string &from, const std::string &to,
                   std::string *error) {
   if (rename(from.c_str(), to.c_str()) != 0) {
-    return fail("rename \"" + from + "\" to \"" + to + "\"", error);
+    return fail("rename", from, error);
   }
-  if (syncDirectory(database) != 0) return fail("sync \"" + database + "\"", error);
+  if (syncDirectory(database) != 0) return fail("sync", database, error);
   return true;
 }
 
 bool removeWhole(const std::string &directory, std::string *error) {
-  return removeDirectory(directory) == 0 || fail("remove \"" + directory + "\"", error);
+  return removeDirectory(directory) == 0 || fail("remove", directory, error);
 }
 
 // Copies the table files of one directory into a new one. A table that is not there is not copied;
 // half of one is an error.
 bool copyTables(const std::string &from, const std::string &to, std::string *error) {
-  if (mkdir(to.c_str(), 0777) != 0) return fail("make \"" + to + "\"", error);
+  if (mkdir(to.c_str(), 0777) != 0) return fail("make", to, error);
   for (const TableFile &table : tableFiles) {
-    const std::string file = std::string("/") + table.name;
+    std::string file = "/";
+    file += table.name;
     if (!isThere(from + file + ".dir") && !isThere(from + file + ".pag")) continue;
     for (const char *suffix : suffixes) {
-      if (copyFileSynced(from + file + suffix, to + file + suffix) != 0) {
-        return fail("copy \"" + from + file + suffix + "\"", error);
-      }
+      const std::string source = from + file + suffix;
+      if (copyFileSynced(source, to + file + suffix) != 0) return fail("copy", source, error);
     }
   }
   return true;
@@ -78,9 +79,9 @@ bool copyAside(const std::string &database, const std::string &from, bool unfini
   if (!removeWhole(aside, error)) return false;
   bool complete = copyTables(from, aside, error);
   if (complete && unfinished && makeMarker(aside + marker) != 0) {
-    complete = fail("make \"" + aside + marker + "\"", error);
+    complete = fail("make", aside + marker, error);
   }
-  if (complete && syncDirectory(aside) != 0) complete = fail("sync \"" + aside + "\"", error);
+  if (complete && syncDirectory(aside) != 0) complete = fail("sync", aside, error);
   if (!complete) removeDirectory(aside);
   return complete;
 }
@@ -104,12 +105,13 @@ std::vector<Version> listVersions(const std::string &database) {
   const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(database.c_str()), closedir);
   if (entries == nullptr) return versions;
   while (const dirent *entry = readdir(entries.get())) {
-    const std::string name = entry->d_name;
-    const std::string directory = database + "/" + name;
-    if (name[0] == '.' || "/" + name == currentName || !isThere(directory + "/obj_info.pag")) {
+    std::string directory = database + "/";
+    directory += entry->d_name;
+    if (entry->d_name[0] == '.' || directory == database + currentName ||
+        !isThere(directory + "/obj_info.pag")) {
       continue;
     }
-    versions.push_back({name, directory, isThere(directory + marker)});
+    versions.push_back({entry->d_name, directory, isThere(directory + marker)});
   }
   std::sort(versions.begin(), versions.end(),
             [](const Version &a, const Version &b) { return a.name < b.name; });
@@ -127,9 +129,9 @@ bool makeVersion(const std::string &database, bool unfinished, Version *made, st
 
 bool finishVersion(const Version &version, std::string *error) {
   const std::string mark = version.directory + marker;
-  if (unlink(mark.c_str()) != 0 && errno != ENOENT) return fail("remove \"" + mark + "\"", error);
+  if (unlink(mark.c_str()) != 0 && errno != ENOENT) return fail("remove", mark, error);
   if (syncDirectory(version.directory) != 0) {
-    return fail("sync \"" + version.directory + "\"", error);
+    return fail("sync", version.directory, error);
   }
   return true;
 }
@@ -163,7 +165,7 @@ bool bytesForRewrite(const std::string &database, uint64_t *bytes, std::string *
     for (const char *suffix : suffixes) {
       const std::string path = database + currentName + "/" + table.name + suffix;
       struct stat status {};
-      if (stat(path.c_str(), &status) != 0) return fail("look at \"" + path + "\"", error);
+      if (stat(path.c_str(), &status) != 0) return fail("look at", path, error);
       *bytes += static_cast<uint64_t>(status.st_size) * (table.rewritten ? 2 : 1);
     }
   }
@@ -183,7 +185,7 @@ std::shared_ptr<VersionLock> lockVersion(const std::string &directory, std::stri
     if (!isThere(path)) continue;
     auto held = std::make_unique<TableLock>();
     if (!held->acquire(path.c_str())) {
-      fail("lock \"" + path + "\"", error);
+      fail("lock", path, error);
       return nullptr;
     }
     lock->locks.push_back(std::move(held));
