@@ -3,6 +3,8 @@
 // process (FAULT_HOW=kill) or fails the call with the error number that FAULT_HOW is, from then on
 // every call if FAULT_ON is set. FAULT_NOMAP opens tables without mapping them, so that the library
 // writes by calls. The count so far is in the file that FAULT_COUNT names.
+//
+// Built with FAULT_ALLOCATIONS it counts and fails allocations instead.
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -44,6 +46,8 @@ bool fault() {
   return true;
 }
 
+#ifndef FAULT_ALLOCATIONS
+
 template <typename Function>
 Function next(const char *name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
@@ -59,9 +63,31 @@ mode_t modeOf(int flags, va_list arguments) {
   return (flags & O_CREAT) != 0 ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
 }
 
+#endif
+
 }  // namespace
 
 extern "C" {
+
+#ifdef FAULT_ALLOCATIONS
+
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *storage, size_t size);
+
+void *malloc(size_t size) {
+  return fault() ? nullptr : __libc_malloc(size);
+}
+
+void *calloc(size_t count, size_t size) {
+  return fault() ? nullptr : __libc_calloc(count, size);
+}
+
+void *realloc(void *storage, size_t size) {
+  return fault() ? nullptr : __libc_realloc(storage, size);
+}
+
+#else
 
 int open(const char *path, int flags, ...) {
   va_list arguments;
@@ -125,5 +151,7 @@ GDBM_FILE gdbm_open(const char *path, int block, int flags, int mode, void (*fat
   return next<GDBM_FILE (*)(const char *, int, int, int, void (*)(const char *))>("gdbm_open")(
       path, block, unmapped ? flags | GDBM_NOMMAP : flags, mode, fatal);
 }
+
+#endif
 
 }  // extern "C"

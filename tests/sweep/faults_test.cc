@@ -5,7 +5,9 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <random>
 
 #include "sweep/sweep_runs.h"
 
@@ -16,10 +18,18 @@ using testing::AnyOf;
 const std::string root = "/usr/NQ/databases/nqwdb";
 const std::string saved = "/usr/NQ/saved";
 
+// How many random moments; DBSWEEP_MOMENTS asks for another number.
+#ifdef __SANITIZE_ADDRESS__
+constexpr int fewMoments = 15;
+#else
+constexpr int fewMoments = 150;
+#endif
+
 struct Fault {
   std::string how;  // "kill", or an error number
   bool on;          // from then on every change
   bool mapped;      // whether the table library maps its files
+  std::string preload = FAULT_PRELOAD;
 };
 
 class Faults : public PlatformTest {
@@ -51,7 +61,7 @@ class Faults : public PlatformTest {
                    " FAULT_HOW=" + fault.how + (fault.on ? " FAULT_ON=1" : "") +
                    (fault.mapped ? "" : " FAULT_NOMAP=1") +
                    " FAULT_COUNT=/usr/NQ/tmp/count ASAN_OPTIONS=verify_asan_link_order=0" +
-                   " LD_PRELOAD=" DBSWEEP_FAULT_PRELOAD " " + program + " " + arguments,
+                   " LD_PRELOAD=" + fault.preload + " " + program + " " + arguments,
                "yes\n");
   }
 
@@ -111,6 +121,35 @@ TEST_F(Faults, ARunCanBeStoppedAnywhere) {
   }
 }
 
+// With mapped files most stores are no calls; only the clock finds the moments between them.
+TEST_F(Faults, ARunCanBeStoppedAtAnyMoment) {
+  std::filesystem::remove_all(currentDir);
+  const std::string sample = DBSWEEP_SOURCE_DIR "/script/sample-network 1500";
+  ASSERT_EQ(run(sample + " | objdb load --unsealed").status, 0);
+  ASSERT_EQ(run("rm -rf " + saved + "; cp -a " + root + " " + saved).status, 0);
+  before = dump();
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(sweep("-p OSPF").status, 0);
+  const std::chrono::duration<double> whole = std::chrono::steady_clock::now() - start;
+  const Lines after = dump();
+  const char *wanted = getenv("DBSWEEP_MOMENTS");
+  const int moments = wanted == nullptr ? fewMoments : atoi(wanted);
+  std::mt19937 random(17);
+  int stopped = 0, mended = 0;
+  for (int round = 0; round < moments; ++round) {
+    putBack();
+    const std::string seconds =
+        std::to_string(whole.count() * static_cast<double>(random() % 1000) / 1000);
+    SCOPED_TRACE("stopped after " + seconds + " s");
+    stopped += run("timeout -s KILL " + seconds + " dbsweep -p OSPF", "yes\n").status == 137;
+    const Lines current = currentLines();
+    mended += current != before && current != after;
+    ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
+  }
+  printf("%d of %d runs were stopped, %d needed the kept tables\n", stopped, moments, mended);
+  EXPECT_GT(stopped, moments / 3);
+}
+
 TEST_F(Faults, ARestoreCanBeStoppedAnywhere) {
   const Fault kill{"kill", false, true};
   const Lines after = without(before, {2, 4, 6});
@@ -157,6 +196,28 @@ TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
       if (wasBehindTheEnd(at)) break;
     }
   }
+}
+
+// Before the load the C library alone allocates, and does without where it can.
+TEST_F(Faults, AnAllocationThatFailsEndsTheRunOrIsDoneWithout) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the address sanitizer has an allocator of its own";
+#endif
+  const Lines after = without(before, {2, 4, 6});
+  const std::string number = std::to_string(ENOMEM);
+  int ended = 0;
+  for (int at = 1;; ++at) {
+    SCOPED_TRACE("allocation " + std::to_string(at));
+    putBack();
+    const Outcome outcome =
+        runWith({number, false, true, ALLOCATION_FAULT_PRELOAD}, "dbsweep", "-p 'QRT Session'", at);
+    SCOPED_TRACE(outcome.err);
+    ASSERT_THAT(outcome.status, AnyOf(0, 1));
+    ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
+    ended += outcome.err.ends_with("dbsweep: Out of memory.") ? 1 : 0;
+    if (wasBehindTheEnd(at)) break;
+  }
+  EXPECT_GT(ended, 100);
 }
 
 }  // namespace
