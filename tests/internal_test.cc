@@ -218,28 +218,12 @@ TEST_F(Caches, AListMatchesWhenItContainsTheOther) {
   EXPECT_EQ(have[2].value.string, y) << "the cached list stays sorted";
 }
 
-TEST_F(Caches, ObjectsAreListedNewestFirstAndByValueInLoadOrder) {
+TEST_F(Caches, ObjectsAreListedNewestFirst) {
   load(network);
   loadCaches();
   for (const uint32_t id : {3u, 1u, 2u}) ObjValCache->find(id);
   EXPECT_THAT(idsOf(listObjects(nullptr)), ElementsAre(2, 1, 3));
   EXPECT_THAT(idsOf(objectsWithFieldValue(nullptr)), ElementsAre(2, 1, 3));
-
-  std::vector<uint32_t> expected;
-  for (FieldValIter item(FieldInfoCache->find(20)->values); item() != nullptr; item++) {
-    if (*item()->objectId != 2) expected.push_back(*item()->objectId);
-  }
-  NQwFieldValue isTrue{0, Boolean, {1}, 0};
-  NQwFieldBinding binding{20, &isTrue};
-  EXPECT_EQ(idsOf(objectsWithFieldValue(&binding)), expected);
-  EXPECT_EQ(NQwError(), 0);
-
-  binding.fieldId = 22;
-  EXPECT_THAT(idsOf(objectsWithFieldValue(&binding)), ElementsAre(0));
-  EXPECT_EQ(NQwError(), NQw_FIELD_TYPE_MISMATCH);
-  binding.fieldId = 99;
-  EXPECT_THAT(idsOf(objectsWithFieldValue(&binding)), ElementsAre(0));
-  EXPECT_EQ(NQwError(), NQw_FIELD_NOT_FOUND);
 }
 
 TEST_F(Caches, SingleValuesComeFromTheCache) {

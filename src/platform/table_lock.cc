@@ -18,7 +18,8 @@ struct HeldFile {
   int handles;
 };
 
-std::vector<HeldFile> heldFiles;
+// Never destroyed: locks may be released while the process' other statics are.
+std::vector<HeldFile> &heldFiles = *new std::vector<HeldFile>;
 
 auto findHeld(dev_t device, ino_t inode) {
   return std::find_if(heldFiles.begin(), heldFiles.end(), [&](const HeldFile &file) {
