@@ -43,14 +43,18 @@ class SignalsHeld {
   SignalsHeld(const SignalsHeld &) = delete;
   SignalsHeld &operator=(const SignalsHeld &) = delete;
 
-  static bool interrupted() {
+  // Whether a signal waits that will end the process as soon as it is let through.
+  bool interrupted() const {
     sigset_t pending;
     sigpending(&pending);
     for (const int number :
          {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGALRM, SIGTERM, SIGUSR1, SIGUSR2}) {
       struct sigaction action {};
       sigaction(number, nullptr, &action);
-      if (sigismember(&pending, number) == 1 && action.sa_handler == SIG_DFL) return true;
+      if (sigismember(&pending, number) == 1 && sigismember(&before_, number) == 0 &&
+          action.sa_handler == SIG_DFL) {
+        return true;
+      }
     }
     return false;
   }
@@ -80,7 +84,7 @@ void makeCopy() {
   if (!hasRoom(database, &error) || !makeVersion(database, true, &keptVersion, &error)) {
     endUnkept(keptVersion.directory.empty() ? database : keptVersion.directory, error);
   }
-  if (SignalsHeld::interrupted()) {
+  if (held.interrupted()) {
     removeVersion(database, keptVersion, &error);
     return;  // to the signal that ends the run
   }
@@ -102,11 +106,10 @@ void refuseUnfinished() {
 }
 
 void keepTables() {
-  if (kept) return;
   // Without the handler an exhausted memory comes back here, and the copy does not stay half made.
   const std::new_handler handler = std::set_new_handler(nullptr);
   try {
-    makeCopy();
+    while (!kept) makeCopy();
   } catch (const std::bad_alloc &) {
     removeLeftovers(databaseDirectory());
     nqwDbOutOfMemory();
