@@ -18,11 +18,17 @@ struct HeldFile {
   int handles;
 };
 
-// Never destroyed: locks may be released while the process' other statics are.
-std::vector<HeldFile> &heldFiles = *new std::vector<HeldFile>;
+// Never destroyed, since locks may be released while the process' other statics are, and without an
+// allocation at the start, when nothing could say that it failed.
+union HeldFiles {
+  HeldFiles() : files() {}
+  ~HeldFiles() {}
+  std::vector<HeldFile> files;
+};
+HeldFiles registry;
 
 auto findHeld(dev_t device, ino_t inode) {
-  return std::find_if(heldFiles.begin(), heldFiles.end(), [&](const HeldFile &file) {
+  return std::find_if(registry.files.begin(), registry.files.end(), [&](const HeldFile &file) {
     return file.device == device && file.inode == inode;
   });
 }
@@ -40,7 +46,7 @@ bool TableLock::acquire(const char *path, int fd) {
   struct stat opened {};
   if (fstat(fd, &opened) != 0) return false;
   auto held = findHeld(opened.st_dev, opened.st_ino);
-  if (held != heldFiles.end()) {
+  if (held != registry.files.end()) {
     ++held->handles;
   } else {
     const int own = open(path, O_RDONLY | O_CLOEXEC);
@@ -49,7 +55,7 @@ bool TableLock::acquire(const char *path, int fd) {
     if (fstat(own, &named) != 0) return fail(own, errno);
     if (named.st_dev != opened.st_dev || named.st_ino != opened.st_ino) return fail(own, ESTALE);
     if (flock(own, LOCK_EX | LOCK_NB) != 0) return fail(own, errno);
-    heldFiles.push_back({opened.st_dev, opened.st_ino, own, 1});
+    registry.files.push_back({opened.st_dev, opened.st_ino, own, 1});
   }
   held_ = true;
   device_ = opened.st_dev;
@@ -69,7 +75,7 @@ void TableLock::release() {
   if (!held_) return;
   held_ = false;
   auto held = findHeld(device_, inode_);
-  if (held == heldFiles.end() || --held->handles > 0) return;
+  if (held == registry.files.end() || --held->handles > 0) return;
   close(held->fd);
-  heldFiles.erase(held);
+  registry.files.erase(held);
 }
