@@ -13,14 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string root = "/usr/NQ/databases/nqwdb";
-const std::string saved = "/usr/NQ/saved";
-
-#ifdef __SANITIZE_ADDRESS__
-constexpr int flips = 100;
-#else
-constexpr int flips = 1000;
-#endif
+constexpr int flips = sanitized ? 100 : 1000;
 
 class Damage : public PlatformTest {
  protected:
@@ -32,17 +25,11 @@ class Damage : public PlatformTest {
                     valueLine(id, 24, R"("type":"String","value":"some text")")};
     }
     load(lines);
-    fs::copy(root, saved, fs::copy_options::recursive);
+    saveTables();
     for (const auto &entry : fs::directory_iterator(saved + "/current")) {
       files.push_back(entry.path().filename());
     }
     std::sort(files.begin(), files.end());
-  }
-
-  static void putBack() {
-    fs::remove_all(root);
-    fs::copy(saved, root, fs::copy_options::recursive);
-    fs::remove("/usr/NQ/conf/dbsweep.lock");
   }
 
   // What the two tables say from which a run takes its objects. A rewrite mends keys that are not
@@ -93,7 +80,7 @@ TEST_F(Damage, TablesCutAtEveryBlock) {
     const auto size = static_cast<off_t>(fs::file_size(saved + "/current/" + file));
     for (off_t length = 0; length < size; length += step, ++cuts) {
       SCOPED_TRACE(file + " cut to " + std::to_string(length));
-      putBack();
+      putTablesBack();
       ASSERT_EQ(truncate((currentDir + "/" + file).c_str(), length), 0);
       survive();
       ASSERT_FALSE(HasFailure());
@@ -107,7 +94,7 @@ TEST_F(Damage, BytesFlippedAnywhere) {
   int clean = 0;
   for (int round = 0; round < flips; ++round) {
     const std::string &file = files[random() % files.size()];
-    putBack();
+    putTablesBack();
     std::string content = readFile(currentDir + "/" + file);
     // Every other one in the header, the directory and the first bucket.
     const size_t range = round % 2 == 0 ? content.size() : std::min<size_t>(content.size(), 9000);

@@ -18,15 +18,11 @@ namespace {
 using testing::EndsWith;
 using testing::StartsWith;
 
-const std::string keptDir = "/usr/NQ/kept";
+const std::string savedDir = saved + "/current";
 const std::vector<const char *> objectTables = {"obj_info", "value_info", "name_info"};
 
 // Runs that take long enough to be aimed at; the sanitizers make smaller ones last as long.
-#ifdef __SANITIZE_ADDRESS__
-constexpr int manyObjects = 4000;
-#else
-constexpr int manyObjects = 20000;
-#endif
+constexpr int manyObjects = sanitized ? 4000 : 20000;
 
 class Endings : public PlatformTest {
  protected:
@@ -34,16 +30,11 @@ class Endings : public PlatformTest {
     const Outcome outcome = run(std::string(DBSWEEP_SOURCE_DIR) + "/script/sample-network " +
                                 std::to_string(objects) + " | objdb load --unsealed");
     ASSERT_EQ(outcome.status, 0) << outcome.err;
-    ASSERT_EQ(run("cp -a " + currentDir + " " + keptDir).status, 0);
-  }
-
-  static void putTablesBack() {
-    ASSERT_EQ(run("rm -rf " + currentDir + " && cp -a " + keptDir + " " + currentDir).status, 0);
-    std::filesystem::remove("/usr/NQ/conf/dbsweep.lock");
+    saveTables();
   }
 
   static bool tablesAreUnchanged() {
-    return run("diff -r " + keptDir + " " + currentDir).status == 0;
+    return run("diff -r " + savedDir + " " + currentDir).status == 0;
   }
 
   static std::set<std::string> recordsOf(const std::string &directory, const char *table) {
@@ -63,7 +54,7 @@ class Endings : public PlatformTest {
   static bool tablesAreAPart() {
     size_t missing = 0;
     for (const char *table : objectTables) {
-      const std::set<std::string> before = recordsOf(keptDir, table);
+      const std::set<std::string> before = recordsOf(savedDir, table);
       const std::set<std::string> after = recordsOf(currentDir, table);
       if (!std::includes(before.begin(), before.end(), after.begin(), after.end())) return false;
       missing += before.size() - after.size();
@@ -172,9 +163,7 @@ TEST_F(Endings, AFaultInTheCleanupEndsTheRunWithoutAnother) {
 // From too little memory to load anything to more than enough. The processes that the run starts
 // live under the same limit, so the smallest one lets them work.
 TEST_F(Endings, AnExhaustedMemoryEndsTheRunOrTheRunCompletes) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the address sanitizer needs all address space";
-#endif
+  if (sanitized) GTEST_SKIP() << "the address sanitizer needs all address space";
   loadSample(6000);
   const Lines before = dump();
   const Outcome smallest =

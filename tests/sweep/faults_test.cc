@@ -15,15 +15,8 @@ namespace {
 
 using testing::AnyOf;
 
-const std::string root = "/usr/NQ/databases/nqwdb";
-const std::string saved = "/usr/NQ/saved";
-
 // How many random moments; DBSWEEP_MOMENTS asks for another number.
-#ifdef __SANITIZE_ADDRESS__
-constexpr int fewMoments = 15;
-#else
-constexpr int fewMoments = 150;
-#endif
+constexpr int fewMoments = sanitized ? 15 : 150;
 
 struct Fault {
   std::string how;  // "kill", or an error number
@@ -45,12 +38,7 @@ class Faults : public PlatformTest {
     }
     load(lines);
     before = dump();
-    EXPECT_EQ(run("cp -a " + root + " " + saved).status, 0);
-  }
-
-  static void putBack() {
-    ASSERT_EQ(run("rm -rf " + root + " && cp -a " + saved + " " + root).status, 0);
-    std::filesystem::remove("/usr/NQ/conf/dbsweep.lock");
+    saveTables();
   }
 
   // Runs a command with the fault at its n-th change of the file system.
@@ -104,7 +92,7 @@ TEST_F(Faults, ARunCanBeStoppedAnywhere) {
       const Lines after = arguments[1] == 'm' ? before : without(before, {2, 4, 6});
       for (int at = 1;; ++at) {
         SCOPED_TRACE(std::string(arguments) + " stopped at " + std::to_string(at));
-        putBack();
+        putTablesBack();
         const Outcome outcome = runWith({"kill", false, mapped}, "dbsweep", arguments, at);
         if (wasBehindTheEnd(at)) {
           ASSERT_EQ(outcome.status, 0);
@@ -126,7 +114,7 @@ TEST_F(Faults, ARunCanBeStoppedAtAnyMoment) {
   std::filesystem::remove_all(currentDir);
   const std::string sample = DBSWEEP_SOURCE_DIR "/script/sample-network 1500";
   ASSERT_EQ(run(sample + " | objdb load --unsealed").status, 0);
-  ASSERT_EQ(run("rm -rf " + saved + "; cp -a " + root + " " + saved).status, 0);
+  saveTables();
   before = dump();
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(sweep("-p OSPF").status, 0);
@@ -137,7 +125,7 @@ TEST_F(Faults, ARunCanBeStoppedAtAnyMoment) {
   std::mt19937 random(17);
   int stopped = 0, mended = 0;
   for (int round = 0; round < moments; ++round) {
-    putBack();
+    putTablesBack();
     const std::string seconds =
         std::to_string(whole.count() * static_cast<double>(random() % 1000) / 1000);
     SCOPED_TRACE("stopped after " + seconds + " s");
@@ -156,7 +144,7 @@ TEST_F(Faults, ARestoreCanBeStoppedAnywhere) {
   // A run stopped where the tables are gone and only the kept version has them.
   int at = 1;
   do {
-    putBack();
+    putTablesBack();
     runWith(kill, "dbsweep", "-p 'QRT Session'", at++);
   } while (exists(currentDir + "/obj_info.pag"));
   ASSERT_EQ(run("cp -a " + root + " /usr/NQ/stopped").status, 0);
@@ -183,7 +171,7 @@ TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
         Fault{std::to_string(EIO), true, false}}) {
     for (int at = 1;; ++at) {
       SCOPED_TRACE("error " + fault.how + (fault.on ? " from " : " at ") + std::to_string(at));
-      putBack();
+      putTablesBack();
       const Outcome outcome = runWith(fault, "dbsweep", "-p 'QRT Session'", at);
       SCOPED_TRACE(outcome.err);
       ASSERT_THAT(outcome.status, AnyOf(0, 1, 255));
@@ -200,15 +188,13 @@ TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
 
 // Before the load the C library alone allocates, and does without where it can.
 TEST_F(Faults, AnAllocationThatFailsEndsTheRunOrIsDoneWithout) {
-#ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the address sanitizer has an allocator of its own";
-#endif
+  if (sanitized) GTEST_SKIP() << "the address sanitizer has an allocator of its own";
   const Lines after = without(before, {2, 4, 6});
   const std::string number = std::to_string(ENOMEM);
   int ended = 0;
   for (int at = 1;; ++at) {
     SCOPED_TRACE("allocation " + std::to_string(at));
-    putBack();
+    putTablesBack();
     const Outcome outcome =
         runWith({number, false, true, ALLOCATION_FAULT_PRELOAD}, "dbsweep", "-p 'QRT Session'", at);
     SCOPED_TRACE(outcome.err);

@@ -16,6 +16,26 @@ inline const std::string loading =
 inline const std::string rewriting =
     "DEBUG: save clear files in dbdir...\nDEBUG: restore db contents...\n";
 
+// The sanitizers make everything slower, and smaller numbers tell as much.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool sanitized = true;
+#else
+constexpr bool sanitized = false;
+#endif
+
+// The database directory and a copy of it, to start every round of a test from the same tables.
+inline const std::string root = "/usr/NQ/databases/nqwdb";
+inline const std::string saved = "/usr/NQ/saved";
+
+inline void saveTables() {
+  ASSERT_EQ(run("rm -rf " + saved + " && cp -a " + root + " " + saved).status, 0);
+}
+
+inline void putTablesBack() {
+  ASSERT_EQ(run("rm -rf " + root + " && cp -a " + saved + " " + root).status, 0);
+  std::filesystem::remove("/usr/NQ/conf/dbsweep.lock");
+}
+
 // What a run says that lost something, or may have.
 inline std::string keptMessage(int unread, int unwritten, const std::string &directory) {
   return "dbsweep: " + std::to_string(unread) + " records could not be read and " +
