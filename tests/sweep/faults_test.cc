@@ -48,8 +48,9 @@ class Faults : public PlatformTest {
     return run("FAULT_IN=" + program + " FAULT_AT=" + std::to_string(at) +
                    " FAULT_HOW=" + fault.how + (fault.on ? " FAULT_ON=1" : "") +
                    (fault.mapped ? "" : " FAULT_NOMAP=1") +
-                   " FAULT_COUNT=/usr/NQ/tmp/count ASAN_OPTIONS=verify_asan_link_order=0" +
-                   " LD_PRELOAD=" + fault.preload + " " + program + " " + arguments,
+                   " FAULT_COUNT=/usr/NQ/tmp/count FAULT_DISK=" + root +
+                   " ASAN_OPTIONS=verify_asan_link_order=0" + " LD_PRELOAD=" + fault.preload + " " +
+                   program + " " + arguments,
                "yes\n");
   }
 
@@ -83,30 +84,42 @@ class Faults : public PlatformTest {
     ASSERT_EQ(dump(), before);
   }
 
+  void stopEverywhere(const Fault &fault, const std::string &arguments) {
+    const Lines after = arguments == "-m" ? before : without(before, {2, 4, 6});
+    for (int at = 1;; ++at) {
+      SCOPED_TRACE(arguments + ": " + fault.how + " at " + std::to_string(at));
+      putTablesBack();
+      const Outcome outcome = runWith(fault, "dbsweep", arguments, at);
+      if (wasBehindTheEnd(at)) {
+        ASSERT_EQ(outcome.status, 0);
+        ASSERT_EQ(dump(), after);
+        ASSERT_EQ(versionName(), "");
+        printf("%s: %s at %d points%s\n", arguments.c_str(), fault.how.c_str(), at - 1,
+               fault.mapped ? "" : ", files not mapped");
+        ASSERT_GT(at, 60);
+        break;
+      }
+      ASSERT_EQ(outcome.status, 128 + SIGKILL);
+      ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
+    }
+  }
+
   Lines before;
 };
 
+// A disk between two syncs forgets what it forgets just behind the first of them.
+const Fault powerCuts[] = {
+    {"forget", false, true}, {"forget-entries", false, true}, {"forget-contents", false, true}};
+
 TEST_F(Faults, ARunCanBeStoppedAnywhere) {
-  for (const bool mapped : {true, false}) {
-    for (const char *arguments : {"-p 'QRT Session'", "-m"}) {
-      const Lines after = arguments[1] == 'm' ? before : without(before, {2, 4, 6});
-      for (int at = 1;; ++at) {
-        SCOPED_TRACE(std::string(arguments) + " stopped at " + std::to_string(at));
-        putTablesBack();
-        const Outcome outcome = runWith({"kill", false, mapped}, "dbsweep", arguments, at);
-        if (wasBehindTheEnd(at)) {
-          ASSERT_EQ(outcome.status, 0);
-          ASSERT_EQ(dump(), after);
-          ASSERT_EQ(versionName(), "");
-          printf("%s: %d points%s\n", arguments, at - 1, mapped ? "" : ", files not mapped");
-          ASSERT_GT(at, 60);
-          break;
-        }
-        ASSERT_EQ(outcome.status, 128 + SIGKILL);
-        ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
-      }
-    }
+  for (const char *arguments : {"-p 'QRT Session'", "-m"}) {
+    stopEverywhere({"kill", false, true}, arguments);
+    stopEverywhere({"kill", false, false}, arguments);
   }
+}
+
+TEST_F(Faults, ARunCanLoseItsPowerAnywhere) {
+  for (const Fault &cut : powerCuts) stopEverywhere(cut, "-p 'QRT Session'");
 }
 
 // With mapped files most stores are no calls; only the clock finds the moments between them.
@@ -139,29 +152,31 @@ TEST_F(Faults, ARunCanBeStoppedAtAnyMoment) {
 }
 
 TEST_F(Faults, ARestoreCanBeStoppedAnywhere) {
-  const Fault kill{"kill", false, true};
-  const Lines after = without(before, {2, 4, 6});
   // A run stopped where the tables are gone and only the kept version has them.
   int at = 1;
   do {
     putTablesBack();
-    runWith(kill, "dbsweep", "-p 'QRT Session'", at++);
+    runWith({"kill", false, true}, "dbsweep", "-p 'QRT Session'", at++);
   } while (exists(currentDir + "/obj_info.pag"));
-  ASSERT_EQ(run("cp -a " + root + " /usr/NQ/stopped").status, 0);
+  saveTables();
   const std::string version = versionName();
-  for (at = 1;; ++at) {
-    SCOPED_TRACE("restore stopped at " + std::to_string(at));
-    ASSERT_EQ(run("rm -rf " + root + " && cp -a /usr/NQ/stopped " + root).status, 0);
-    runWith(kill, "objdb", "restore " + version, at);
-    if (!wasBehindTheEnd(at)) {
-      ASSERT_EQ(run("objdb restore " + version).status, 0);
+  std::vector<Fault> faults(std::begin(powerCuts), std::end(powerCuts));
+  faults.push_back({"kill", false, true});
+  for (const Fault &fault : faults) {
+    for (at = 1;; ++at) {
+      SCOPED_TRACE("restore: " + fault.how + " at " + std::to_string(at));
+      putTablesBack();
+      runWith(fault, "objdb", "restore " + version, at);
+      if (!wasBehindTheEnd(at)) {
+        ASSERT_EQ(run("objdb restore " + version).status, 0);
+      }
+      ASSERT_EQ(dump(), before);
+      ASSERT_EQ(sweep("-d 99").status, 0) << "the restored database is ready for use";
+      if (wasBehindTheEnd(at)) break;
     }
-    ASSERT_EQ(dump(), before);
-    ASSERT_EQ(sweep("-d 99").status, 0) << "the restored database is ready for use";
-    if (wasBehindTheEnd(at)) break;
+    printf("restore: %s at %d points\n", fault.how.c_str(), at - 1);
+    ASSERT_GT(at, 30);
   }
-  printf("restore: %d points\n", at - 1);
-  EXPECT_GT(at, 30);
 }
 
 TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
