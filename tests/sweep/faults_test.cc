@@ -179,6 +179,46 @@ TEST_F(Faults, ARestoreCanBeStoppedAnywhere) {
   }
 }
 
+// Another process works on the tables while the run stands at a change of the file system: at each.
+TEST_F(Faults, OfTwoAtOnceOneWins) {
+  const std::string tool = "for table in field_info obj_info value_info name_info; do gdbmtool " +
+                           currentDir + "/$table.pag reorganize; done >/usr/NQ/tmp/tool";
+  ASSERT_EQ(run("gdbmtool --version").status, 0) << "script/bootstrap installs it";
+  for (const std::string first : {"-p 'QRT Session'", "-d '2 4 6'"}) {
+    for (const std::string &second : {std::string("echo yes | dbsweep -d 3"),
+                                      std::string("echo yes | dbsweep -m -d 3"), tool}) {
+      writeFile("/usr/NQ/tmp/meanwhile",
+                "#!/bin/sh\nunset LD_PRELOAD\nexec 2>/usr/NQ/tmp/second\n" + second + "\n");
+      ASSERT_EQ(run("chmod +x /usr/NQ/tmp/meanwhile").status, 0);
+      int refused = 0;
+      for (int at = 1;; ++at) {
+        SCOPED_TRACE(second + " in " + first + " at " + std::to_string(at));
+        putTablesBack();
+        const Outcome outcome =
+            runWith({"/usr/NQ/tmp/meanwhile", false, true}, "dbsweep", first, at);
+        if (wasBehindTheEnd(at)) break;
+        const std::string other = readFile("/usr/NQ/tmp/second");
+        SCOPED_TRACE(outcome.err + other);
+        const bool firstWon = outcome.err.find(deleted(2)) != std::string::npos;
+        const bool secondWon = second == tool ? other.find("cannot open") == std::string::npos
+                                              : other.find(deleted(3)) != std::string::npos;
+        ASSERT_TRUE(firstWon || secondWon);
+        ASSERT_EQ(outcome.status, 0);
+        const std::string refusal = dialogue + loading + cannotOpen;
+        ASSERT_TRUE(firstWon || outcome.err == refusal);
+        ASSERT_TRUE(secondWon || second == tool || other == refusal);
+        refused += secondWon ? 0 : 1;
+        Lines expected = firstWon ? without(before, {2, 4, 6}) : before;
+        if (secondWon && second != tool) expected = without(expected, {3});
+        ASSERT_EQ(dump(), expected);
+        ASSERT_EQ(versionName(), "");
+      }
+      printf("%s in %s: refused %d times\n", second.c_str(), first.c_str(), refused);
+      EXPECT_GT(refused, 5);
+    }
+  }
+}
+
 TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
   const Lines after = without(before, {2, 4, 6});
   for (const Fault &fault :

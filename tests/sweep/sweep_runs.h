@@ -15,6 +15,7 @@ inline const std::string loading =
     "DEBUG: checking daemons...\nDEBUG: connect to object database...\n";
 inline const std::string rewriting =
     "DEBUG: save clear files in dbdir...\nDEBUG: restore db contents...\n";
+inline const std::string cannotOpen = "dbsweep: Cannot open objects database.\n";
 
 // The sanitizers make everything slower, and smaller numbers tell as much.
 #ifdef __SANITIZE_ADDRESS__
