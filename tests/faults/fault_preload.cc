@@ -2,11 +2,12 @@
 // counts the calls that change the file system, and at the one that FAULT_AT names does what
 // FAULT_HOW says:
 //   kill           stops the process
-//   forget         and makes the directory FAULT_DISK forget what was not synced (forget-entries
-//   and
-//                  forget-contents: only that of it). Without a stop, at the end of the process.
+//   forget         and makes the directory FAULT_DISK forget what was not synced (forget-entries,
+//                  forget-contents and forget-creations: only that of it). Without a stop, at the
+//                  end of the process.
 //   a path         runs the program that is there, and goes on once it has ended
-//   a number       fails the call with that error, from then on every call if FAULT_ON is set
+//   a number       fails the call with that error
+// With FAULT_ON the last two do so at every call from then on.
 // FAULT_NOMAP opens tables without mapping them, so that the library writes by calls. The count so
 // far is in the file that FAULT_COUNT names.
 //
@@ -55,8 +56,12 @@ SyncedDisk *disk() {
 void losePower() {
   if (disk() == nullptr || passive) return;
   passive = true;
-  const char *how = getenv("FAULT_HOW");
-  disk()->losePower(strstr(how, "entries") != nullptr, strstr(how, "contents") != nullptr);
+  using enum SyncedDisk::Written;
+  const std::string how = getenv("FAULT_HOW");
+  disk()->losePower(how == "forget-entries"     ? contents
+                    : how == "forget-contents"  ? entries
+                    : how == "forget-creations" ? removals
+                                                : nothing);
 }
 
 __attribute__((constructor)) void startDisk() {

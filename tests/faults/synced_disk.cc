@@ -36,10 +36,18 @@ void SyncedDisk::synced(const fs::path &path, size_t begin, size_t end) {
   if (begin < now.size()) content.replace(begin, end - begin, now, begin, end - begin);
 }
 
-void SyncedDisk::keepTree(const fs::path &path, bool content, bool entries) {
-  if (fs::is_directory(path) ? entries : content) synced(path);
-  if (!fs::is_directory(path)) return;
-  for (const auto &entry : fs::directory_iterator(path)) keepTree(entry, content, entries);
+void SyncedDisk::keepTree(const fs::path &path, Written written) {
+  if (!fs::is_directory(path)) {
+    if (written == Written::contents) synced(path);
+    return;
+  }
+  if (written == Written::entries) synced(path);
+  if (written == Written::removals) {
+    std::erase_if(directories_[statusOf(path).st_ino], [&](const auto &entry) {
+      return statusOf(path / entry.first).st_ino != entry.second;
+    });
+  }
+  for (const auto &entry : fs::directory_iterator(path)) keepTree(entry, written);
 }
 
 void SyncedDisk::put(const fs::path &directory, ino_t number) {
@@ -54,8 +62,8 @@ void SyncedDisk::put(const fs::path &directory, ino_t number) {
   }
 }
 
-void SyncedDisk::losePower(bool content, bool entries) {
-  keepTree(root_, content, entries);
+void SyncedDisk::losePower(Written written) {
+  if (written != Written::nothing) keepTree(root_, written);
   const ino_t number = statusOf(root_).st_ino;
   for (const auto &entry : fs::directory_iterator(root_)) fs::remove_all(entry);
   put(root_, number);

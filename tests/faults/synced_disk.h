@@ -12,19 +12,22 @@ class SyncedDisk {
  public:
   // Watches the directory and all below it.
   explicit SyncedDisk(const std::filesystem::path &directory) : root_(directory) {
-    keepTree(root_, true, true);
+    keepTree(root_, Written::contents);
+    keepTree(root_, Written::entries);
   }
 
   // A file's content (as far as [begin, end) is concerned) or a directory's entries are on the
   // disk.
   void synced(const std::filesystem::path &path, size_t begin = 0, size_t end = SIZE_MAX);
 
-  // Puts the directory into the state after the cut. `content` and `entries` tell whether contents
-  // and entries were written that nobody had waited for.
-  void losePower(bool content, bool entries);
+  // What was written although nobody had waited for it.
+  enum class Written { nothing, contents, entries, removals };
+
+  // Puts the directory into the state after the cut.
+  void losePower(Written written);
 
  private:
-  void keepTree(const std::filesystem::path &path, bool content, bool entries);
+  void keepTree(const std::filesystem::path &path, Written written);
   void put(const std::filesystem::path &directory, ino_t number);
 
   std::filesystem::path root_;

@@ -26,13 +26,6 @@ constexpr int manyObjects = sanitized ? 4000 : 20000;
 
 class Endings : public PlatformTest {
  protected:
-  void loadSample(int objects) {
-    const Outcome outcome = run(std::string(DBSWEEP_SOURCE_DIR) + "/script/sample-network " +
-                                std::to_string(objects) + " | objdb load --unsealed");
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
-    saveTables();
-  }
-
   static bool tablesAreUnchanged() {
     return run("diff -r " + savedDir + " " + currentDir).status == 0;
   }

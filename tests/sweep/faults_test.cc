@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <random>
 
 #include "sweep/sweep_runs.h"
@@ -14,16 +15,25 @@
 namespace {
 
 using testing::AnyOf;
+using testing::EndsWith;
 
 // How many random moments; DBSWEEP_MOMENTS asks for another number.
 constexpr int fewMoments = sanitized ? 15 : 150;
 
 struct Fault {
-  std::string how;  // "kill", or an error number
-  bool on;          // from then on every change
+  std::string how;  // as fault_preload.cc has it
+  bool on;          // from then on at every change
   bool mapped;      // whether the table library maps its files
   std::string preload = FAULT_PRELOAD;
 };
+
+// What another process does while the run stands at a change.
+const std::string meanwhile = "/usr/NQ/tmp/meanwhile";
+
+void writeMeanwhile(const std::string &commands) {
+  writeFile(meanwhile, "#!/bin/sh\nunset LD_PRELOAD\n" + commands + "\n");
+  ASSERT_EQ(run("chmod +x " + meanwhile).status, 0);
+}
 
 class Faults : public PlatformTest {
  protected:
@@ -84,9 +94,9 @@ class Faults : public PlatformTest {
     ASSERT_EQ(dump(), before);
   }
 
-  void stopEverywhere(const Fault &fault, const std::string &arguments) {
+  void stopEverywhere(const Fault &fault, const std::string &arguments, int step = 1) {
     const Lines after = arguments == "-m" ? before : without(before, {2, 4, 6});
-    for (int at = 1;; ++at) {
+    for (int at = 1;; at += step) {
       SCOPED_TRACE(arguments + ": " + fault.how + " at " + std::to_string(at));
       putTablesBack();
       const Outcome outcome = runWith(fault, "dbsweep", arguments, at);
@@ -108,8 +118,10 @@ class Faults : public PlatformTest {
 };
 
 // A disk between two syncs forgets what it forgets just behind the first of them.
-const Fault powerCuts[] = {
-    {"forget", false, true}, {"forget-entries", false, true}, {"forget-contents", false, true}};
+const Fault powerCuts[] = {{"forget", false, true},
+                           {"forget-entries", false, true},
+                           {"forget-contents", false, true},
+                           {"forget-creations", false, true}};
 
 TEST_F(Faults, ARunCanBeStoppedAnywhere) {
   for (const char *arguments : {"-p 'QRT Session'", "-m"}) {
@@ -119,15 +131,13 @@ TEST_F(Faults, ARunCanBeStoppedAnywhere) {
 }
 
 TEST_F(Faults, ARunCanLoseItsPowerAnywhere) {
-  for (const Fault &cut : powerCuts) stopEverywhere(cut, "-p 'QRT Session'");
+  for (const Fault &cut : powerCuts) stopEverywhere(cut, "-p 'QRT Session'", sanitized ? 5 : 1);
 }
 
 // With mapped files most stores are no calls; only the clock finds the moments between them.
 TEST_F(Faults, ARunCanBeStoppedAtAnyMoment) {
   std::filesystem::remove_all(currentDir);
-  const std::string sample = DBSWEEP_SOURCE_DIR "/script/sample-network 1500";
-  ASSERT_EQ(run(sample + " | objdb load --unsealed").status, 0);
-  saveTables();
+  loadSample(1500);
   before = dump();
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(sweep("-p OSPF").status, 0);
@@ -163,7 +173,7 @@ TEST_F(Faults, ARestoreCanBeStoppedAnywhere) {
   std::vector<Fault> faults(std::begin(powerCuts), std::end(powerCuts));
   faults.push_back({"kill", false, true});
   for (const Fault &fault : faults) {
-    for (at = 1;; ++at) {
+    for (at = 1;; at += sanitized && fault.how != "kill" ? 5 : 1) {
       SCOPED_TRACE("restore: " + fault.how + " at " + std::to_string(at));
       putTablesBack();
       runWith(fault, "objdb", "restore " + version, at);
@@ -187,15 +197,12 @@ TEST_F(Faults, OfTwoAtOnceOneWins) {
   for (const std::string first : {"-p 'QRT Session'", "-d '2 4 6'"}) {
     for (const std::string &second : {std::string("echo yes | dbsweep -d 3"),
                                       std::string("echo yes | dbsweep -m -d 3"), tool}) {
-      writeFile("/usr/NQ/tmp/meanwhile",
-                "#!/bin/sh\nunset LD_PRELOAD\nexec 2>/usr/NQ/tmp/second\n" + second + "\n");
-      ASSERT_EQ(run("chmod +x /usr/NQ/tmp/meanwhile").status, 0);
+      writeMeanwhile("exec 2>/usr/NQ/tmp/second\n" + second);
       int refused = 0;
-      for (int at = 1;; ++at) {
+      for (int at = 1;; at += sanitized ? 7 : 1) {
         SCOPED_TRACE(second + " in " + first + " at " + std::to_string(at));
         putTablesBack();
-        const Outcome outcome =
-            runWith({"/usr/NQ/tmp/meanwhile", false, true}, "dbsweep", first, at);
+        const Outcome outcome = runWith({meanwhile, false, true}, "dbsweep", first, at);
         if (wasBehindTheEnd(at)) break;
         const std::string other = readFile("/usr/NQ/tmp/second");
         SCOPED_TRACE(outcome.err + other);
@@ -214,7 +221,7 @@ TEST_F(Faults, OfTwoAtOnceOneWins) {
         ASSERT_EQ(versionName(), "");
       }
       printf("%s in %s: refused %d times\n", second.c_str(), first.c_str(), refused);
-      EXPECT_GT(refused, 5);
+      EXPECT_GT(refused, 1);
     }
   }
 }
@@ -239,6 +246,70 @@ TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
       if (wasBehindTheEnd(at)) break;
     }
   }
+}
+
+// A disk of every size. On one that has no room for the tables a run starts without any. Where
+// there is room for a run, another writer takes some of it once the old tables are gone.
+TEST_F(Faults, ADiskCanBeFull) {
+  std::filesystem::remove_all(currentDir);
+  loadSample(100);
+  before = dump();
+  std::map<std::string, Lines> runs;  // what each leaves
+  for (const char *arguments : {"-p OSPF", "-m", "-p OSPF -d 1000"}) {
+    putTablesBack();
+    ASSERT_EQ(sweep(arguments).status, 0);
+    runs[arguments] = dump();
+  }
+  writeMeanwhile("cd " + root + "; [ -e current/value_info.pag ] || [ -e filler ] || " +
+                 "head -c 200k /dev/zero >filler");
+  int sizes = 0, tooSmall = 0, refused = 0, broken = 0, done = 0;
+  for (int size = 4; done < 10; size += sanitized ? 16 : 4, ++sizes) {
+    const auto &[arguments, after] = *std::next(runs.begin(), sizes % 3);
+    bool roomy = true;
+    for (const bool shared : {false, true}) {
+      if (!roomy) continue;
+      SCOPED_TRACE(arguments + " on " + std::to_string(size) + (shared ? " shared KiB" : " KiB"));
+      putTablesBack();
+      ASSERT_EQ(run("mount -t tmpfs -o size=" + std::to_string(size) + "k tmpfs " + root).status,
+                0);
+      const bool fits = run("cp -a " + saved + "/current " + root).status == 0;
+      if (!fits) std::filesystem::remove_all(currentDir);
+      const Outcome outcome =
+          shared ? runWith({meanwhile, true, true}, "dbsweep", arguments, 1) : sweep(arguments);
+      SCOPED_TRACE(outcome.err);
+      ASSERT_THAT(outcome.status, AnyOf(0, 1));
+      if (!fits) {
+        roomy = false;
+        ++tooSmall;
+        ASSERT_GT(outcome.err.size(), (dialogue + loading).size());
+      } else if (outcome.err.find("Cannot keep") != std::string::npos) {
+        roomy = false;
+        ++refused;
+        ASSERT_EQ(outcome.status, 1);
+        ASSERT_THAT(outcome.err, EndsWith("dbsweep: Cannot keep the previous tables in " + root +
+                                          ": No space left on device\n"));
+        ASSERT_EQ(run("diff -r " + saved + " " + root).status, 0);
+        ASSERT_FALSE(exists("/usr/NQ/conf/dbsweep.lock"));
+      } else if (outcome.status == 0 && outcome.err.ends_with(rewriting)) {
+        done += shared ? 1 : 0;
+        ASSERT_EQ(currentLines(), after);
+        ASSERT_EQ(versionName(), "");
+      } else {
+        ASSERT_TRUE(shared) << "only room that was there and is gone can be missing";
+        ++broken;
+        const bool restored = run("objdb restore " + versionName()).status == 0;
+        ASSERT_EQ(restored, currentLines() == before) << "or it says that it is full, too";
+        std::filesystem::remove(root + "/filler");
+        ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
+      }
+      ASSERT_EQ(run("umount " + root).status, 0);
+    }
+  }
+  printf(
+      "%d sizes: %d too small for the tables, %d refused, %d broken off, %d done beside another\n",
+      sizes, tooSmall, refused, broken, done);
+  EXPECT_GT(sizes, sanitized ? 40 : 150);
+  EXPECT_GT(std::min({tooSmall, refused, broken}), sanitized ? 5 : 20);
 }
 
 // Before the load the C library alone allocates, and does without where it can.

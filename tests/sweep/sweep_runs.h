@@ -37,6 +37,13 @@ inline void putTablesBack() {
   std::filesystem::remove("/usr/NQ/conf/dbsweep.lock");
 }
 
+inline void loadSample(int objects) {
+  const Outcome outcome = run(DBSWEEP_SOURCE_DIR "/script/sample-network " +
+                              std::to_string(objects) + " | objdb load --unsealed");
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  saveTables();
+}
+
 // What a run says that lost something, or may have.
 inline std::string keptMessage(int unread, int unwritten, const std::string &directory) {
   return "dbsweep: " + std::to_string(unread) + " records could not be read and " +

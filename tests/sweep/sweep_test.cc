@@ -9,7 +9,6 @@
 
 namespace {
 
-using testing::EndsWith;
 using testing::StartsWith;
 
 const std::string isTrue = R"("type":"Boolean","value":true)";
@@ -252,24 +251,6 @@ TEST_F(Sweep, KeepsThePreviousTablesWhenNotEverythingWasRead) {
   const std::string version = onlyVersion();
   EXPECT_EQ(run("objdb restore " + version.substr(version.rfind('/') + 1)).status, 0);
   EXPECT_EQ(filesOf(rewrittenTables), tables);
-}
-
-TEST_F(Sweep, NeedsRoomForTheCopyAndTheNewTables) {
-  const std::string database = "/usr/NQ/databases/nqwdb";
-  for (const char *arguments : {"-p 'QRT Session'", "-m", "-p 'QRT Session' -d 1"}) {
-    const Outcome outcome = run(
-        "mkdir -p /usr/NQ/small; mount -t tmpfs -o size=250k tmpfs /usr/NQ/small; cp -a " +
-            currentDir + " /usr/NQ/small; mount --bind /usr/NQ/small " + database + "; dbsweep " +
-            arguments + "; status=$?; ls -A " + database + " >&2; diff -r " + database +
-            "/current /usr/NQ/small/current; umount " + database + " /usr/NQ/small; exit $status",
-        "yes");
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_THAT(outcome.err, StartsWith(dialogue + loading));
-    EXPECT_THAT(outcome.err, EndsWith("dbsweep: Cannot keep the previous tables in " + database +
-                                      ": No space left on device\ncurrent\n"));
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_FALSE(exists("/usr/NQ/conf/dbsweep.lock"));
-  }
 }
 
 class EmptyPlatform : public PlatformTest {};
