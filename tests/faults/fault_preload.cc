@@ -162,21 +162,29 @@ void *realloc(void *storage, size_t size) {
 
 #else
 
-int open(const char *path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = modeOf(flags, arguments);
-  va_end(arguments);
-  return openFile("open", path, flags, mode);
-}
+#define OPEN(name)                                \
+  int name(const char *path, int flags, ...) {    \
+    va_list arguments;                            \
+    va_start(arguments, flags);                   \
+    const mode_t mode = modeOf(flags, arguments); \
+    va_end(arguments);                            \
+    return openFile(#name, path, flags, mode);    \
+  }
+OPEN(open)
+OPEN(open64)
 
-int open64(const char *path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = modeOf(flags, arguments);
-  va_end(arguments);
-  return openFile("open64", path, flags, mode);
-}
+#define CALL(name, parameters, arguments)                           \
+  int name parameters noexcept {                                    \
+    return fault() ? -1 : next<int(*) parameters>(#name) arguments; \
+  }
+CALL(ftruncate, (int fd, off_t size), (fd, size))
+CALL(ftruncate64, (int fd, off64_t size), (fd, size))
+CALL(fchmod, (int fd, mode_t mode), (fd, mode))
+CALL(mkdir, (const char *path, mode_t mode), (path, mode))
+CALL(rename, (const char *from, const char *to), (from, to))
+CALL(unlink, (const char *path), (path))
+CALL(unlinkat, (int fd, const char *path, int flags), (fd, path, flags))
+CALL(rmdir, (const char *path), (path))
 
 ssize_t write(int fd, const void *bytes, size_t size) {
   if (fd > 2 && fault()) return -1;
@@ -197,45 +205,9 @@ int msync(void *start, size_t size, int flags) {
              : synced(start, size, next<int (*)(void *, size_t, int)>("msync")(start, size, flags));
 }
 
-int ftruncate(int fd, off_t size) noexcept {
-  return fault() ? -1 : next<int (*)(int, off_t)>("ftruncate")(fd, size);
-}
-
-int ftruncate64(int fd, off64_t size) noexcept {
-  return fault() ? -1 : next<int (*)(int, off64_t)>("ftruncate64")(fd, size);
-}
-
-int posix_fallocate(int fd, off_t start, off_t size) {
-  return fault() ? errno : next<int (*)(int, off_t, off_t)>("posix_fallocate")(fd, start, size);
-}
-
 int posix_fallocate64(int fd, off64_t start, off64_t size) {
   return fault() ? errno
                  : next<int (*)(int, off64_t, off64_t)>("posix_fallocate64")(fd, start, size);
-}
-
-int mkdir(const char *path, mode_t mode) noexcept {
-  return fault() ? -1 : next<int (*)(const char *, mode_t)>("mkdir")(path, mode);
-}
-
-int fchmod(int fd, mode_t mode) noexcept {
-  return fault() ? -1 : next<int (*)(int, mode_t)>("fchmod")(fd, mode);
-}
-
-int rename(const char *from, const char *to) noexcept {
-  return fault() ? -1 : next<int (*)(const char *, const char *)>("rename")(from, to);
-}
-
-int unlink(const char *path) noexcept {
-  return fault() ? -1 : next<int (*)(const char *)>("unlink")(path);
-}
-
-int unlinkat(int fd, const char *path, int flags) noexcept {
-  return fault() ? -1 : next<int (*)(int, const char *, int)>("unlinkat")(fd, path, flags);
-}
-
-int rmdir(const char *path) noexcept {
-  return fault() ? -1 : next<int (*)(const char *)>("rmdir")(path);
 }
 
 GDBM_FILE gdbm_open(const char *path, int block, int flags, int mode, void (*fatal)(const char *)) {

@@ -21,9 +21,9 @@ using testing::EndsWith;
 constexpr int fewMoments = sanitized ? 15 : 150;
 
 struct Fault {
-  std::string how;  // as fault_preload.cc has it
-  bool on;          // from then on at every change
-  bool mapped;      // whether the table library maps its files
+  std::string how;     // as fault_preload.cc has it
+  bool on = false;     // from then on at every change
+  bool mapped = true;  // whether the table library maps its files
   std::string preload = FAULT_PRELOAD;
 };
 
@@ -40,11 +40,11 @@ class Faults : public PlatformTest {
   Faults() {
     Lines lines = emptyNetwork();
     for (uint32_t id = 1; id <= 6; ++id) {
-      lines = lines + nameLines(id, 10, "object " + std::to_string(id)) +
-              Lines{valueLine(id, 20,
-                              std::string(R"("type":"Boolean","value":)") +
-                                  (id % 2 == 0 ? "true" : "false")),
-                    valueLine(id, 24, R"("type":"String","list":["a","b"])")};
+      const char *value =
+          id % 2 == 0 ? R"("type":"Boolean","value":true)" : R"("type":"Boolean","value":false)";
+      lines =
+          lines + nameLines(id, 10, "object " + std::to_string(id)) +
+          Lines{valueLine(id, 20, value), valueLine(id, 24, R"("type":"String","list":["a","b"])")};
     }
     load(lines);
     before = dump();
@@ -118,14 +118,12 @@ class Faults : public PlatformTest {
 };
 
 // A disk between two syncs forgets what it forgets just behind the first of them.
-const Fault powerCuts[] = {{"forget", false, true},
-                           {"forget-entries", false, true},
-                           {"forget-contents", false, true},
-                           {"forget-creations", false, true}};
+const std::vector<Fault> powerCuts = {
+    {"forget"}, {"forget-entries"}, {"forget-contents"}, {"forget-creations"}};
 
 TEST_F(Faults, ARunCanBeStoppedAnywhere) {
   for (const char *arguments : {"-p 'QRT Session'", "-m"}) {
-    stopEverywhere({"kill", false, true}, arguments);
+    stopEverywhere({"kill"}, arguments);
     stopEverywhere({"kill", false, false}, arguments);
   }
 }
@@ -166,12 +164,12 @@ TEST_F(Faults, ARestoreCanBeStoppedAnywhere) {
   int at = 1;
   do {
     putTablesBack();
-    runWith({"kill", false, true}, "dbsweep", "-p 'QRT Session'", at++);
+    runWith({"kill"}, "dbsweep", "-p 'QRT Session'", at++);
   } while (exists(currentDir + "/obj_info.pag"));
   saveTables();
   const std::string version = versionName();
-  std::vector<Fault> faults(std::begin(powerCuts), std::end(powerCuts));
-  faults.push_back({"kill", false, true});
+  std::vector<Fault> faults = powerCuts;
+  faults.push_back({"kill"});
   for (const Fault &fault : faults) {
     for (at = 1;; at += sanitized && fault.how != "kill" ? 5 : 1) {
       SCOPED_TRACE("restore: " + fault.how + " at " + std::to_string(at));
@@ -202,7 +200,7 @@ TEST_F(Faults, OfTwoAtOnceOneWins) {
       for (int at = 1;; at += sanitized ? 7 : 1) {
         SCOPED_TRACE(second + " in " + first + " at " + std::to_string(at));
         putTablesBack();
-        const Outcome outcome = runWith({meanwhile, false, true}, "dbsweep", first, at);
+        const Outcome outcome = runWith({meanwhile}, "dbsweep", first, at);
         if (wasBehindTheEnd(at)) break;
         const std::string other = readFile("/usr/NQ/tmp/second");
         SCOPED_TRACE(outcome.err + other);
@@ -228,9 +226,8 @@ TEST_F(Faults, OfTwoAtOnceOneWins) {
 
 TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
   const Lines after = without(before, {2, 4, 6});
-  for (const Fault &fault :
-       {Fault{std::to_string(ENOSPC), false, false}, Fault{std::to_string(EIO), false, true},
-        Fault{std::to_string(EIO), true, false}}) {
+  for (const Fault &fault : {Fault{std::to_string(ENOSPC), false, false},
+                             Fault{std::to_string(EIO)}, Fault{std::to_string(EIO), true, false}}) {
     for (int at = 1;; ++at) {
       SCOPED_TRACE("error " + fault.how + (fault.on ? " from " : " at ") + std::to_string(at));
       putTablesBack();
@@ -275,7 +272,7 @@ TEST_F(Faults, ADiskCanBeFull) {
       const bool fits = run("cp -a " + saved + "/current " + root).status == 0;
       if (!fits) std::filesystem::remove_all(currentDir);
       const Outcome outcome =
-          shared ? runWith({meanwhile, true, true}, "dbsweep", arguments, 1) : sweep(arguments);
+          shared ? runWith({meanwhile, true}, "dbsweep", arguments, 1) : sweep(arguments);
       SCOPED_TRACE(outcome.err);
       ASSERT_THAT(outcome.status, AnyOf(0, 1));
       if (!fits) {

@@ -1,6 +1,9 @@
 // What the tests of whole runs share.
 #pragma once
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <string>
 
@@ -42,6 +45,23 @@ inline void loadSample(int objects) {
                               std::to_string(objects) + " | objdb load --unsealed");
   ASSERT_EQ(outcome.status, 0) << outcome.err;
   saveTables();
+}
+
+// A process of the platform: its name in the process list is the file's.
+inline pid_t start(const std::string &name) {
+  const std::string path = "/usr/NQ/bin/" + name;
+  if (!exists(path)) std::filesystem::copy_file("/bin/sleep", path);
+  const pid_t child = fork();
+  if (child == 0) execl(path.c_str(), path.c_str(), "60", nullptr);
+  while (readFile("/proc/" + std::to_string(child) + "/comm") != name + "\n") usleep(1000);
+  return child;
+}
+
+// Its exit status, or 128 + the signal that ended it; -1 while it runs, if the options do not wait.
+inline int endOf(pid_t child, int options = 0) {
+  int status = 0;
+  if (waitpid(child, &status, options) != child) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // What a run says that lost something, or may have.
