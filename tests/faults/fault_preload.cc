@@ -39,7 +39,7 @@ bool fault() {
   ++calls;
   char text[32];
   const int length = snprintf(text, sizeof text, "%ld\n", calls);
-  syscall(SYS_pwrite64, counter, text, length, 0L);
+  syscall(SYS_pwrite64, counter, text, length, 0L, 0L);  // on i386 an offset takes two words
   if (calls != at && !(on && calls > at)) return false;
   if (strcmp(how, "kill") == 0) kill(getpid(), SIGKILL);
   errno = atoi(how);
@@ -124,6 +124,10 @@ int msync(void *start, size_t size, int flags) {
 
 int ftruncate(int fd, off_t size) noexcept {
   return fault() ? -1 : next<int (*)(int, off_t)>("ftruncate")(fd, size);
+}
+
+int ftruncate64(int fd, off64_t size) noexcept {
+  return fault() ? -1 : next<int (*)(int, off64_t)>("ftruncate64")(fd, size);
 }
 
 int fchmod(int fd, mode_t mode) noexcept {
