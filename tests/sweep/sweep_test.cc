@@ -272,6 +272,14 @@ TEST_F(Sweep, NeedsRoomForTheCopyAndTheNewTables) {
   }
 }
 
+// 32-bit libraries refuse files whose times do not fit into their 32 bits.
+TEST_F(Sweep, TablesMayBeFromBeyond2038) {
+  ASSERT_EQ(run("touch -d 2040-01-01 " + currentDir + "/*").status, 0);
+  const Outcome outcome = sweep("-m");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, dialogue + loading + rewriting);
+}
+
 class EmptyPlatform : public PlatformTest {};
 
 TEST_F(EmptyPlatform, IsSeededByTheFirstRun) {
