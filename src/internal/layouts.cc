@@ -33,10 +33,12 @@ consteval bool consistsOf(std::initializer_list<Member> members) {
   return sizeof(Record) == roundUp(end, alignof(Record));
 }
 
-#define MEMBER(record, name)                     \
-  Member {                                       \
-    offsetof(record, name), sizeof(record::name) \
-  }
+template <typename Record, typename Type>
+consteval Member memberAt(size_t offset, Type Record::*) {
+  return {offset, sizeof(Type)};  // NOLINT(bugprone-sizeof-expression): pointers too
+}
+
+#define MEMBER(record, name) memberAt(offsetof(record, name), &record::name)
 
 static_assert(sizeof(ValueWord) == sizeof(void *));
 static_assert(consistsOf<NQwFieldValue>({MEMBER(NQwFieldValue, isList), MEMBER(NQwFieldValue, type),
