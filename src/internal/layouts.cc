@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr size_t narrowWord = 4;
+constexpr size_t numberBytes = 4;
 
 struct Member {
   size_t offset;
@@ -26,7 +26,7 @@ template <typename Record>
 consteval bool consistsOf(std::initializer_list<Member> members) {
   size_t end = 0;
   for (const Member &member : members) {
-    if (sizeof(void *) == narrowWord && member.size != narrowWord) return false;
+    if (member.size != numberBytes && member.size != sizeof(void *)) return false;
     if (member.offset != roundUp(end, member.size)) return false;
     end = member.offset + member.size;
   }
