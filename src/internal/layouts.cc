@@ -1,6 +1,6 @@
 // The layouts that are a binary interface, checked when this is compiled: members in this order,
-// with no others between or behind them; on a 32-bit machine every one of them is a word of four
-// bytes.
+// with no others between or behind them, each of four bytes or as wide as a pointer, which on a
+// 32-bit machine makes every one of them a word.
 
 #include <cstddef>
 #include <initializer_list>
