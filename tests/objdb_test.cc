@@ -63,10 +63,17 @@ TEST_F(Objdb, NothingIsLoadedFromADumpThatWasCutOrChanged) {
     EXPECT_THAT(outcome.err, HasSubstr(each.reason));
     EXPECT_EQ(run("ls -A /usr/NQ/copy").out, "");
   }
-  for (const char *bad : {R"({"table":"nothing"})", R"({"table":"id_keeper","counter":-1})",
-                          R"({"table":"id_keeper","counter":4294967296})",
-                          R"({"table":"obj_info","object":1,"field":10,"name":null})", "[]", "{"}) {
-    EXPECT_EQ(run("objdb load --unsealed --dir /usr/NQ/copy", bad).status, 2) << bad;
+  const std::string deep = std::string(200'000, '[') + std::string(200'000, ']');
+  for (const std::string &bad :
+       Lines{R"({"table":"nothing"})", R"({"table":"id_keeper","counter":-1})",
+             R"({"table":"id_keeper","counter":4294967296})",
+             R"({"table":"id_keeper","counter":)" + deep + "}",
+             R"({"table":"id_keeper","counter":1,"bytes":"-1+1 1"})",
+             valueLine(1, 1, R"("type":"Integer","value":18446744073709551615)"),
+             R"({"table":"obj_info","object":1,"field":10,"name":null})", "[]", "{"}) {
+    const Outcome outcome = run("objdb load --unsealed --dir /usr/NQ/copy", bad);
+    EXPECT_EQ(outcome.status, 2) << bad.substr(0, 100);
+    EXPECT_THAT(outcome.err, HasSubstr("line 1: ")) << bad.substr(0, 100);
   }
   const std::string before = checksums();
   EXPECT_EQ(run("objdb load", sealed).status, 1) << "the database holds something";

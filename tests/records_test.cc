@@ -5,9 +5,28 @@
 #include <gmock/gmock.h>
 
 #include <cstring>
+#include <utility>
 
+#include "platform/report.h"
 #include "records/field_codec.h"
 #include "support.h"
+
+static int allocationsLeft = -1;  // until one fails; negative when none does
+
+// In front of the C library's and of the address sanitizer's, for every library in the process.
+extern "C" {
+void *__libc_calloc(size_t count, size_t size);
+[[gnu::weak]] void *__interceptor_calloc(size_t count, size_t size);
+
+void *calloc(size_t count, size_t size) noexcept {
+  if (allocationsLeft >= 0 && allocationsLeft-- == 0) return nullptr;
+  return (__interceptor_calloc != nullptr ? __interceptor_calloc : __libc_calloc)(count, size);
+}
+
+void *malloc(size_t size) noexcept {
+  return calloc(1, size);
+}
+}
 
 namespace {
 
@@ -220,6 +239,54 @@ TEST(Records, OnlyTheWireFormTravels) {
 
   value.type = 9;
   EXPECT_LT(encodeDbObjectValue(&record, &encoded, &length), 0);
+}
+
+void release(size_t table, void *record) {
+  if (table == 1) freeDbFieldInfo(static_cast<dbFieldInfo *>(record));
+  if (table == 3) freeDbObjectValue(static_cast<dbObjectValue *>(record));
+  if (table == 5) _NQ_freeit_xdr(static_cast<dbEnumConstants *>(record), xdr_dbEnumConstants);
+}
+
+// Runs a step with its first allocation failing, then with its second and so on until none fails:
+// that one alone may succeed. The _NQwError behind each failure.
+template <typename Step>
+std::vector<int> failEachAllocation(Step step) {
+  for (std::vector<int> codes;; codes.push_back(_NQwError)) {
+    _NQwError = NQw_NO_ERROR;
+    allocationsLeft = static_cast<int>(codes.size());
+    const bool succeeded = step();
+    const bool failed = std::exchange(allocationsLeft, -1) < 0;
+    EXPECT_NE(succeeded, failed) << codes.size();
+    if (!failed) return codes;
+  }
+}
+
+TEST(Records, NoFailingAllocationIsOverlooked) {
+  testing::internal::CaptureStderr();  // where the XDR library complains of what it cannot have
+  size_t failures = 0;
+  for (const Golden &golden : goldens) {
+    SCOPED_TRACE(golden.line);
+    const StoredRecord stored = recordFromJson(Json::parse(golden.line));
+    void *record = nullptr;
+    const std::vector<int> codes = failEachAllocation([&] {
+      record = tableFormats[stored.table].decode(stored.bytes.data(), stored.bytes.size());
+      return record != nullptr;
+    });
+    EXPECT_TRUE(codes.empty() || codes[0] == NQw_NO_MEMORY) << "no code for the record itself";
+    release(stored.table, record);
+    failures += codes.size();
+  }
+  EXPECT_GT(failures, 30u);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+  std::string name(5'000'000, 'z');  // longer than any buffer that there is by now
+  char *names[] = {name.data()};
+  enumConstants constants{1, names};
+  const dbEnumConstants record{1, &constants};
+  const char *encoded = nullptr;
+  size_t length = 0;
+  failEachAllocation([&] { return encodeDbEnumConstants(&record, &encoded, &length) == 0; });
+  EXPECT_EQ(length, 5'000'016u);
 }
 
 TEST(Records, AppendedBindingsAreCopies) {

@@ -1,5 +1,6 @@
 #include "internal/caches.h"
 
+#include <cstddef>
 #include <cstdlib>
 
 #include "platform/strings.h"
@@ -23,9 +24,9 @@ uint32_t objcount = 0;
 uint32_t mapsManagedFldId = 0;
 uint32_t mapsExistsFldId = 0;
 
-_ListNode *FieldValList::nodeOf(const void *element) {
-  return &(const_cast<CachedValue *>(static_cast<const CachedValue *>(element))->*node_);
-}
+FieldValList::FieldValList(_ListNode CachedValue::*node)
+    : _List(node == &CachedValue::inObject ? offsetof(CachedValue, inObject)
+                                           : offsetof(CachedValue, inField)) {}
 
 uint32_t FieldNameTbl::hash(const void *key) const {
   return collationHash(static_cast<const char *>(key));
@@ -58,6 +59,22 @@ void FieldTable::remove(uint32_t fieldId) {
   _Hash::remove(wordKey(fieldId));
 }
 
+namespace {
+
+// An object and what it points at, in one piece of storage: a load meets all of it with every
+// value.
+struct CachedObject {
+  ObjCacheEntry entry{&id, &values, nullptr, nullptr};
+  FieldValList values{&CachedValue::inObject};
+  uint32_t id;
+};
+
+void freeCachedObject(ObjCacheEntry *entry) {
+  delete reinterpret_cast<CachedObject *>(entry);
+}
+
+}  // namespace
+
 ObjTable::~ObjTable() {
   for (RecencyIter walk(this); walk() != nullptr;) {
     ObjCacheEntry *entry = walk();
@@ -68,9 +85,7 @@ ObjTable::~ObjTable() {
       NQwDbFreeFieldValue(item->value);
       free(item);
     }
-    delete entry->values;
-    free(entry->objectId);
-    free(entry);
+    freeCachedObject(entry);
   }
 }
 
@@ -102,6 +117,11 @@ int ObjTable::isIn(uint32_t objectId) const {
   return _Hash::isIn(wordKey(objectId));
 }
 
+void ObjTable::announceAgain(uint32_t objectId) const {
+  const _HashItem *item = _Hash::find(wordKey(objectId));
+  if (item != nullptr) __builtin_prefetch(item->data());
+}
+
 ObjCacheEntry *ObjTable::oldest() const {
   return sentinel_.next == &sentinel_ ? nullptr : sentinel_.next;
 }
@@ -131,11 +151,16 @@ void unlinkCachedValue(ObjCacheEntry *object, FieldCacheEntry *field, CachedValu
   field->values->remove(item);
 }
 
+ObjCacheEntry *newCachedObject(uint32_t objectId) {
+  auto *object = new CachedObject;
+  object->id = objectId;
+  ObjValCache->insert(&object->entry);
+  return &object->entry;
+}
+
 void destroyCachedObject(ObjCacheEntry *object) {
   ObjValCache->remove(object);
-  delete object->values;
-  free(object->objectId);
-  free(object);
+  freeCachedObject(object);
 }
 
 void destroyEnumTable(_Hash *table) {

@@ -28,14 +28,7 @@ struct CachedValue {
 class FieldValList : public _List {
  public:
   // Which of a value's two nodes this list uses: &CachedValue::inObject or &CachedValue::inField.
-  explicit FieldValList(_ListNode CachedValue::*node) : _List(Nodes::partOfElement), node_(node) {}
-
- protected:
-  _ListNode *newNode(const void *element) override { return nodeOf(element); }
-  _ListNode *nodeOf(const void *element) override;
-
- private:
-  _ListNode CachedValue::*node_;
+  explicit FieldValList(_ListNode CachedValue::*node);
 };
 
 class FieldValIter : public _ListIter {
@@ -73,8 +66,8 @@ class FieldTable : public _Hash {
 };
 
 struct ObjCacheEntry {
-  uint32_t *objectId;    // owned; what the object's values and the name indexes point at
-  FieldValList *values;  // owned with its values
+  uint32_t *objectId;    // part of the entry's own storage; values and name indexes point at it
+  FieldValList *values;  // likewise; owned with its values
   ObjCacheEntry *next;   // toward the newer end of the recency order
   ObjCacheEntry *prev;   // toward the older end
 };
@@ -89,8 +82,14 @@ class ObjTable : public _Hash {
   ObjCacheEntry *find(uint32_t objectId);  // and makes it the newest; null when absent
   void remove(ObjCacheEntry *entry);       // the entry stays the caller's
   int isIn(uint32_t objectId) const;       // without making it the newest
-  ObjCacheEntry *oldest() const;           // null when empty
-  ObjCacheEntry *newest() const;           // null when empty
+
+  // Looking up objects in random order is waiting for memory. Whoever knows that it will look for
+  // an object soon announces it, and once more a little later; neither changes anything.
+  void announce(uint32_t objectId) const { prefetch(wordKey(objectId)); }
+  void announceAgain(uint32_t objectId) const;
+
+  ObjCacheEntry *oldest() const;  // null when empty
+  ObjCacheEntry *newest() const;  // null when empty
 
  private:
   friend class RecencyIter;
@@ -146,6 +145,9 @@ extern uint32_t mapsExistsFldId;
 // Takes a value out of both its lists and, under a name field, its string out of the field's index.
 // The item and its value become the caller's.
 void unlinkCachedValue(ObjCacheEntry *object, FieldCacheEntry *field, CachedValue *item);
+
+// Makes an object without values and enters it into ObjValCache.
+ObjCacheEntry *newCachedObject(uint32_t objectId);
 
 // Takes an object whose values are gone out of ObjValCache and frees it.
 void destroyCachedObject(ObjCacheEntry *object);

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "internal/scan.h"
 #include "platform/out_of_memory.h"
@@ -62,26 +63,33 @@ void loadNames(ObjectDatabase *db, bool (*admits)(uint32_t objectId)) {
   });
 }
 
-void loadValues(ObjectDatabase *db, bool (*admits)(uint32_t objectId),
-                void (*release)(dbObjectValue *)) {
-  const CutStringCount cut;
-  loadLosses.unreadable +=
-      forEachRecord<dbObjectValue>(db->valueInfoDb, [admits, release](dbObjectValue *record) {
-        if (admits(record->objectId)) {
-          enterOrRelease(record->objectId, record->fieldId,
-                         copiedOrEnd(_NQwDbCopyFieldValue(record->value)));
-        }
-        release(record);
-      });
+// Enters the value of a decoded record, which the cache takes over, or releases it.
+void enterRecord(dbObjectValue *record, bool (*admits)(uint32_t objectId)) {
+  if (admits(record->objectId)) {
+    enterOrRelease(record->objectId, record->fieldId, record->value);
+  } else {
+    NQwDbFreeFieldValue(record->value);
+  }
+  free(record);
 }
 
-ObjCacheEntry *newObject(uint32_t objectId) {
-  auto *entry = static_cast<ObjCacheEntry *>(allocateOrEnd(sizeof(ObjCacheEntry)));
-  entry->objectId = static_cast<uint32_t *>(allocateOrEnd(sizeof(uint32_t)));
-  *entry->objectId = objectId;
-  entry->values = new FieldValList(&CachedValue::inObject);
-  ObjValCache->insert(entry);
-  return entry;
+// A table gives its records in no order that the caches know, so that every value is of another
+// object. A few records wait between being read and being entered, in the order in which they came,
+// while their objects are fetched from memory. Both data formats decode to the same records.
+void loadValues(ObjectDatabase *db, bool (*admits)(uint32_t objectId)) {
+  constexpr size_t ahead = 16;
+  const CutStringCount cut;
+  dbObjectValue *waiting[ahead] = {};
+  size_t count = 0;
+  const auto take = [&](dbObjectValue *record) {
+    if (record != nullptr) ObjValCache->announce(record->objectId);
+    dbObjectValue *halfway = waiting[(count + ahead / 2) % ahead];
+    if (halfway != nullptr) ObjValCache->announceAgain(halfway->objectId);
+    std::swap(record, waiting[count++ % ahead]);
+    if (record != nullptr) enterRecord(record, admits);
+  };
+  loadLosses.unreadable += forEachRecord<dbObjectValue>(db->valueInfoDb, take);
+  for (size_t i = 0; i < ahead; ++i) take(nullptr);
 }
 
 // How many names a name field's index is made for: with a limit on the cached objects, the fields
@@ -155,24 +163,24 @@ int loadObjectNames(ObjectDatabase *db) {
 }
 
 int loadObjectValues(ObjectDatabase *db) {
-  loadValues(db, isAnyObject, freeDbObjectValue);
+  loadValues(db, isAnyObject);
   return 1;
 }
 
 int loadObjectValuesOld(ObjectDatabase *db) {
-  loadValues(db, isAnyObject, freeDbObjectValueOld);
+  loadValues(db, isAnyObject);
   return 1;
 }
 
 int loadObjectsWithinLimit(ObjectDatabase *db) {
   loadNames(db, isWithinLimit);
-  loadValues(db, isCachedObject, freeDbObjectValue);
+  loadValues(db, isCachedObject);
   return 1;
 }
 
 int addObjectValue(uint32_t objectId, uint32_t fieldId, NQwFieldValue *value) {
   ObjCacheEntry *object = ObjValCache->find(objectId);
-  if (object == nullptr) object = newObject(objectId);
+  if (object == nullptr) object = newCachedObject(objectId);
   FieldCacheEntry *field = FieldInfoCache->find(fieldId);
   if (field == nullptr) return 0;
 

@@ -149,6 +149,8 @@ void deleteProtocol() {
     exit(exitRefused);
   }
   keepTables();
+  purgedDb = nqwDbGetDb(0);
+  if (purgedDb != nullptr) startBuffering(purgedDb);
   int deleted = 0;
   for (int32_t i = 0; i < ids->count; ++i) {
     if (_nqwDbDeleteObject(ids->objectIds[i]) == 0) {

@@ -9,9 +9,10 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "internal/loaders.h"
-#include "internal/util.h"
 #include "maint/kept_tables.h"
 #include "maint/run.h"
 #include "platform/files.h"
@@ -68,13 +69,31 @@ const char *nameOf(const CachedValue *item) {
   return (item->field->flags & nameFieldFlag) != 0 ? singleString(item->value) : nullptr;
 }
 
-bool storeValue(const CachedValue *item) {
-  const NQwFieldInfo *info = getCachedFieldInfo(item->field->fieldId);
-  const char *name = nameOf(item);
-  const int stored = name != nullptr
-                         ? putNameObject(runDb, *item->objectId, info->fieldId, name)
-                         : putValueObject(runDb, *item->objectId, info->fieldId, item->value);
-  return stored >= 0;
+// Everything that goes to value_info, in the cheapest order of stores. Of one key the later value
+// stays behind the earlier one, and takes its place.
+struct PlannedValue {
+  uint32_t order;
+  const CachedValue *item;
+};
+std::vector<PlannedValue> plannedValues;
+
+// Takes its memory while the old files are still there.
+void planValues() {
+  size_t values = 0;
+  for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
+    values += static_cast<size_t>(object()->values->size());
+  }
+  plannedValues.reserve(values);
+  for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
+    for (FieldValIter item(object()->values); item() != nullptr; item++) {
+      if (nameOf(item()) != nullptr) continue;
+      TableKey key;
+      makeValueKey(&key, *item()->objectId, item()->field->fieldId);
+      plannedValues.push_back({_NQ_dbm_db_order(key.bytes, key.length), item()});
+    }
+  }
+  std::stable_sort(plannedValues.begin(), plannedValues.end(),
+                   [](const PlannedValue &a, const PlannedValue &b) { return a.order < b.order; });
 }
 
 // Whether an earlier value of the object goes to the same key, which then keeps only the later one.
@@ -88,8 +107,9 @@ bool overwrites(const ObjCacheEntry *object, const CachedValue *item) {
   return false;
 }
 
-// Stores all values of an object. Returns how many of them are not in the tables afterwards.
-uint32_t storeObject(const ObjCacheEntry *object) {
+// Stores the names of an object. Returns how many of its names are not in the tables afterwards,
+// and how many of its other values will not be, because a later one has their key.
+uint32_t storeNames(const ObjCacheEntry *object) {
   uint32_t lost = 0;
   uint32_t highestField = 0;
   for (FieldValIter item(object->values); item() != nullptr; item++) {
@@ -97,7 +117,18 @@ uint32_t storeObject(const ObjCacheEntry *object) {
     const uint32_t fieldId = item()->field->fieldId;
     if (fieldId <= highestField && overwrites(object, item())) ++lost;
     highestField = std::max(highestField, fieldId);
-    if (!storeValue(item())) ++lost;
+    const char *name = nameOf(item());
+    if (name != nullptr && putNameObject(runDb, *object->objectId, fieldId, name) < 0) ++lost;
+  }
+  return lost;
+}
+
+// Stores the planned values. Returns how many of them are not in the table afterwards.
+uint32_t storeValues() {
+  uint32_t lost = 0;
+  for (const PlannedValue &planned : plannedValues) {
+    const CachedValue *item = planned.item;
+    if (putValueObject(runDb, *item->objectId, item->field->fieldId, item->value) < 0) ++lost;
   }
   return lost;
 }
@@ -122,6 +153,7 @@ void recordMigration() {
 
 void removeCurrentFiles() {
   const char *directory = currentDirectory();
+  planValues();
   std::string ignored;
   heldLocks = lockVersion(directory, &ignored);
   closeRunDb();
@@ -129,6 +161,8 @@ void removeCurrentFiles() {
   for (const char *name : filesInCurDir) {
     if (!removeFile(directory, name)) filesRemoved = false;
   }
+  // From a file that could not be removed, what was purged has to go one by one.
+  if (purgedDb != nullptr) stopBuffering(std::exchange(purgedDb, nullptr));
 }
 
 void rewriteDatabase(int migrate) {
@@ -144,7 +178,8 @@ void rewriteDatabase(int migrate) {
   }
   uint32_t lost = loadLosses.unknownField + loadLosses.cutString;
   startBuffering(runDb);
-  for (; object() != nullptr; object++) lost += storeObject(object());
+  for (; object() != nullptr; object++) lost += storeNames(object());
+  lost += storeValues();
   stopBuffering(runDb);
   const bool synced = syncTables();
   closeRunDb();

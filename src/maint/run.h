@@ -28,6 +28,10 @@ extern ExitStatus runStatus;
 // Null before the load and whenever the run holds no open database.
 extern ObjectDatabase *runDb;
 
+// The handle through which a protocol's objects are deleted, under bulk access until the files of
+// the object tables have been removed; else null.
+extern ObjectDatabase *purgedDb;
+
 // Closes runDb with its field list and sets it to null.
 void closeRunDb();
 

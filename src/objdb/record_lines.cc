@@ -2,11 +2,13 @@
 
 #include <gdbm.h>
 
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <memory>
+#include <new>
 #include <stdexcept>
+#include <utility>
 
 #include "records/codecs.h"
 
@@ -39,11 +41,19 @@ std::string fromHex(const std::string &hex) {
   std::string bytes;
   if (hex.size() % 2 != 0) complain("odd number of hexadecimal digits");
   for (size_t i = 0; i < hex.size(); i += 2) {
-    size_t used = 0;
-    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), &used, 16));
-    if (used != 2) complain("not hexadecimal: " + hex);
+    unsigned char byte = 0;
+    const char *digits = hex.data() + i;
+    if (std::from_chars(digits, digits + 2, byte, 16).ptr != digits + 2) {
+      complain("not hexadecimal: " + hex);
+    }
+    bytes += static_cast<char>(byte);
   }
   return bytes;
+}
+
+// For messages. Deep nesting is not followed: that would use up the stack.
+std::string shown(const Json &json) {
+  return json.is_structured() ? json.type_name() : json.dump();
 }
 
 // What XDR and the keys take: characters up to the first NUL.
@@ -55,20 +65,30 @@ std::optional<std::string> textFromJson(const Json &json) {
   return text;
 }
 
-// A malloc copy, as the records' owners release them.
+// Storage from malloc, as the records' owners release it.
+template <typename Storage>
+Storage *taken(Storage *storage) {
+  if (storage == nullptr) throw std::bad_alloc();
+  return storage;
+}
+
+template <typename Record>
+Record *zeroFilled(size_t count = 1) {
+  return taken(static_cast<Record *>(calloc(count, sizeof(Record))));
+}
+
 char *mallocText(const Json &json) {
   const std::optional<std::string> text = textFromJson(json);
-  return text ? strdup(text->c_str()) : nullptr;
+  return text ? taken(strdup(text->c_str())) : nullptr;
 }
 
 template <typename Number>
 Number number(const Json &json) {
-  if (!json.is_number_integer()) complain("not a whole number: " + json.dump());
-  const auto wide = json.get<int64_t>();
-  if (wide < std::numeric_limits<Number>::min() || wide > std::numeric_limits<Number>::max()) {
-    complain("out of range: " + json.dump());
-  }
-  return static_cast<Number>(wide);
+  if (!json.is_number_integer()) complain("not a whole number: " + shown(json));
+  const bool fits = json.is_number_unsigned() ? std::in_range<Number>(json.get<uint64_t>())
+                                              : std::in_range<Number>(json.get<int64_t>());
+  if (!fits) complain("out of range: " + json.dump());
+  return json.get<Number>();
 }
 
 uint32_t id(const Json &line, const char *member) {
@@ -85,7 +105,7 @@ int32_t typeFromJson(const Json &json) {
   for (int32_t type = Integer; type <= Enumeration; ++type) {
     if (json == typeNames[type]) return type;
   }
-  complain("unknown type: " + json.dump());
+  complain("unknown type: " + shown(json));
 }
 
 Json wordToJson(int32_t type, const ValueWord &word) {
@@ -129,18 +149,17 @@ struct FreeValue {
 };
 
 std::unique_ptr<NQwFieldValue, FreeValue> valueFromJson(const Json &line) {
-  std::unique_ptr<NQwFieldValue, FreeValue> value(
-      static_cast<NQwFieldValue *>(calloc(1, sizeof(NQwFieldValue))));
+  std::unique_ptr<NQwFieldValue, FreeValue> value(zeroFilled<NQwFieldValue>());
   value->type = typeFromJson(line.at("type"));
   if (!line.contains("list")) {
     value->value = wordFromJson(value->type, line.at("value"));
     return value;
   }
   const Json &entries = line.at("list");
-  auto *list = static_cast<ValueList *>(calloc(1, sizeof(ValueList)));
+  auto *list = zeroFilled<ValueList>();
   value->isList = 1;
   value->value.list = list;
-  list->entries = static_cast<ValueListEntry *>(calloc(entries.size() + 1, sizeof(ValueListEntry)));
+  list->entries = zeroFilled<ValueListEntry>(entries.size() + 1);
   for (const Json &entry : entries) {
     list->entries[list->count++].value = wordFromJson(value->type, entry);
   }

@@ -4,9 +4,18 @@ extern "C" {  // ndbm.h has no guards for C++
 #include <ndbm.h>
 }
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/out_of_memory.h"
 #include "platform/table_lock.h"
@@ -20,6 +29,12 @@ struct DbmTable {
   DbmScan scan = DbmScan::complete;
   gdbm_count_t scanned = 0;    // records that the latest scan has met
   gdbm_count_t unreached = 0;  // and that it has not, once it has ended
+  bool buffering = false;
+  uint64_t reserved = 0;  // bytes of the file while it is longer than the library knows; else 0
+  uint64_t roomLeft = 0;  // bytes to store before the file's end is looked at again
+  bool wasCut = false;    // the file is shorter than the library may believe
+  std::string deletions;  // held back: keys, each behind its length as a size_t
+  bool failed = false;    // something that was held back or reserved could not be settled
   TableLock lock;
 };
 
@@ -46,7 +61,10 @@ void checkMemory() {
   if (gdbm_errno == GDBM_MALLOC_ERROR || errno == ENOMEM) failForWantOfMemory();
 }
 
-datum fetch(const DbmTable *table, datum key) {
+void settleDeletions(DbmTable *table);
+
+datum fetch(DbmTable *table, datum key) {
+  settleDeletions(table);
   forgetErrors();
   const datum stored = dbm_fetch(table->dbm, key);
   if (stored.dptr == nullptr) checkMemory();
@@ -75,14 +93,132 @@ bool hasReachedEnd(DbmTable *table) {
   return complete;
 }
 
+// Where the library's next new block will be: up to there the file is in use. 0 when the file does
+// not begin like the tables of GNU dbm 1.23 that the library makes on this machine.
+uint64_t endOfBlocks(int fd) {
+  constexpr uint32_t magic32 = 0x13579ACD;  // offsets of 4 bytes
+  constexpr uint32_t magic64 = 0x13579ACF;  // offsets of 8 bytes
+  char header[40];
+  if (pread(fd, header, sizeof header, 0) != sizeof header) return 0;
+  uint32_t magic = 0;
+  memcpy(&magic, header, sizeof magic);
+  uint64_t end = 0;
+  if (magic == magic64) memcpy(&end, header + 32, sizeof end);
+  if (magic == magic32) {
+    uint32_t shortEnd = 0;
+    memcpy(&shortEnd, header + 28, sizeof shortEnd);
+    end = shortEnd;
+  }
+  return end;
+}
+
+void mapFile(const DbmTable *table, int on) {
+  gdbm_setopt(table->dbm->file, GDBM_SETMMAP, &on, sizeof on);
+}
+
+// Makes the file longer ahead of what is about to be stored. True when it has, and then the library
+// learns the new length only from a store that it makes with its map off.
+bool reserveAhead(DbmTable *table, size_t bytes) {
+  constexpr uint64_t smallest = 256 * 1024;
+  constexpr size_t placeOfKey = 64;  // in the blocks that hold the keys, which may be half empty
+  if (!table->buffering || table->wasCut) return false;
+  bytes += placeOfKey;
+  if (bytes <= table->roomLeft) {
+    table->roomLeft -= bytes;
+    return false;
+  }
+  const int fd = dbm_pagfno(table->dbm);
+  const uint64_t used = endOfBlocks(fd);
+  if (used == 0) return false;
+  table->roomLeft = table->reserved > used ? (table->reserved - used) / 2 : 0;
+  if (used + used / 8 < table->reserved) return false;
+
+  const uint64_t length = std::max(used + used / 2, smallest);
+  struct statvfs disk {};
+  if (fstatvfs(fd, &disk) != 0) return false;
+  // A disk that is nearly full is filled record by record: what one table reserves and does not
+  // need would be missing in the next.
+  const bool isPlenty = disk.f_bavail * disk.f_frsize / 4 > length;
+  if (!isPlenty || posix_fallocate(fd, 0, static_cast<off_t>(length)) != 0) {
+    table->roomLeft = smallest;
+    return false;
+  }
+  table->reserved = length;
+  table->roomLeft = (length - used) / 2;
+  return true;
+}
+
+// Cuts the file to what is in use. The map stays off for good: the library would take the old
+// length for the file's, and touch pages that are gone.
+void cutReserved(DbmTable *table) {
+  if (table->reserved == 0) return;
+  mapFile(table, 0);
+  const int fd = dbm_pagfno(table->dbm);
+  if (ftruncate(fd, static_cast<off_t>(endOfBlocks(fd))) != 0) table->failed = true;
+  table->wasCut = true;
+  table->reserved = 0;
+  table->roomLeft = 0;
+}
+
+// One change of the table through the library, with room made for it.
+template <typename Change>
+int changeTable(DbmTable *table, size_t bytes, Change change) {
+  forgetErrors();
+  const bool longer = reserveAhead(table, bytes);
+  if (longer) mapFile(table, 0);
+  const int result = change();
+  const int error = errno;
+  const gdbm_error libraryError = gdbm_errno;
+  if (longer) mapFile(table, 1);
+  errno = error;
+  gdbm_errno = libraryError;
+  if (result != 0) checkMemory();
+  return result;
+}
+
 int storeBytes(DbmTable *table, const void *key, size_t keyLength, const char *bytes,
                size_t length) {
-  forgetErrors();
-  if (dbm_store(table->dbm, toDatum(key, keyLength), toDatum(bytes, length), DBM_REPLACE) == 0) {
-    return 0;
+  settleDeletions(table);
+  return changeTable(table, keyLength + length,
+                     [=] {
+                       return dbm_store(table->dbm, toDatum(key, keyLength), toDatum(bytes, length),
+                                        DBM_REPLACE);
+                     }) == 0
+             ? 0
+             : -1;
+}
+
+// 0 when the key is gone, also when it was never there.
+int deleteKey(DbmTable *table, const void *key, size_t keyLength) {
+  const int deleted = changeTable(table, keyLength,
+                                  [=] { return dbm_delete(table->dbm, toDatum(key, keyLength)); });
+  return deleted == 0 || gdbm_errno == GDBM_ITEM_NOT_FOUND ? 0 : -1;
+}
+
+void holdDeletion(DbmTable *table, const void *key, size_t keyLength) {
+  table->deletions.append(reinterpret_cast<const char *>(&keyLength), sizeof keyLength);
+  table->deletions.append(static_cast<const char *>(key), keyLength);
+}
+
+// Deletes what was held back, before anything else looks at the table. Nobody will look at a file
+// that has no name any more.
+void settleDeletions(DbmTable *table) {
+  if (table->deletions.empty()) return;
+  const std::string held = std::exchange(table->deletions, {});
+  struct stat file {};
+  if (fstat(dbm_pagfno(table->dbm), &file) == 0 && file.st_nlink == 0) return;
+  std::vector<std::pair<uint32_t, std::string_view>> keys;
+  for (size_t at = 0; at < held.size();) {
+    size_t length = 0;
+    memcpy(&length, held.data() + at, sizeof length);
+    const std::string_view key(held.data() + at + sizeof length, length);
+    keys.emplace_back(_NQ_dbm_db_order(key.data(), key.size()), key);
+    at += sizeof length + length;
   }
-  checkMemory();
-  return -1;
+  std::sort(keys.begin(), keys.end());
+  for (const auto &[order, key] : keys) {
+    if (deleteKey(table, key.data(), key.size()) != 0) table->failed = true;
+  }
 }
 
 }  // namespace
@@ -100,10 +236,16 @@ NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, m
     delete table;
     return nullptr;
   }
+  // The library would keep all blocks of keys in memory that it has met, 40 bytes a record. With
+  // few of them it is no slower: the file is mapped.
+  size_t blocks = 100;
+  gdbm_setopt(table->dbm->file, GDBM_SETCACHESIZE, &blocks, sizeof blocks);
   return &table->handle;
 }
 
 void _NQ_dbm_db_close(NQ_dbm_db *db) {
+  settleDeletions(db->table);
+  cutReserved(db->table);
   dbm_close(db->table->dbm);
   delete db->table;
 }
@@ -126,10 +268,9 @@ int _NQ_dbm_db_store(NQ_dbm_db *db, const void *key, size_t keyLength, const voi
 }
 
 int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength) {
-  forgetErrors();
-  if (dbm_delete(db->table->dbm, toDatum(key, keyLength)) == 0) return 0;
-  checkMemory();
-  return gdbm_errno == GDBM_ITEM_NOT_FOUND ? 0 : -1;
+  if (!db->table->buffering) return deleteKey(db->table, key, keyLength);
+  holdDeletion(db->table, key, keyLength);
+  return 0;
 }
 
 bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record) {
@@ -139,6 +280,7 @@ bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record) {
   dbm_clearerr(table->dbm);
   datum key{};
   if (db->first == 1) {
+    settleDeletions(table);
     db->first = 0;
     table->scan = DbmScan::underWay;
     table->scanned = 0;
@@ -176,7 +318,8 @@ int _NQ_dbm_db_store_raw(NQ_dbm_db *db, std::string_view key, std::string_view b
 }
 
 int _NQ_dbm_db_sync(NQ_dbm_db *db) {
-  return gdbm_sync(db->table->dbm->file) == 0 ? 0 : -1;
+  settleDeletions(db->table);
+  return gdbm_sync(db->table->dbm->file) == 0 && !db->table->failed ? 0 : -1;
 }
 
 NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db) {
@@ -194,9 +337,27 @@ NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db) {
   return head;
 }
 
-void _NQ_dbm_db_start_buffering(NQ_dbm_db *, uint32_t) {}
+void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t) {
+  DbmTable *table = db->table;
+  table->buffering = true;
+  if (!table->wasCut) mapFile(table, 1);
+}
 
-void _NQ_dbm_db_stop_buffering(NQ_dbm_db *) {}
+void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db) {
+  settleDeletions(db->table);
+  db->table->buffering = false;
+  cutReserved(db->table);
+  mapFile(db->table, 0);
+}
+
+uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength) {
+  const auto *bytes = static_cast<const unsigned char *>(key);
+  uint32_t hash = 0x238F13AFu * static_cast<uint32_t>(keyLength);
+  for (size_t i = 0; i < keyLength; ++i) {
+    hash = (hash + (static_cast<uint32_t>(bytes[i]) << (i * 5 % 24))) & 0x7FFFFFFF;
+  }
+  return (1103515243u * hash + 12345) & 0x7FFFFFFF;
+}
 
 void _NQ_dbm_db_disable_lock_on_access(NQ_dbm_db *) {}
 

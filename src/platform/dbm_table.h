@@ -90,10 +90,27 @@ int _NQ_dbm_db_sync(NQ_dbm_db *db);
 NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db);
 
 // Brackets bulk access. The count bounds the records that the layer may hold back in memory (all
-// ones: no bound); after stop every stored record is in the files. Stores are written through, so
-// today nothing is ever held back.
+// ones: no bound); after stop all changes are in the files.
+//
+// Stores are never held back. What makes many of them slow is that the library unmaps and maps the
+// whole file each time it grows, and every page faults anew. So while buffering, the first change
+// and then one now and again make the file longer ahead, by half of what it holds, and stop cuts it
+// to what it holds. A million stores of 48 bytes in random order take a seventh of the time that
+// way, and in the order of _NQ_dbm_db_order a sixteenth; sorting them in batches as small as the
+// usual count gained nothing. Taking the space ahead also makes a full disk an error and not a
+// signal. The library asks for the recovery of a table whose file a killed process has left long;
+// closing the table cuts it too.
+//
+// The keys of deletions are held back, about 16 bytes each, and deleted in that order before
+// anything else is done with the table: a store, a look, a stop. When the file has no name any more
+// by then they are forgotten, since nobody can see it. A deletion while buffering is therefore
+// always a success; one that cannot be carried out later makes the next sync fail.
 void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t count);
 void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db);
+
+// Bulk changes are cheapest in ascending order of this number, in which their keys' places lie one
+// behind the other (the library's hash). Only a hint: any order has the same result.
+uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength);
 
 // Locking around each single access could not make two writers safe, since a handle caches what it
 // has read. The layer therefore never does it, and asking for none is always granted.

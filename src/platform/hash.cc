@@ -4,21 +4,14 @@
 #include <bit>
 
 _Hash::_Hash(int size, int, int, float)
-    : chains_(std::bit_ceil(static_cast<size_t>(std::max(size, 1)))) {}
+    : places_(std::bit_ceil(static_cast<size_t>(std::max(size, 3)) * 4 / 3)) {}
 
-_Hash::~_Hash() {
-  for (_HashItem *item : chains_) {
-    while (item != nullptr) {
-      _HashItem *next = item->next_;
-      delete item;
-      item = next;
-    }
-  }
-}
+_Hash::~_Hash() = default;
 
 uint32_t _Hash::hash(const void *key) const {
-  // Ids are handed out one after the other; the multiplication spreads them over the chains.
-  return static_cast<uint32_t>((reinterpret_cast<uintptr_t>(key) * 0x9E3779B97F4A7C15u) >> 32);
+  // Ids are handed out one after the other; the multiplication spreads them over the places.
+  return static_cast<uint32_t>((uint64_t{reinterpret_cast<uintptr_t>(key)} * 0x9E3779B97F4A7C15u) >>
+                               32);
 }
 
 int _Hash::keyCmp(const void *a, const void *b) const {
@@ -29,72 +22,61 @@ int _Hash::dataCmp(const void *a, const void *b) const {
   return a == b ? 0 : 1;
 }
 
-// The place that points at the key's item, or at the null that ends its chain.
-_HashItem **_Hash::slotOf(void *key, uint32_t hash) {
-  _HashItem **slot = &chains_[hash & (chains_.size() - 1)];
-  while (*slot != nullptr && ((*slot)->hash_ != hash || keyCmp((*slot)->key_, key) != 0)) {
-    slot = &(*slot)->next_;
+uint32_t _Hash::storedHash(const void *key) const {
+  return std::max(hash(key), uint32_t{1});
+}
+
+// Where the key is, or the free place where it would be.
+size_t _Hash::placeOf(const void *key, uint32_t hash) const {
+  size_t place = hash & (places_.size() - 1);
+  while (places_[place].hash_ != 0 &&
+         (places_[place].hash_ != hash || keyCmp(places_[place].key_, key) != 0)) {
+    place = next(place);
   }
-  return slot;
+  return place;
 }
 
 void _Hash::insert(void *key, void *data) {
-  if (size_ >= chains_.size() && iterating_ == 0) grow();
-  const uint32_t keyHash = hash(key);
-  _HashItem **slot = slotOf(key, keyHash);
-  if (*slot == nullptr) {
-    *slot = new _HashItem;
-    (*slot)->next_ = nullptr;
-    (*slot)->hash_ = keyHash;
-    ++size_;
-  }
-  (*slot)->key_ = key;
-  (*slot)->data_ = data;
+  if (size_ >= places_.size() / 4 * 3) grow();
+  const uint32_t keyHash = storedHash(key);
+  _HashItem &item = places_[placeOf(key, keyHash)];
+  if (item.hash_ == 0) ++size_;
+  item.key_ = key;
+  item.data_ = data;
+  item.hash_ = keyHash;
 }
 
 _HashItem *_Hash::find(void *key) const {
-  return *const_cast<_Hash *>(this)->slotOf(key, hash(key));
+  const _HashItem &item = places_[placeOf(key, storedHash(key))];
+  return item.hash_ == 0 ? nullptr : const_cast<_HashItem *>(&item);
+}
+
+void _Hash::prefetch(const void *key) const {
+  __builtin_prefetch(&places_[storedHash(key) & (places_.size() - 1)]);
 }
 
 void _Hash::remove(void *key) {
-  _HashItem **slot = slotOf(key, hash(key));
-  if (*slot == nullptr) return;
-  _HashItem *item = *slot;
-  *slot = item->next_;
-  delete item;
+  size_t hole = placeOf(key, storedHash(key));
+  if (places_[hole].hash_ == 0) return;
+  // The items behind it move up, as far as that brings them no nearer than their first place.
+  for (size_t place = next(hole); places_[place].hash_ != 0; place = next(place)) {
+    const size_t mask = places_.size() - 1;
+    const size_t fromFirst = (place - places_[place].hash_) & mask;
+    if (fromFirst < ((place - hole) & mask)) continue;
+    places_[hole] = places_[place];
+    hole = place;
+  }
+  places_[hole] = {};
   --size_;
 }
 
-void _Hash::clearIterating() {
-  if (iterating_ > 0) --iterating_;
-}
-
 void _Hash::grow() {
-  std::vector<_HashItem *> chains(chains_.size() * 2);
-  for (_HashItem *item : chains_) {
-    while (item != nullptr) {
-      _HashItem *next = item->next_;
-      _HashItem *&head = chains[item->hash_ & (chains.size() - 1)];
-      item->next_ = head;
-      head = item;
-      item = next;
-    }
+  std::vector<_HashItem> places(places_.size() * 2);
+  places_.swap(places);
+  for (const _HashItem &item : places) {
+    if (item.hash_ == 0) continue;
+    size_t place = item.hash_ & (places_.size() - 1);
+    while (places_[place].hash_ != 0) place = next(place);
+    places_[place] = item;
   }
-  chains_.swap(chains);
-}
-
-_HashIter::_HashIter(_Hash *table) : table_(table) {
-  ++table_->iterating_;
-  item_ = table_->chains_[0];
-  skipEmptyChains();
-}
-
-_HashItem *_HashIter::operator++(int) {
-  if (item_ != nullptr) item_ = item_->next_;
-  skipEmptyChains();
-  return item_;
-}
-
-void _HashIter::skipEmptyChains() {
-  while (item_ == nullptr && chain_ + 1 < table_->chains_.size()) item_ = table_->chains_[++chain_];
 }

@@ -14,10 +14,9 @@ class _HashItem {
   friend class _Hash;
   friend class _HashIter;
 
-  void *key_;
-  void *data_;
-  _HashItem *next_;
-  uint32_t hash_;
+  void *key_ = nullptr;
+  void *data_ = nullptr;
+  uint32_t hash_ = 0;  // of the key, never 0; 0 in a place that is free
 };
 
 // A key that is a number is held in the key word itself.
@@ -28,11 +27,12 @@ inline uint32_t keyNumber(const void *key) {
   return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(key));
 }
 
-// Chained, and grown as entries come in; any number of entries is fine. The base class compares and
-// hashes the key word itself; derived classes whose keys point somewhere override hash and keyCmp.
+// Open addressing with linear probing, grown as entries come in; any number of entries is fine. An
+// item is valid until the next insertion or removal. The base class compares and hashes the key
+// word itself; derived classes whose keys point somewhere override hash and keyCmp.
 class _Hash {
  public:
-  // The initial number of chains; the other parameters have no meaning here.
+  // The number of entries to have room for; the other parameters have no meaning here.
   _Hash(int size, int, int, float);
   virtual ~_Hash();  // frees the table's own storage, never keys or data
   _Hash(const _Hash &) = delete;
@@ -44,10 +44,12 @@ class _Hash {
   _HashItem *find(void *key) const;  // null when absent
   void remove(void *key);            // absent: nothing happens
   int isIn(void *key) const { return find(key) != nullptr; }
+  // Starts to fetch the place of a key that will be looked for soon.
+  void prefetch(const void *key) const;
   int size() const { return static_cast<int>(size_); }
 
-  // Ends an iteration. While one is under way the table does not grow its chains.
-  void clearIterating();
+  // Ends an iteration, of which a table needs to know nothing.
+  void clearIterating() {}
 
  protected:
   virtual uint32_t hash(const void *key) const;
@@ -57,29 +59,38 @@ class _Hash {
  private:
   friend class _HashIter;
 
-  _HashItem **slotOf(void *key, uint32_t hash);
+  uint32_t storedHash(const void *key) const;
+  size_t next(size_t place) const { return (place + 1) & (places_.size() - 1); }
+  size_t placeOf(const void *key, uint32_t hash) const;
   void grow();
 
-  std::vector<_HashItem *> chains_;
+  std::vector<_HashItem> places_;  // a power of two, at most three quarters of them taken
   size_t size_ = 0;
-  int iterating_ = 0;
 };
 
-// Walks over all items in no particular order. Items must not be removed meanwhile.
+// Walks over all items in no particular order. None must be inserted or removed meanwhile.
 class _HashIter {
  public:
-  explicit _HashIter(_Hash *table);
+  explicit _HashIter(_Hash *table) : table_(table) { skipFree(); }
   ~_HashIter() { table_->clearIterating(); }
   _HashIter(const _HashIter &) = delete;
   _HashIter &operator=(const _HashIter &) = delete;
 
-  _HashItem *operator()() const { return item_; }  // the current item, or null
-  _HashItem *operator++(int);                      // advances; the new current item, or null
+  // The current item, or null.
+  _HashItem *operator()() const {
+    return place_ < table_->places_.size() ? &table_->places_[place_] : nullptr;
+  }
+  _HashItem *operator++(int) {  // advances; the new current item, or null
+    ++place_;
+    skipFree();
+    return operator()();
+  }
 
  private:
-  void skipEmptyChains();
+  void skipFree() {
+    while (operator()() != nullptr && operator()()->hash_ == 0) ++place_;
+  }
 
   _Hash *table_;
-  size_t chain_ = 0;
-  _HashItem *item_ = nullptr;
+  size_t place_ = 0;
 };

@@ -1,10 +1,10 @@
 #include "platform/list.h"
 
 _List::~_List() {
-  if (nodes_ == Nodes::partOfElement) return;
+  if (nodeOffset_ != ownNodes) return;
   while (first_ != nullptr) {
     _ListNode *next = first_->next;
-    delete first_;
+    delete static_cast<_ElementNode *>(first_);
     first_ = next;
   }
 }
@@ -12,7 +12,6 @@ _List::~_List() {
 // A null `before` links at the end.
 void _List::link(const void *element, _ListNode *before) {
   _ListNode *node = newNode(element);
-  node->element = element;
   node->next = before;
   node->prev = before == nullptr ? last_ : before->prev;
   (node->prev == nullptr ? first_ : node->prev->next) = node;
@@ -43,16 +42,20 @@ void _List::remove(const void *element) {
   (node->prev == nullptr ? first_ : node->prev->next) = node->next;
   (node->next == nullptr ? last_ : node->next->prev) = node->prev;
   --size_;
-  if (nodes_ == Nodes::ownedByList) delete node;
+  if (nodeOffset_ == ownNodes) delete static_cast<_ElementNode *>(node);
 }
 
-_ListNode *_List::newNode(const void *) {
-  return new _ListNode;
+_ListNode *_List::newNode(const void *element) {
+  if (nodeOffset_ != ownNodes) return nodeOf(element);
+  return new _ElementNode{{}, element};
 }
 
 _ListNode *_List::nodeOf(const void *element) {
-  for (_ListNode *node = first_; node != nullptr; node = node->next) {
-    if (node->element == element) return node;
+  if (nodeOffset_ != ownNodes) {
+    char *bytes = static_cast<char *>(const_cast<void *>(element));
+    return reinterpret_cast<_ListNode *>(bytes + nodeOffset_);
   }
-  return nullptr;
+  _ListNode *node = first_;
+  while (node != nullptr && elementOf(node) != element) node = node->next;
+  return node;
 }

@@ -1,15 +1,16 @@
 // The container library's list: a doubly linked list of pointers that it does not own.
 #pragma once
 
+#include <cstddef>
+
 struct _ListNode {
   _ListNode *next;
   _ListNode *prev;
-  const void *element;
 };
 
 // Elements are pointers and are told apart by their address. A plain list allocates a node for each
-// element and searches for it on removal. A derived class whose elements carry their own nodes
-// overrides newNode and nodeOf, and then no operation depends on the list's length.
+// element and searches for it on removal. A derived class whose elements carry their own nodes says
+// where in them the node lies, and then no operation depends on the list's length.
 class _List {
  public:
   _List() = default;
@@ -24,18 +25,19 @@ class _List {
   int size() const { return size_; }
 
  protected:
-  enum class Nodes { ownedByList, partOfElement };
-  explicit _List(Nodes nodes) : nodes_(nodes) {}
-
-  virtual _ListNode *newNode(const void *element);
-  virtual _ListNode *nodeOf(const void *element);  // null when the element is not in the list
+  explicit _List(size_t nodeOffset) : nodeOffset_(static_cast<int>(nodeOffset)) {}
 
  private:
   friend class _ListIter;
 
+  static constexpr int ownNodes = -1;
+
+  _ListNode *newNode(const void *element);
+  _ListNode *nodeOf(const void *element);  // null when the element is not in the list
+  const void *elementOf(const _ListNode *node) const;
   void link(const void *element, _ListNode *before);
 
-  Nodes nodes_ = Nodes::ownedByList;
+  int nodeOffset_ = ownNodes;  // bytes from an element to its node
   int size_ = 0;
   _ListNode *first_ = nullptr;
   _ListNode *last_ = nullptr;
@@ -44,18 +46,28 @@ class _List {
 // Walks from the front. The current element may be removed once the walk has moved on.
 class _ListIter {
  public:
-  explicit _ListIter(const _List *list) : node_(list->first_) {}
+  explicit _ListIter(const _List *list) : list_(list), node_(list->first_) {}
 
-  void *operator()() const { return elementOf(node_); }  // the current element, or null
-  void *operator++(int) {                                // advances; the new current one, or null
+  // The current element, or null.
+  void *operator()() const {
+    return node_ == nullptr ? nullptr : const_cast<void *>(list_->elementOf(node_));
+  }
+  void *operator++(int) {  // advances; the new current one, or null
     if (node_ != nullptr) node_ = node_->next;
-    return elementOf(node_);
+    return operator()();
   }
 
  private:
-  static void *elementOf(const _ListNode *node) {
-    return node == nullptr ? nullptr : const_cast<void *>(node->element);
-  }
-
+  const _List *list_;
   const _ListNode *node_;
 };
+
+// The node of an element that carries none.
+struct _ElementNode : _ListNode {
+  const void *element;
+};
+
+inline const void *_List::elementOf(const _ListNode *node) const {
+  return nodeOffset_ == ownNodes ? static_cast<const _ElementNode *>(node)->element
+                                 : reinterpret_cast<const char *>(node) - nodeOffset_;
+}

@@ -42,6 +42,9 @@ bool_t codeList(XDR *stream, ValueList **list, int32_t type) {
     if (stream->x_op == XDR_FREE) return 1;
     if (stream->x_op == XDR_ENCODE || !allocateRecord(list)) return 0;
   }
+  if (stream->x_op == XDR_DECODE && !allocateArray(stream, &(*list)->entries, longestValueList)) {
+    return 0;
+  }
   const bool_t coded = xdr_array(stream, reinterpret_cast<char **>(&(*list)->entries),
                                  &(*list)->count, longestValueList, sizeof(ValueListEntry),
                                  reinterpret_cast<xdrproc_t>(codeListEntry));

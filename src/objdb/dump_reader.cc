@@ -1,0 +1,34 @@
+#include "objdb/dump_reader.h"
+
+#include <stdexcept>
+
+std::vector<StoredRecord> readDump(std::istream &input, bool sealed) {
+  std::vector<StoredRecord> records;
+  Census census;
+  std::string text;
+  size_t lineNumber = 0;
+  bool ended = false;
+  try {
+    while (std::getline(input, text)) {
+      ++lineNumber;
+      if (ended) throw std::runtime_error("a line behind the trailer");
+      const Json line = Json::parse(text);
+      if (sealed && lineNumber == 1) {
+        if (!isHeaderLine(line)) throw std::runtime_error("not the header of a dump");
+      } else if (sealed && line.contains("digest")) {
+        if (line != census.toJson()) {
+          throw std::runtime_error("the trailer does not agree with the lines before it");
+        }
+        ended = true;
+      } else {
+        records.push_back(recordFromJson(line));
+        const StoredRecord &record = records.back();
+        census.add(record.table, record.key, record.bytes);
+      }
+    }
+    if (sealed && !ended) throw std::runtime_error("the dump ends without its trailer");
+  } catch (const std::exception &error) {
+    throw std::runtime_error("line " + std::to_string(lineNumber) + ": " + error.what());
+  }
+  return records;
+}
