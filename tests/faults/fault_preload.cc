@@ -85,7 +85,7 @@ bool fault() {
   ++calls;
   char text[32];
   const int length = snprintf(text, sizeof text, "%ld\n", calls);
-  syscall(SYS_pwrite64, counter, text, length, 0L);
+  syscall(SYS_pwrite64, counter, text, length, 0L, 0L);  // on i386 an offset takes two words
   if (calls != at && !(on && calls > at)) return false;
   if (*how == '/') {
     [[maybe_unused]] const int status = system(how);
@@ -215,10 +215,19 @@ int posix_fallocate64(int fd, off64_t start, off64_t size) {
                  : next<int (*)(int, off64_t, off64_t)>("posix_fallocate64")(fd, start, size);
 }
 
-GDBM_FILE gdbm_open(const char *path, int block, int flags, int mode, void (*fatal)(const char *)) {
+bool isUnmapped() {
   static const bool unmapped = getenv("FAULT_NOMAP") != nullptr;
+  return unmapped;
+}
+
+int gdbm_setopt(GDBM_FILE table, int option, void *value, int size) {
+  if (option == GDBM_SETMMAP && isUnmapped()) return 0;
+  return next<int (*)(GDBM_FILE, int, void *, int)>("gdbm_setopt")(table, option, value, size);
+}
+
+GDBM_FILE gdbm_open(const char *path, int block, int flags, int mode, void (*fatal)(const char *)) {
   return next<GDBM_FILE (*)(const char *, int, int, int, void (*)(const char *))>("gdbm_open")(
-      path, block, unmapped ? flags | GDBM_NOMMAP : flags, mode, fatal);
+      path, block, isUnmapped() ? flags | GDBM_NOMMAP : flags, mode, fatal);
 }
 
 #endif

@@ -195,6 +195,14 @@ TEST_F(Sweep, RefusesADatabaseThatItCannotOpen) {
   EXPECT_EQ(filesOf(rewrittenTables), damaged);
 }
 
+// 32-bit libraries refuse files whose times do not fit into their 32 bits.
+TEST_F(Sweep, TablesMayBeFromBeyond2038) {
+  ASSERT_EQ(run("touch -d 2040-01-01 " + currentDir + "/*").status, 0);
+  const Outcome outcome = sweep("-m");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, dialogue + loading + rewriting);
+}
+
 TEST_F(Sweep, NeedsItsTraceFile) {
   const std::string tables = filesOf(rewrittenTables);
   std::filesystem::remove_all("/usr/NQ/log");
