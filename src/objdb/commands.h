@@ -26,6 +26,10 @@ int dumpDatabase(const DatabaseName &database);
 // taken as they come.
 int loadDatabase(const DatabaseName &database, bool sealed);
 
+// Writes every finding of a look at all six tables, as text or as lines of JSON, and in the last
+// line how many records were looked at and how many findings there are.
+int checkDatabase(const DatabaseName &database, bool json);
+
 // Writes the names of the archived versions, a line each; "unfinished" behind the name of one that
 // a run has left marked, which is a finding.
 int printVersions(const DatabaseName &database);

@@ -1,6 +1,3 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -9,6 +6,7 @@
 
 #include "objdb/commands.h"
 #include "objdb/record_lines.h"
+#include "objdb/table_reader.h"
 
 namespace {
 
@@ -39,59 +37,41 @@ std::string sortKey(size_t table, std::string_view key) {
 
 // Writes the table's lines. False, with the reason on standard error, when not every record could
 // be read and written.
-bool dumpTable(const std::string &directory, size_t table, Census &census) {
-  const TableFormat &format = tableFormats[table];
-  const std::string path = directory + "/" + format.name;
-  // Both files have to be there: opening a table without its .dir leaves an empty one behind.
-  for (const char *suffix : {".dir", ".pag"}) {
-    if (access((path + suffix).c_str(), R_OK) != 0) {
-      fprintf(stderr, "objdb: could not read \"%s%s\": %s\n", path.c_str(), suffix,
-              strerror(errno));
-      return false;
-    }
-  }
-  NQ_dbm_db *db =
-      _NQ_dbm_db_open(directory.c_str(), format.name, O_RDONLY, 0, format.decode, format.encode);
-  if (db == nullptr) {
-    fprintf(stderr, "objdb: could not open table \"%s\": not a table of this machine's word size\n",
-            path.c_str());
-    return false;
-  }
+bool dumpTable(TableReader *reader, size_t table, Census &census) {
+  const char *name = tableFormats[table].name;
   std::vector<Line> lines;
   DbmRecord record;
-  db->first = 1;
-  bool readable = true;
-  while (readable && _NQ_dbm_db_getnext_raw(db, &record)) {
+  while (reader->next(&record)) {
     std::optional<Json> line;
     if (record.bytes.data() != nullptr) line = recordToJson(table, record.key, record.bytes);
-    if (line) {
-      lines.push_back({sortKey(table, record.key), line->dump()});
-      census.add(table, record.key, record.bytes);
-    } else {
+    if (!line) {
       fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
-              toHex(record.key).c_str(), path.c_str());
-      readable = false;
+              toHex(record.key).c_str(), name);
+      return false;
     }
+    lines.push_back({sortKey(table, record.key), line->dump()});
+    census.add(table, record.key, record.bytes);
   }
-  if (readable && _NQ_dbm_db_scan(db) != DbmScan::complete) {
-    fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", path.c_str());
-    readable = false;
+  if (!reader->isComplete()) {
+    fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", name);
+    return false;
   }
-  _NQ_dbm_db_close(db);
   std::sort(lines.begin(), lines.end(),
             [](const Line &a, const Line &b) { return a.order < b.order; });
   for (const Line &line : lines) puts(line.text.c_str());
-  return readable;
+  return true;
 }
 
 }  // namespace
 
 int dumpDatabase(const DatabaseName &database) {
-  const std::string directory = database.directory + "/" + database.version;
+  const std::optional<TableReaders> tables =
+      openAllTables(database.directory + "/" + database.version);
+  if (!tables) return objdbFailed;
   Census census;
   puts(headerLine().dump().c_str());
   for (size_t table = 0; table < tableCount; ++table) {
-    if (!dumpTable(directory, table, census)) return objdbFailed;
+    if (!dumpTable((*tables)[table].get(), table, census)) return objdbFailed;
   }
   puts(census.toJson().dump().c_str());
   if (fflush(stdout) != 0 || ferror(stdout) != 0) {

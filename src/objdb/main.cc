@@ -32,6 +32,12 @@ int runCommand(int argc, char **argv) {
   bool unsealed = false;
   load->add_flag("--unsealed", unsealed,
                  "Take lines without a dump's header and trailer, which tell that none is missing");
+  CLI::App *check =
+      addCommand("check", "Look at every record and list what is wrong with the database",
+                 "Example: objdb check --version 22112026.231500");
+  addVersion(check);
+  bool json = false;
+  check->add_flag("--json", json, "List the findings as lines of JSON");
   const CLI::App *versions =
       addCommand("versions", "List the archived versions and those that a run has left unfinished",
                  "Example: objdb versions");
@@ -52,6 +58,7 @@ int runCommand(int argc, char **argv) {
   }
   if (dump->parsed()) return dumpDatabase(database);
   if (load->parsed()) return loadDatabase(database, !unsealed);
+  if (check->parsed()) return checkDatabase(database, json);
   if (versions->parsed()) return printVersions(database);
   if (archive->parsed()) return archiveDatabase(database);
   return restoreDatabase(database, name, dryRun);
