@@ -43,7 +43,7 @@ constexpr struct {
      "restore an archived version; 'objdb salvage' makes one of what can still be read"},
     {"needs-recovery", "the dbm library wants the table recovered",
      "'objdb salvage' recovers it in a new version"},
-    {"unreached", "records are counted that a scan does not reach",
+    {"unreached", "a scan does not read the records that the library counts",
      "'objdb salvage' looks for them; or restore an archived version"},
     {"undecodable", "the record cannot be decoded",
      "'objdb salvage' leaves it out; or restore an archived version"},
@@ -84,7 +84,7 @@ class Findings {
     line["text"] = kinds[kind].text + (detail.empty() ? "" : " (" + detail + ")");
     if (json_) {
       line["cure"] = kinds[kind].cure;
-      puts(line.dump().c_str());
+      puts(line.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
       return;
     }
     std::string where = tableFormats[table].name;
@@ -182,8 +182,10 @@ class Check {
     whole_[table] = decoded && reader.isComplete();
     if (reader.needsRecovery()) findings_.add(needsRecovery, table);
     if (!reader.isComplete()) {
+      const auto counted = reader.counted();
       findings_.add(unreached, table, Json::object(),
-                    "at least " + std::to_string(reader.unreached()));
+                    std::to_string(reader.recordsRead()) + " read of " +
+                        (counted ? std::to_string(*counted) : "how many cannot be told"));
     }
     if (table == idKeeper && isWhole(table) && counter_ == 0) findings_.add(noCounter, table);
   }

@@ -40,3 +40,8 @@ int archiveDatabase(const DatabaseName &database);
 // Puts the tables of a version in place of "current" and takes its mark away; the version stays.
 // Refuses while another process holds the tables.
 int restoreDatabase(const DatabaseName &database, const std::string &name, bool dryRun);
+
+// Makes an archived version of every record that can still be read of a version ("current" too),
+// mends what check would find in it, writes its name, and says on standard error what was lost,
+// which is a finding. The version itself is not touched.
+int salvageDatabase(const std::string &directory, const std::string &name);

@@ -46,8 +46,12 @@ int runCommand(int argc, char **argv) {
   CLI::App *restore =
       addCommand("restore", "Put the tables of a version in place of the current ones",
                  "Example: objdb restore 22112026.231500");
+  CLI::App *salvage =
+      addCommand("salvage", "Make a new version of what can still be read of a damaged one",
+                 "Example: objdb salvage current");
   std::string name;
   bool dryRun = false;
+  salvage->add_option("VERSION", name, "The version, or \"current\"")->required();
   restore->add_option("VERSION", name, "The version, as 'objdb versions' names it")->required();
   restore->add_flag("--dry-run", dryRun, "Only say what would be done");
 
@@ -58,6 +62,7 @@ int runCommand(int argc, char **argv) {
   }
   if (dump->parsed()) return dumpDatabase(database);
   if (load->parsed()) return loadDatabase(database, !unsealed);
+  if (salvage->parsed()) return salvageDatabase(database.directory, name);
   if (check->parsed()) return checkDatabase(database, json);
   if (versions->parsed()) return printVersions(database);
   if (archive->parsed()) return archiveDatabase(database);

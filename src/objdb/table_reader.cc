@@ -12,14 +12,11 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/files.h"
+
 namespace {
 
-// A file read without leaving an access time; the owner alone may ask for that. -1 with errno.
-int openQuietly(const std::string &path) {
-  constexpr int flags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-  const int fd = open(path.c_str(), flags | O_NOATIME);
-  return fd < 0 && errno == EPERM ? open(path.c_str(), flags) : fd;
-}
+constexpr int fileFlags = O_NOFOLLOW | O_NONBLOCK;  // whatever stands there, it does not wait
 
 // Who has locked a file, as far as the kernel tells.
 std::string holderOf(const struct stat &file) {
@@ -175,13 +172,13 @@ std::unique_ptr<TableReader> TableReader::open(const std::string &directory, con
     return nullptr;
   }
   if (demand == Demand::wholeTable) {
-    const Descriptor file(openQuietly(path + ".dir"));
+    const Descriptor file(openQuietly(path + ".dir", fileFlags));
     if (file.get() < 0) return failByErrno(path + ".dir");
     const std::string why = whyNotDirectoryFile(file.get());
     if (!why.empty()) return fail(path + ".dir", why, true);
   }
   const std::string pages = path + ".pag";
-  Descriptor fd(openQuietly(pages));
+  Descriptor fd(openQuietly(pages, fileFlags));
   struct stat status {};
   PageHead head{};
   if (fd.get() < 0 || fstat(fd.get(), &status) != 0) return failByErrno(pages);
@@ -219,12 +216,11 @@ bool TableReader::next(DbmRecord *record) {
     return true;
   }
   state.ended = true;
-  const bool failed = state.key.get().dptr != nullptr || gdbm_errno != GDBM_ITEM_NOT_FOUND;
+  failed_ = state.key.get().dptr != nullptr || gdbm_errno != GDBM_ITEM_NOT_FOUND;
   gdbm_count_t counted = 0;
-  if (gdbm_count(state.file, &counted) != 0 && !countAfresh(gdbm_fdesc(state.file), &counted)) {
-    counted = 0;
+  if (gdbm_count(state.file, &counted) == 0 || countAfresh(gdbm_fdesc(state.file), &counted)) {
+    counted_ = counted;
   }
-  unreached_ = counted > read_ ? counted - read_ : (failed || counted < read_ ? 1 : 0);
   return false;
 }
 

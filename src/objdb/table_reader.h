@@ -44,11 +44,11 @@ class TableReader {
   // The bytes under a key, valid until the next call; null when there are none.
   std::string_view fetch(std::string_view key);
 
-  // Once the scan has ended: whether it read as many records as the library counts; how many it did
-  // not reach (at least 1 when that cannot be told); whether the library wants the table recovered.
-  bool isComplete() const { return unreached_ == 0; }
-  uint64_t unreached() const { return unreached_; }
+  // Once the scan has ended: how many records it read; how many there are, if the library can tell;
+  // whether that agrees and nothing failed; whether the library wants the table recovered.
   uint64_t recordsRead() const { return read_; }
+  std::optional<uint64_t> counted() const { return counted_; }
+  bool isComplete() const { return !failed_ && counted_ == read_; }
   bool needsRecovery() const;
 
  private:
@@ -58,7 +58,8 @@ class TableReader {
   std::unique_ptr<State> state_;
   Progress progress_;
   uint64_t read_ = 0;
-  uint64_t unreached_ = 0;
+  std::optional<uint64_t> counted_;
+  bool failed_ = false;
 };
 
 // All six, locked together so that they belong together, or null where one cannot be opened; then
