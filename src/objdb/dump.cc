@@ -2,9 +2,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "objdb/commands.h"
+#include "objdb/decoded_record.h"
 #include "objdb/record_lines.h"
 #include "objdb/table_reader.h"
 
@@ -35,13 +37,51 @@ std::string sortKey(size_t table, std::string_view key) {
   return order;
 }
 
+// Which lines of a dump are wanted.
+class Filter {
+ public:
+  Filter(const DatabaseName &database, const DumpChoice &choice) : choice_(choice) {
+    if (!choice.field) return;
+    OpenFailure failure;
+    const auto fields =
+        TableReader::open(database.directory + "/" + database.version, tableFormats[fieldInfo].name,
+                          TableReader::Demand::wholeTable, &failure);
+    DbmRecord record;
+    while (fields != nullptr && fields->next(&record)) {
+      const std::optional<Json> line = recordToJson(fieldInfo, record.key, record.bytes);
+      if (line && line->at("name") == *choice.field) {
+        fieldIds_.insert(line->at("field").get<uint32_t>());
+      }
+    }
+  }
+
+  bool takesAll() const { return choice_.table.empty() && !choice_.object && !choice_.field; }
+  bool takesTable(size_t table) const {
+    return choice_.table.empty() || choice_.table == tableFormats[table].name;
+  }
+  bool takes(size_t table, std::string_view bytes) const {
+    if (!choice_.object && !choice_.field) return true;
+    const DecodedRecord record(table, bytes);
+    const bool hasObject = table == objInfo || table == valueInfo || table == nameInfo;
+    if (!record) return true;  // to be told
+    if (choice_.object && (!hasObject || record.objectId != *choice_.object)) return false;
+    return !choice_.field || (table != idKeeper && fieldIds_.contains(record.fieldId));
+  }
+  bool namesNothing() const { return choice_.field && fieldIds_.empty(); }
+
+ private:
+  const DumpChoice &choice_;
+  std::set<uint32_t> fieldIds_;
+};
+
 // Writes the table's lines. False, with the reason on standard error, when not every record could
 // be read and written.
-bool dumpTable(TableReader *reader, size_t table, Census &census) {
+bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Census &census) {
   const char *name = tableFormats[table].name;
   std::vector<Line> lines;
   DbmRecord record;
   while (reader->next(&record)) {
+    if (record.bytes.data() != nullptr && !filter.takes(table, record.bytes)) continue;
     std::optional<Json> line;
     if (record.bytes.data() != nullptr) line = recordToJson(table, record.key, record.bytes);
     if (!line) {
@@ -64,16 +104,23 @@ bool dumpTable(TableReader *reader, size_t table, Census &census) {
 
 }  // namespace
 
-int dumpDatabase(const DatabaseName &database) {
+int dumpDatabase(const DatabaseName &database, const DumpChoice &choice) {
   const std::optional<TableReaders> tables =
       openAllTables(database.directory + "/" + database.version);
   if (!tables) return objdbFailed;
-  Census census;
-  puts(headerLine().dump().c_str());
-  for (size_t table = 0; table < tableCount; ++table) {
-    if (!dumpTable((*tables)[table].get(), table, census)) return objdbFailed;
+  const Filter filter(database, choice);
+  if (filter.namesNothing()) {
+    fprintf(stderr, "objdb: no field \"%s\"\n", choice.field->c_str());
+    return objdbRefused;
   }
-  puts(census.toJson().dump().c_str());
+  Census census;
+  if (filter.takesAll()) puts(headerLine().dump().c_str());
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (filter.takesTable(table) && !dumpTable((*tables)[table].get(), table, filter, census)) {
+      return objdbFailed;
+    }
+  }
+  if (filter.takesAll()) puts(census.toJson().dump().c_str());
   if (fflush(stdout) != 0 || ferror(stdout) != 0) {
     fprintf(stderr, "objdb: could not write the dump: %s\n", strerror(errno));
     return objdbFailed;
