@@ -159,6 +159,7 @@ class Salvage {
   struct Stray {
     std::string key;
     std::string bytes;
+    bool isCut;
   };
 
   // Every record of the table that decodes, from a scan and, where that does not read as many as
@@ -177,16 +178,17 @@ class Salvage {
       ++readTables_;
       take(table, *reader, &undecodable, &strays);
       account.counted = reader->counted();
-    }
-    if (reader == nullptr || !reader->isComplete() || reader->needsRecovery()) {
-      const auto copy = openRecovered(source_ + "/" + name + ".pag", directory);
-      if (copy != nullptr) take(table, *copy, &undecodable, &strays);
-      removeRecovery(directory);
+      if (!reader->isComplete() || reader->needsRecovery()) {
+        const auto copy = openRecovered(source_ + "/" + name + ".pag", directory);
+        if (copy != nullptr) take(table, *copy, &undecodable, &strays);
+        removeRecovery(directory);
+      }
     }
     const uint64_t inPlace = records_[table].size();
-    for (Stray &stray : strays) {
+    for (const Stray &stray : strays) {
       const auto [place, isNew] = records_[table].try_emplace(stray.key, stray.bytes);
       if (isNew) ++account.moved;
+      if (isNew && stray.isCut) ++account.cut;
       if (!isNew && place->second != stray.bytes) ++account.displaced;
     }
     for (const std::string &key : undecodable) {
@@ -207,7 +209,7 @@ class Salvage {
       const std::string key(record.properKey());
       std::string bytes(record.isCut ? record.encoding() : raw.bytes);
       if (key != raw.key) {
-        strays->push_back({key, std::move(bytes)});
+        strays->push_back({key, std::move(bytes), record.isCut});
       } else if (records_[table].try_emplace(key, std::move(bytes)).second && record.isCut) {
         ++accounts_[table].cut;
       }
