@@ -32,6 +32,9 @@ void storeDefinitions(ObjectDatabase *db) {
 
 void storeNetwork(ObjectDatabase *db, uint32_t objects) {
   storeDefinitions(db);
+  const uint32_t counterKey = 0;
+  const uint32_t counter = objects + 1;
+  _NQ_dbm_db_store(db->idKeeperDb, &counterKey, sizeof counterKey, &counter);
   char text[48];
   for (uint32_t object = 1; object <= objects; ++object) {
     snprintf(text, sizeof text, "object-%u.network.example", object);

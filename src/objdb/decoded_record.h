@@ -17,6 +17,7 @@ class DecodedRecord {
   DecodedRecord &operator=(const DecodedRecord &) = delete;
 
   explicit operator bool() const { return decoded_ != nullptr; }
+  const void *get() const { return decoded_; }  // as the table's decoder gives it
 
   // The key under which the record belongs; valid as long as this one.
   std::string_view properKey();

@@ -8,12 +8,21 @@ std::vector<StoredRecord> readDump(std::istream &input, bool sealed) {
   std::string text;
   size_t lineNumber = 0;
   bool ended = false;
+  const auto take = [&](StoredRecord record) {
+    census.add(record.table, record.key, record.bytes);
+    records.push_back(std::move(record));
+  };
   try {
     while (std::getline(input, text)) {
       ++lineNumber;
       if (ended) throw std::runtime_error("a line behind the trailer");
+      const bool isFirst = sealed && lineNumber == 1;
+      if (std::optional<StoredRecord> record; !isFirst && (record = recordFromPlainLine(text))) {
+        take(std::move(*record));
+        continue;
+      }
       const Json line = Json::parse(text);
-      if (sealed && lineNumber == 1) {
+      if (isFirst) {
         if (!isHeaderLine(line)) throw std::runtime_error("not the header of a dump");
       } else if (sealed && line.contains("digest")) {
         if (line != census.toJson()) {
@@ -21,9 +30,7 @@ std::vector<StoredRecord> readDump(std::istream &input, bool sealed) {
         }
         ended = true;
       } else {
-        records.push_back(recordFromJson(line));
-        const StoredRecord &record = records.back();
-        census.add(record.table, record.key, record.bytes);
+        take(recordFromJson(line));
       }
     }
     if (sealed && !ended) throw std::runtime_error("the dump ends without its trailer");

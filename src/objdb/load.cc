@@ -1,7 +1,7 @@
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -12,6 +12,7 @@
 #include "objdb/commands.h"
 #include "objdb/dump_reader.h"
 #include "objdb/record_lines.h"
+#include "objdb/table_writer.h"
 #include "platform/files.h"
 
 namespace {
@@ -20,19 +21,12 @@ namespace fs = std::filesystem;
 
 // Makes the six tables in a directory. False when a store or a sync fails.
 bool buildTables(const fs::path &directory, const std::vector<StoredRecord> &records) {
+  std::array<RecordViews, tableCount> tables;
+  for (const StoredRecord &record : records) {
+    tables[record.table].emplace_back(record.key, record.bytes);
+  }
   for (size_t table = 0; table < tableCount; ++table) {
-    const TableFormat &format = tableFormats[table];
-    NQ_dbm_db *db = _NQ_dbm_db_open(directory.c_str(), format.name, O_RDWR | O_CREAT, 0777,
-                                    format.decode, format.encode);
-    if (db == nullptr) return false;
-    bool stored = true;
-    for (const StoredRecord &record : records) {
-      if (!stored) break;
-      if (record.table == table) stored = _NQ_dbm_db_store_raw(db, record.key, record.bytes) == 0;
-    }
-    stored = stored && _NQ_dbm_db_sync(db) == 0;
-    _NQ_dbm_db_close(db);
-    if (!stored) return false;
+    if (!writeTable(directory, table, tables[table])) return false;
   }
   return syncDirectory(directory) == 0;
 }
@@ -48,6 +42,7 @@ int loadDatabase(const DatabaseName &database, bool sealed) {
       fprintf(stderr, "objdb: \"%s\" is not empty; nothing was loaded\n", version.c_str());
       return objdbRefused;
     }
+    std::ios::sync_with_stdio(false);  // which reads character by character
     const std::vector<StoredRecord> records = readDump(std::cin, sealed);
     umask(0);  // the platform's daemons share the tables, whoever they run as
     fs::create_directories(aside);

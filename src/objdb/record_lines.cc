@@ -2,6 +2,7 @@
 
 #include <gdbm.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "objdb/decoded_record.h"
 #include "records/codecs.h"
 
 namespace {
@@ -21,6 +23,8 @@ constexpr const char *typeNames[] = {nullptr, "Integer", "Boolean", "String", "E
 }
 
 bool isUtf8(const std::string &text) {
+  const auto isAscii = [](char each) { return static_cast<unsigned char>(each) < 0x80; };
+  if (std::all_of(text.begin(), text.end(), isAscii)) return true;
   try {
     Json(text).dump();
     return true;
@@ -169,26 +173,12 @@ std::unique_ptr<NQwFieldValue, FreeValue> valueFromJson(const Json &line) {
   return value;
 }
 
-std::string words(std::initializer_list<uint32_t> numbers) {
-  std::string key;
-  for (const uint32_t each : numbers)
-    key.append(reinterpret_cast<const char *>(&each), sizeof each);
-  return key;
-}
-
-std::string encoded(size_t table, const void *record) {
-  const char *bytes = nullptr;
-  size_t length = 0;
-  if (tableFormats[table].encode(record, &bytes, &length) < 0) complain("cannot be encoded");
-  return {bytes, length};
-}
-
 StoredRecord definitionFromJson(const Json &line) {
   const std::optional<std::string> name = textFromJson(line.at("name"));
   NQwFieldInfo info{id(line, "field"), name ? const_cast<char *>(name->c_str()) : nullptr,
                     typeFromJson(line.at("type")), id(line, "flags")};
   const dbFieldInfo record{&info};
-  return {fieldInfo, words({info.fieldId}), encoded(fieldInfo, &record)};
+  return {fieldInfo, keyOf({info.fieldId}), encodedRecord(fieldInfo, &record)};
 }
 
 StoredRecord nameFromJson(size_t table, const Json &line) {
@@ -199,8 +189,8 @@ StoredRecord nameFromJson(size_t table, const Json &line) {
   memcpy(record.name, name->c_str(), name->size() + 1);
   return {
       table,
-      table == objInfo ? words({record.objectId, record.fieldId}) : words({record.fieldId}) + *name,
-      encoded(table, &record)};
+      table == objInfo ? keyOf({record.objectId, record.fieldId}) : keyOf({record.fieldId}) + *name,
+      encodedRecord(table, &record)};
 }
 
 StoredRecord constantsFromJson(const Json &line) {
@@ -212,7 +202,7 @@ StoredRecord constantsFromJson(const Json &line) {
   for (std::string &text : texts) names.push_back(text.data());
   enumConstants constants{static_cast<uint32_t>(names.size()), names.data()};
   const dbEnumConstants record{fieldId, &constants};
-  return {enumInfo, words({fieldId}), encoded(enumInfo, &record)};
+  return {enumInfo, keyOf({fieldId}), encodedRecord(enumInfo, &record)};
 }
 
 // The record as its members say.
@@ -223,7 +213,7 @@ StoredRecord plainRecord(const Json &line) {
   switch (table) {
     case idKeeper: {
       const uint32_t counter = id(line, "counter");
-      return {table, words({0}), encoded(table, &counter)};
+      return {table, keyOf({0}), encodedRecord(table, &counter)};
     }
     case fieldInfo:
       return definitionFromJson(line);
@@ -233,7 +223,7 @@ StoredRecord plainRecord(const Json &line) {
     case valueInfo: {
       const auto value = valueFromJson(line);
       const dbObjectValue record{id(line, "object"), id(line, "field"), value.get()};
-      return {table, words({record.objectId, record.fieldId}), encoded(table, &record)};
+      return {table, keyOf({record.objectId, record.fieldId}), encodedRecord(table, &record)};
     }
     case enumInfo:
       return constantsFromJson(line);
@@ -242,19 +232,17 @@ StoredRecord plainRecord(const Json &line) {
   }
 }
 
-// The members of a decoded record, which is released.
-void addMembers(Json &line, size_t table, void *decoded) {
+void addMembers(Json &line, size_t table, const void *decoded) {
   switch (table) {
     case idKeeper:
       line["counter"] = *static_cast<const uint32_t *>(decoded);
       break;
     case fieldInfo: {
-      auto *record = static_cast<dbFieldInfo *>(decoded);
-      line["field"] = record->fieldInfo->fieldId;
-      line["name"] = textToJson(record->fieldInfo->name);
-      line["type"] = typeToJson(record->fieldInfo->type);
-      line["flags"] = record->fieldInfo->flags;
-      freeDbFieldInfo(record);
+      const NQwFieldInfo *info = static_cast<const dbFieldInfo *>(decoded)->fieldInfo;
+      line["field"] = info->fieldId;
+      line["name"] = textToJson(info->name);
+      line["type"] = typeToJson(info->type);
+      line["flags"] = info->flags;
       break;
     }
     case objInfo:
@@ -266,25 +254,63 @@ void addMembers(Json &line, size_t table, void *decoded) {
       break;
     }
     case valueInfo: {
-      auto *record = static_cast<dbObjectValue *>(decoded);
+      const auto *record = static_cast<const dbObjectValue *>(decoded);
       line["object"] = record->objectId;
       line["field"] = record->fieldId;
       addValue(line, *record->value);
-      freeDbObjectValue(record);
       break;
     }
     default: {
-      auto *record = static_cast<dbEnumConstants *>(decoded);
+      const auto *record = static_cast<const dbEnumConstants *>(decoded);
       line["field"] = record->fieldId;
       Json &constants = line["constants"] = Json::array();
       for (uint32_t i = 0; i < record->constants->count; ++i) {
         constants.push_back(textToJson(record->constants->names[i]));
       }
-      freeEnumConstants(record->constants);
-      free(record);
     }
   }
 }
+
+// Reads a line from its front, as far as it is as expected.
+class PlainText {
+ public:
+  explicit PlainText(std::string_view text) : rest_(text) {}
+
+  bool skip(std::string_view expected) {
+    if (!rest_.starts_with(expected)) return false;
+    rest_.remove_prefix(expected.size());
+    return true;
+  }
+
+  template <typename Number>
+  bool number(Number *result) {
+    const char *begin = rest_.data();
+    const auto [end, error] = std::from_chars(begin, begin + rest_.size(), *result);
+    const auto length = static_cast<size_t>(end - begin);
+    if (error != std::errc() || rest_.substr(0, length) != std::to_string(*result)) return false;
+    rest_.remove_prefix(length);
+    return true;
+  }
+
+  // A quoted string of printable ASCII without an escape; the room is for the longest string.
+  bool string(char *characters) {
+    if (!skip("\"")) return false;
+    const size_t length = rest_.find('"');
+    if (length > longestString) return false;
+    for (const char each : rest_.substr(0, length)) {
+      if (each < ' ' || each > '~' || each == '\\') return false;
+    }
+    rest_.copy(characters, length);
+    characters[length] = '\0';
+    rest_.remove_prefix(length + 1);
+    return true;
+  }
+
+  bool isEnd() { return skip("}") && rest_.empty(); }
+
+ private:
+  std::string_view rest_;
+};
 
 uint64_t hashBytes(uint64_t hash, std::string_view bytes) {
   for (const char each : bytes) hash = (hash ^ static_cast<unsigned char>(each)) * 1099511628211u;
@@ -302,14 +328,26 @@ const std::array<TableFormat, tableCount> tableFormats{{
     {"enum_info", decodeDbEnumConstants, encodeDbEnumConstants},
 }};
 
+std::string keyOf(std::initializer_list<uint32_t> words) {
+  std::string key;
+  for (const uint32_t each : words) key.append(reinterpret_cast<const char *>(&each), sizeof each);
+  return key;
+}
+
+std::string encodedRecord(size_t table, const void *record) {
+  const char *bytes = nullptr;
+  size_t length = 0;
+  if (tableFormats[table].encode(record, &bytes, &length) < 0) complain("cannot be encoded");
+  return {bytes, length};
+}
+
 std::optional<Json> recordToJson(size_t table, std::string_view key, std::string_view bytes) {
-  void *decoded = tableFormats[table].decode(bytes.data(), bytes.size());
-  if (decoded == nullptr) return std::nullopt;
+  DecodedRecord record(table, bytes);
+  if (!record) return std::nullopt;
   Json line{{"table", tableFormats[table].name}};
-  addMembers(line, table, decoded);
-  const StoredRecord plain = plainRecord(line);
-  if (plain.key != key) line["key"] = toHex(key);
-  if (plain.bytes != bytes) line["bytes"] = toHex(bytes);
+  addMembers(line, table, record.get());
+  if (record.properKey() != key) line["key"] = toHex(key);
+  if (record.encoding() != bytes) line["bytes"] = toHex(bytes);
   return line;
 }
 
@@ -320,10 +358,49 @@ StoredRecord recordFromJson(const Json &line) {
   return record;
 }
 
+std::optional<StoredRecord> recordFromPlainLine(std::string_view text) {
+  PlainText at(text);
+  if (!at.skip(R"({"table":")")) return std::nullopt;
+  size_t table = objInfo;
+  while (table <= nameInfo && !at.skip(tableFormats[table].name)) ++table;
+  uint32_t objectId = 0;
+  uint32_t fieldId = 0;
+  if (table > nameInfo || !at.skip(R"(","object":)") || !at.number(&objectId) ||
+      !at.skip(R"(,"field":)") || !at.number(&fieldId)) {
+    return std::nullopt;
+  }
+  char characters[longestString + 1];
+  if (table != valueInfo) {
+    if (!at.skip(R"(,"name":)") || !at.string(characters) || !at.isEnd()) return std::nullopt;
+    dbObject record{objectId, fieldId, {}};
+    strcpy(record.name, characters);
+    const std::string key =
+        table == objInfo ? keyOf({objectId, fieldId}) : keyOf({fieldId}) + characters;
+    return StoredRecord{table, key, encodedRecord(table, &record)};
+  }
+  NQwFieldValue value{};
+  if (!at.skip(R"(,"type":")")) return std::nullopt;
+  value.type = Integer;
+  while (value.type <= Enumeration && !at.skip(typeNames[value.type])) ++value.type;
+  if (value.type > Enumeration || !at.skip(R"(","value":)")) return std::nullopt;
+  if (value.type == String) {
+    if (!at.string(characters)) return std::nullopt;
+    value.value.string = characters;
+  } else if (value.type == Boolean) {
+    value.value.number = at.skip("true") ? 1 : 0;
+    if (value.value.number == 0 && !at.skip("false")) return std::nullopt;
+  } else if (!at.number(&value.value.number)) {
+    return std::nullopt;
+  }
+  if (!at.isEnd()) return std::nullopt;
+  const dbObjectValue record{objectId, fieldId, &value};
+  return StoredRecord{table, keyOf({objectId, fieldId}), encodedRecord(table, &record)};
+}
+
 void Census::add(size_t table, std::string_view key, std::string_view bytes) {
   ++records_[table];
   const std::string frame =
-      words({static_cast<uint32_t>(table), static_cast<uint32_t>(key.size())});
+      keyOf({static_cast<uint32_t>(table), static_cast<uint32_t>(key.size())});
   digest_ += hashBytes(hashBytes(hashBytes(14695981039346656037u, frame), key), bytes);
 }
 

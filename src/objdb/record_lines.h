@@ -15,6 +15,7 @@
 
 #include <array>
 #include <cstdint>
+#include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -46,6 +47,16 @@ std::optional<Json> recordToJson(size_t table, std::string_view key, std::string
 
 // Throws std::exception with what is wrong with the line.
 StoredRecord recordFromJson(const Json &line);
+
+// The same for the text of a line, if it is one of a single value or a name in plain characters,
+// exactly as a dump has it: most lines are, and need no document made of them.
+std::optional<StoredRecord> recordFromPlainLine(std::string_view text);
+
+// A key that is made of these words.
+std::string keyOf(std::initializer_list<uint32_t> words);
+
+// A record as the table's encoder takes it, encoded. Throws std::exception when it cannot be.
+std::string encodedRecord(size_t table, const void *record);
 
 // How many records each table has, and a digest of keys and records that does not depend on their
 // order: the sum of the records' 64-bit FNV-1a hashes.

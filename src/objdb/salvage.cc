@@ -17,6 +17,7 @@
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
 #include "objdb/table_reader.h"
+#include "objdb/table_writer.h"
 #include "platform/files.h"
 #include "records/codecs.h"
 #include "store/id_keeper.h"
@@ -60,44 +61,23 @@ struct Definition {
   uint32_t flags;
 };
 
-std::string words(std::initializer_list<uint32_t> numbers) {
-  std::string key;
-  for (const uint32_t each : numbers)
-    key.append(reinterpret_cast<const char *>(&each), sizeof each);
-  return key;
-}
-
-std::string encoded(size_t table, const void *record) {
-  const char *bytes = nullptr;
-  size_t length = 0;
-  if (tableFormats[table].encode(record, &bytes, &length) < 0) return "";
-  return {bytes, length};
-}
-
 std::string encodedName(uint32_t objectId, uint32_t fieldId, const std::string &name) {
   dbObject record{objectId, fieldId, {}};
   memcpy(record.name, name.c_str(), name.size() + 1);
-  return encoded(objInfo, &record);
+  return encodedRecord(objInfo, &record);
 }
 
 std::string encodedValue(uint32_t objectId, uint32_t fieldId, const char *text) {
   NQwFieldValue value{0, String, {}, 0};
   value.value.string = const_cast<char *>(text);
   const dbObjectValue record{objectId, fieldId, &value};
-  return encoded(valueInfo, &record);
+  return encodedRecord(valueInfo, &record);
 }
 
 uint32_t firstWord(const std::string &key) {
   uint32_t word = 0;
   memcpy(&word, key.data(), sizeof word);
   return word;
-}
-
-bool syncFile(const std::string &path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  const bool synced = fd >= 0 && fsync(fd) == 0;
-  if (fd >= 0) close(fd);
-  return synced;
 }
 
 class Salvage {
@@ -117,7 +97,8 @@ class Salvage {
     mendConstants();
     mendCounter();
     for (size_t table = 0; table < tableCount; ++table) {
-      if (store(directory, table)) continue;
+      const RecordViews records(records_[table].begin(), records_[table].end());
+      if (writeTable(directory, table, records)) continue;
       *error = "could not write table \"" + directory + "/" + tableFormats[table].name +
                "\": " + strerror(errno);
       return false;
@@ -267,7 +248,7 @@ class Salvage {
         std::string name = "recovered field " + std::to_string(record.fieldId);
         NQwFieldInfo info{record.fieldId, name.data(), record.type, flags};
         const dbFieldInfo definition{&info};
-        records[words({record.fieldId})] = encoded(fieldInfo, &definition);
+        records[keyOf({record.fieldId})] = encodedRecord(fieldInfo, &definition);
       }
     }
     account.rebuilt = records.size() + account.unknownType - found;
@@ -331,7 +312,7 @@ class Salvage {
   }
 
   static std::string nameKey(const DecodedRecord &record) {
-    return words({record.fieldId}) + record.name;
+    return keyOf({record.fieldId}) + record.name;
   }
 
   // One object for each name, and name_info from that. Names of lost records come back from
@@ -342,7 +323,7 @@ class Salvage {
     Records orphans;
     for (const auto &[key, bytes] : records_[nameInfo]) {
       const DecodedRecord entry(nameInfo, bytes);
-      const std::string objectKey = words({entry.objectId, entry.fieldId});
+      const std::string objectKey = keyOf({entry.objectId, entry.fieldId});
       const auto named = names.find(objectKey);
       if (named == names.end()) {
         if (isNameField(entry.fieldId)) orphans.emplace(objectKey, bytes);
@@ -373,7 +354,7 @@ class Salvage {
         std::string addition = "#" + std::to_string(objectId);
         if (attempt > 0) addition += "-" + std::to_string(attempt);
         const std::string other = name.substr(0, longestString - addition.size()) + addition;
-        nameInIndex = words({fieldId}) + other;
+        nameInIndex = keyOf({fieldId}) + other;
         if (!owners.try_emplace(nameInIndex, objectId).second) continue;
         bytes = encodedName(objectId, fieldId, other);
         ++accounts_[objInfo].renamed;
@@ -400,27 +381,11 @@ class Salvage {
       for (const auto &[key, bytes] : records_[table]) highest = std::max(highest, firstWord(key));
     }
     const uint32_t lowestFree = highest == UINT32_MAX ? highest : highest + 1;
-    std::string &bytes = records_[idKeeper][words({0})];
+    std::string &bytes = records_[idKeeper][keyOf({0})];
     const uint32_t counter = bytes.empty() ? 0 : DecodedRecord(idKeeper, bytes).counter;
     if (counter >= lowestFree) return;
-    bytes = encoded(idKeeper, &lowestFree);
+    bytes = encodedRecord(idKeeper, &lowestFree);
     ++accounts_[idKeeper].rebuilt;
-  }
-
-  bool store(const std::string &directory, size_t table) {
-    const TableFormat &format = tableFormats[table];
-    NQ_dbm_db *db = _NQ_dbm_db_open(directory.c_str(), format.name, O_RDWR | O_CREAT, 0777,
-                                    format.decode, format.encode);
-    if (db == nullptr) return false;
-    Progress progress(std::string("writing ") + format.name);
-    bool stored = true;
-    for (const auto &[key, bytes] : records_[table]) {
-      stored = stored && _NQ_dbm_db_store_raw(db, key, bytes) == 0;
-      progress.count();
-    }
-    stored = stored && _NQ_dbm_db_sync(db) == 0;
-    _NQ_dbm_db_close(db);
-    return stored && syncFile(directory + "/" + format.name + ".dir");
   }
 
   std::string source_;
