@@ -69,33 +69,6 @@ const char *nameOf(const CachedValue *item) {
   return (item->field->flags & nameFieldFlag) != 0 ? singleString(item->value) : nullptr;
 }
 
-// Everything that goes to value_info, in the cheapest order of stores. Of one key the later value
-// stays behind the earlier one, and takes its place.
-struct PlannedValue {
-  uint32_t order;
-  const CachedValue *item;
-};
-std::vector<PlannedValue> plannedValues;
-
-// Takes its memory while the old files are still there.
-void planValues() {
-  size_t values = 0;
-  for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
-    values += static_cast<size_t>(object()->values->size());
-  }
-  plannedValues.reserve(values);
-  for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
-    for (FieldValIter item(object()->values); item() != nullptr; item++) {
-      if (nameOf(item()) != nullptr) continue;
-      TableKey key;
-      makeValueKey(&key, *item()->objectId, item()->field->fieldId);
-      plannedValues.push_back({_NQ_dbm_db_order(key.bytes, key.length), item()});
-    }
-  }
-  std::stable_sort(plannedValues.begin(), plannedValues.end(),
-                   [](const PlannedValue &a, const PlannedValue &b) { return a.order < b.order; });
-}
-
 // Whether an earlier value of the object goes to the same key, which then keeps only the later one.
 bool overwrites(const ObjCacheEntry *object, const CachedValue *item) {
   for (FieldValIter earlier(object->values); earlier() != item; earlier++) {
@@ -107,27 +80,61 @@ bool overwrites(const ObjCacheEntry *object, const CachedValue *item) {
   return false;
 }
 
-// Stores the names of an object. Returns how many of its names are not in the tables afterwards,
-// and how many of its other values will not be, because a later one has their key.
-uint32_t storeNames(const ObjCacheEntry *object) {
-  uint32_t lost = 0;
+struct PlannedValue {
+  uint32_t order;
+  const CachedValue *item;
+};
+
+// All that will be stored, made while the old files are still there, since it takes memory.
+struct Plan {
+  std::vector<const CachedValue *> names;  // newest object first, in the order of its list
+  std::vector<PlannedValue> values;        // in the cheapest order; of one key the later is behind
+  uint32_t overwritten = 0;                // by a later value of the object
+};
+Plan plan;
+
+void planObject(const ObjCacheEntry *object) {
   uint32_t highestField = 0;
   for (FieldValIter item(object->values); item() != nullptr; item++) {
     // Values ascend by field; only one that does not can share its field with an earlier one.
     const uint32_t fieldId = item()->field->fieldId;
-    if (fieldId <= highestField && overwrites(object, item())) ++lost;
+    if (fieldId <= highestField && overwrites(object, item())) ++plan.overwritten;
     highestField = std::max(highestField, fieldId);
-    const char *name = nameOf(item());
-    if (name != nullptr && putNameObject(runDb, *object->objectId, fieldId, name) < 0) ++lost;
+    if (nameOf(item()) != nullptr) {
+      plan.names.push_back(item());
+    } else {
+      TableKey key;
+      makeValueKey(&key, *object->objectId, fieldId);
+      plan.values.push_back({_NQ_dbm_db_order(key.bytes, key.length), item()});
+    }
   }
-  return lost;
 }
 
-// Stores the planned values. Returns how many of them are not in the table afterwards.
-uint32_t storeValues() {
-  uint32_t lost = 0;
-  for (const PlannedValue &planned : plannedValues) {
-    const CachedValue *item = planned.item;
+void planRewrite() {
+  size_t values = 0;
+  for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
+    values += static_cast<size_t>(object()->values->size());
+  }
+  plan = {};
+  plan.values.reserve(values);
+  for (RecencyIter object(ObjValCache); object() != nullptr; object++) planObject(object());
+  std::stable_sort(plan.values.begin(), plan.values.end(),
+                   [](const PlannedValue &a, const PlannedValue &b) { return a.order < b.order; });
+}
+
+// Stores all that is planned. Returns how many values are not in the tables afterwards.
+uint32_t storePlanned() {
+  uint32_t lost = plan.overwritten;
+  for (const CachedValue *item : plan.names) {
+    if (putNameObject(runDb, *item->objectId, item->field->fieldId, nameOf(item)) < 0) ++lost;
+  }
+  // The order is none that the memory knows: what comes next is fetched ahead.
+  constexpr size_t ahead = 16;
+  const size_t count = plan.values.size();
+  for (size_t i = 0; i < count; ++i) {
+    if (i + ahead < count) __builtin_prefetch(plan.values[i + ahead].item);
+    if (i + ahead / 2 < count) __builtin_prefetch(plan.values[i + ahead / 2].item->value);
+    const CachedValue *item = plan.values[i].item;
     if (putValueObject(runDb, *item->objectId, item->field->fieldId, item->value) < 0) ++lost;
   }
   return lost;
@@ -153,7 +160,7 @@ void recordMigration() {
 
 void removeCurrentFiles() {
   const char *directory = currentDirectory();
-  planValues();
+  planRewrite();
   std::string ignored;
   heldLocks = lockVersion(directory, &ignored);
   closeRunDb();
@@ -166,7 +173,6 @@ void removeCurrentFiles() {
 }
 
 void rewriteDatabase(int migrate) {
-  RecencyIter object(ObjValCache);
   runDb = open_nqwdb_ndbm(0);
   heldLocks.reset();
   if (runDb == nullptr) {
@@ -178,8 +184,7 @@ void rewriteDatabase(int migrate) {
   }
   uint32_t lost = loadLosses.unknownField + loadLosses.cutString;
   startBuffering(runDb);
-  for (; object() != nullptr; object++) lost += storeNames(object());
-  lost += storeValues();
+  lost += storePlanned();
   stopBuffering(runDb);
   const bool synced = syncTables();
   closeRunDb();
