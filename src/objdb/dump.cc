@@ -1,14 +1,14 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <vector>
 
 #include "objdb/commands.h"
+#include "objdb/decoded_record.h"
 #include "objdb/record_lines.h"
+#include "objdb/table_reader.h"
 
 namespace {
 
@@ -37,63 +37,90 @@ std::string sortKey(size_t table, std::string_view key) {
   return order;
 }
 
+// Which lines of a dump are wanted.
+class Filter {
+ public:
+  Filter(const DatabaseName &database, const DumpChoice &choice) : choice_(choice) {
+    if (!choice.field) return;
+    OpenFailure failure;
+    const auto fields =
+        TableReader::open(database.directory + "/" + database.version, tableFormats[fieldInfo].name,
+                          TableReader::Demand::wholeTable, &failure);
+    DbmRecord record;
+    while (fields != nullptr && fields->next(&record)) {
+      const std::optional<Json> line = recordToJson(fieldInfo, record.key, record.bytes);
+      if (line && line->at("name") == *choice.field) {
+        fieldIds_.insert(line->at("field").get<uint32_t>());
+      }
+    }
+  }
+
+  bool takesAll() const { return choice_.table.empty() && !choice_.object && !choice_.field; }
+  bool takesTable(size_t table) const {
+    return choice_.table.empty() || choice_.table == tableFormats[table].name;
+  }
+  bool takes(size_t table, std::string_view bytes) const {
+    if (!choice_.object && !choice_.field) return true;
+    const DecodedRecord record(table, bytes);
+    const bool hasObject = table == objInfo || table == valueInfo || table == nameInfo;
+    if (!record) return true;  // to be told
+    if (choice_.object && (!hasObject || record.objectId != *choice_.object)) return false;
+    return !choice_.field || (table != idKeeper && fieldIds_.contains(record.fieldId));
+  }
+  bool namesNothing() const { return choice_.field && fieldIds_.empty(); }
+
+ private:
+  const DumpChoice &choice_;
+  std::set<uint32_t> fieldIds_;
+};
+
 // Writes the table's lines. False, with the reason on standard error, when not every record could
 // be read and written.
-bool dumpTable(const std::string &directory, size_t table, Census &census) {
-  const TableFormat &format = tableFormats[table];
-  const std::string path = directory + "/" + format.name;
-  // Both files have to be there: opening a table without its .dir leaves an empty one behind.
-  for (const char *suffix : {".dir", ".pag"}) {
-    if (access((path + suffix).c_str(), R_OK) != 0) {
-      fprintf(stderr, "objdb: could not read \"%s%s\": %s\n", path.c_str(), suffix,
-              strerror(errno));
-      return false;
-    }
-  }
-  NQ_dbm_db *db =
-      _NQ_dbm_db_open(directory.c_str(), format.name, O_RDONLY, 0, format.decode, format.encode);
-  if (db == nullptr) {
-    fprintf(stderr, "objdb: could not open table \"%s\": not a table of this machine's word size\n",
-            path.c_str());
-    return false;
-  }
+bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Census &census) {
+  const char *name = tableFormats[table].name;
   std::vector<Line> lines;
   DbmRecord record;
-  db->first = 1;
-  bool readable = true;
-  while (readable && _NQ_dbm_db_getnext_raw(db, &record)) {
+  while (reader->next(&record)) {
+    if (record.bytes.data() != nullptr && !filter.takes(table, record.bytes)) continue;
     std::optional<Json> line;
     if (record.bytes.data() != nullptr) line = recordToJson(table, record.key, record.bytes);
-    if (line) {
-      lines.push_back({sortKey(table, record.key), line->dump()});
-      census.add(table, record.key, record.bytes);
-    } else {
+    if (!line) {
       fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
-              toHex(record.key).c_str(), path.c_str());
-      readable = false;
+              toHex(record.key).c_str(), name);
+      return false;
     }
+    lines.push_back({sortKey(table, record.key), line->dump()});
+    census.add(table, record.key, record.bytes);
   }
-  if (readable && _NQ_dbm_db_scan(db) != DbmScan::complete) {
-    fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", path.c_str());
-    readable = false;
+  if (!reader->isComplete()) {
+    fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", name);
+    return false;
   }
-  _NQ_dbm_db_close(db);
   std::sort(lines.begin(), lines.end(),
             [](const Line &a, const Line &b) { return a.order < b.order; });
   for (const Line &line : lines) puts(line.text.c_str());
-  return readable;
+  return true;
 }
 
 }  // namespace
 
-int dumpDatabase(const DatabaseName &database) {
-  const std::string directory = database.directory + "/" + database.version;
-  Census census;
-  puts(headerLine().dump().c_str());
-  for (size_t table = 0; table < tableCount; ++table) {
-    if (!dumpTable(directory, table, census)) return objdbFailed;
+int dumpDatabase(const DatabaseName &database, const DumpChoice &choice) {
+  const std::optional<TableReaders> tables =
+      openAllTables(database.directory + "/" + database.version);
+  if (!tables) return objdbFailed;
+  const Filter filter(database, choice);
+  if (filter.namesNothing()) {
+    fprintf(stderr, "objdb: no field \"%s\"\n", choice.field->c_str());
+    return objdbRefused;
   }
-  puts(census.toJson().dump().c_str());
+  Census census;
+  if (filter.takesAll()) puts(headerLine().dump().c_str());
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (filter.takesTable(table) && !dumpTable((*tables)[table].get(), table, filter, census)) {
+      return objdbFailed;
+    }
+  }
+  if (filter.takesAll()) puts(census.toJson().dump().c_str());
   if (fflush(stdout) != 0 || ferror(stdout) != 0) {
     fprintf(stderr, "objdb: could not write the dump: %s\n", strerror(errno));
     return objdbFailed;

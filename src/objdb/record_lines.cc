@@ -16,8 +16,6 @@ namespace {
 
 constexpr const char *typeNames[] = {nullptr, "Integer", "Boolean", "String", "Enumeration"};
 
-enum Table : size_t { idKeeper, fieldInfo, objInfo, valueInfo, nameInfo, enumInfo };
-
 [[noreturn]] void complain(const std::string &what) {
   throw std::runtime_error(what);
 }

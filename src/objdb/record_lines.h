@@ -32,6 +32,7 @@ struct TableFormat {
 
 // The six tables in the order in which they are dumped.
 constexpr size_t tableCount = 6;
+enum Table : size_t { idKeeper, fieldInfo, objInfo, valueInfo, nameInfo, enumInfo };
 extern const std::array<TableFormat, tableCount> tableFormats;
 
 struct StoredRecord {

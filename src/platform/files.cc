@@ -54,8 +54,14 @@ int copyBytes(int from, int to) {
 
 }  // namespace
 
+int openQuietly(const std::string &path, int flags) {
+  flags |= O_RDONLY | O_CLOEXEC;
+  const int fd = open(path.c_str(), flags | O_NOATIME);
+  return fd < 0 && errno == EPERM ? open(path.c_str(), flags) : fd;
+}
+
 int copyFileSynced(const std::string &from, const std::string &to) {
-  const Descriptor source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  const Descriptor source(openQuietly(from, 0));
   struct stat status {};
   if (source.get() < 0 || fstat(source.get(), &status) != 0) return -1;
   Descriptor target(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));

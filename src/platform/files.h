@@ -1,9 +1,13 @@
 // Files and directories that have to be on the disk, whatever happens next. Functions that can fail
-// return 0, or -1 with errno.
+// return 0 (or what they say), or -1 with errno.
 #pragma once
 
 #include <cstdint>
 #include <string>
+
+// Opens a file or directory for reading, with those flags, so that no access time is left, which
+// its owner alone may ask for. The descriptor.
+int openQuietly(const std::string &path, int flags);
 
 // Copies a file to a new one with the same mode and owner, shared on disk where the file system can
 // (reflink), and waits until the copy is on the disk. The target must not exist; it is never a link

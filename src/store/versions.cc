@@ -1,6 +1,7 @@
 #include "store/versions.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,10 +57,9 @@ bool removeWhole(const std::string &directory, std::string *error) {
   return removeDirectory(directory) == 0 || fail("remove", directory, error);
 }
 
-// Copies the table files of one directory into a new one. A table that is not there is not copied;
+// Copies the table files of one directory into another. A table that is not there is not copied;
 // half of one is an error.
 bool copyTables(const std::string &from, const std::string &to, std::string *error) {
-  if (mkdir(to.c_str(), 0777) != 0) return fail("make", to, error);
   for (const TableFile &table : tableFiles) {
     std::string file = "/";
     file += table.name;
@@ -72,23 +72,28 @@ bool copyTables(const std::string &from, const std::string &to, std::string *err
   return true;
 }
 
-// Makes a complete copy under the name of what is being made. Nothing is left of it on failure.
-bool copyAside(const std::string &database, const std::string &from, bool unfinished,
-               std::string *error) {
+// Makes a complete directory under the name of what is being made. Nothing is left of it on
+// failure.
+bool makeAside(const std::string &database, const FillVersion &fill, std::string *error) {
   const std::string aside = database + making;
   if (!removeWhole(aside, error)) return false;
-  bool complete = copyTables(from, aside, error);
-  if (complete && unfinished && makeMarker(aside + marker) != 0) {
-    complete = fail("make", aside + marker, error);
-  }
+  if (mkdir(aside.c_str(), 0777) != 0) return fail("make", aside, error);
+  bool complete = fill(aside, error);
   if (complete && syncDirectory(aside) != 0) complete = fail("sync", aside, error);
   if (!complete) removeDirectory(aside);
   return complete;
 }
 
+FillVersion copyOf(const std::string &from, bool unfinished) {
+  return [from, unfinished](const std::string &to, std::string *error) {
+    if (!copyTables(from, to, error)) return false;
+    return !unfinished || makeMarker(to + marker) == 0 || fail("make", to + marker, error);
+  };
+}
+
 // The version of the present second, or of the next one that is free.
-Version freeVersion(const std::string &database, bool unfinished) {
-  Version version{"", "", unfinished};
+Version freeVersion(const std::string &database) {
+  Version version{"", "", false};
   time_t now = time(nullptr);
   do {
     int flags = 0;
@@ -102,7 +107,8 @@ Version freeVersion(const std::string &database, bool unfinished) {
 
 std::vector<Version> listVersions(const std::string &database) {
   std::vector<Version> versions;
-  const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(database.c_str()), closedir);
+  const int fd = openQuietly(database, O_DIRECTORY);
+  const std::unique_ptr<DIR, int (*)(DIR *)> entries(fd < 0 ? nullptr : fdopendir(fd), closedir);
   if (entries == nullptr) return versions;
   while (const dirent *entry = readdir(entries.get())) {
     std::string directory = database + "/";
@@ -118,13 +124,20 @@ std::vector<Version> listVersions(const std::string &database) {
   return versions;
 }
 
-bool makeVersion(const std::string &database, bool unfinished, Version *made, std::string *error) {
-  *made = freeVersion(database, unfinished);
-  if (!copyAside(database, database + currentName, unfinished, error)) return false;
+bool makeVersion(const std::string &database, const FillVersion &fill, Version *made,
+                 std::string *error) {
+  *made = freeVersion(database);
+  if (!makeAside(database, fill, error)) return false;
   if (renameSynced(database, database + making, made->directory, error)) return true;
   removeDirectory(database + making);
   removeDirectory(made->directory);
   return false;
+}
+
+bool makeVersion(const std::string &database, bool unfinished, Version *made, std::string *error) {
+  if (!makeVersion(database, copyOf(database + currentName, unfinished), made, error)) return false;
+  made->unfinished = unfinished;
+  return true;
 }
 
 bool finishVersion(const Version &version, std::string *error) {
@@ -144,7 +157,7 @@ bool removeVersion(const std::string &database, const Version &version, std::str
 
 bool restoreVersion(const std::string &database, const Version &version, std::string *error) {
   const std::string current = database + currentName;
-  if (!copyAside(database, version.directory, false, error) ||
+  if (!makeAside(database, copyOf(version.directory, false), error) ||
       !removeWhole(database + removing, error)) {
     return false;
   }

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,6 +28,12 @@ std::vector<Version> listVersions(const std::string &database);
 // Copies the tables of "current" into a new version named by the present time, or the next second
 // that is free, and waits until it is on the disk. Nothing is left behind on failure.
 bool makeVersion(const std::string &database, bool unfinished, Version *made, std::string *error);
+
+// The same for a version whose files `fill` makes: in the empty directory that it is given, and on
+// the disk when it returns.
+using FillVersion = std::function<bool(const std::string &directory, std::string *error)>;
+bool makeVersion(const std::string &database, const FillVersion &fill, Version *made,
+                 std::string *error);
 
 // Takes the mark away; the version stays as an archived one.
 bool finishVersion(const Version &version, std::string *error);

@@ -1,0 +1,327 @@
+// Looks at every record of a database for what a sweep, or the platform, would stumble over.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "objdb/commands.h"
+#include "objdb/decoded_record.h"
+#include "objdb/table_reader.h"
+
+namespace {
+
+enum Kind : size_t {
+  unopened,
+  needsRecovery,
+  unreached,
+  undecodable,
+  cutString,
+  wrongKey,
+  noCounter,
+  idBeyondCounter,
+  unknownType,
+  unknownField,
+  wrongType,
+  wrongTable,
+  duplicateName,
+  unindexedName,
+  strayIndex,
+  kindCount,
+};
+
+constexpr struct {
+  const char *name;
+  const char *text;
+  const char *cure;
+} kinds[kindCount] = {
+    {"unopened", "cannot be opened",
+     "restore an archived version; 'objdb salvage' makes one of what can still be read"},
+    {"needs-recovery", "the dbm library wants the table recovered",
+     "'objdb salvage' recovers it in a new version"},
+    {"unreached", "a scan does not read the records that the library counts",
+     "'objdb salvage' looks for them; or restore an archived version"},
+    {"undecodable", "the record cannot be decoded",
+     "'objdb salvage' leaves it out; or restore an archived version"},
+    {"cut-string", "a text has a NUL inside and ends there for every reader",
+     "'objdb salvage' keeps what is before it"},
+    {"wrong-key", "the record lies under a key that is not its own",
+     "'objdb salvage' puts it under its own, unless a record is there"},
+    {"no-counter", "the id keeper has no counter, and ids would be handed out twice",
+     "'objdb salvage' sets it above every id"},
+    {"id-beyond-counter",
+     "the id is not below the id keeper's counter and would be given out again",
+     "'objdb salvage' raises the counter"},
+    {"unknown-type", "the field is defined with a type that is none",
+     "'objdb salvage' leaves the definition out, and its values"},
+    {"unknown-field", "no definition has the field",
+     "'objdb salvage' leaves it out, as a sweep does"},
+    {"wrong-type", "the type is not that of the field", "'objdb salvage' leaves it out"},
+    {"wrong-table", "a name lies among the values, or a value among the names",
+     "'objdb salvage' moves it, as a sweep does"},
+    {"duplicate-name", "another object has the name too",
+     "rename one of the two; 'objdb salvage' adds the object's id to its name"},
+    {"unindexed-name", "the object has the name, but name_info does not lead to it",
+     "'objdb salvage' makes name_info anew, as a sweep does"},
+    {"stray-index", "name_info leads to an object that does not have the name",
+     "'objdb salvage' makes name_info anew, as a sweep does"},
+};
+
+class Findings {
+ public:
+  explicit Findings(bool json) : json_(json) {}
+
+  // A finding about a table, or about a record if members are given that tell which.
+  void add(Kind kind, size_t table, const Json &members = Json::object(),
+           const std::string &detail = "") {
+    ++counts_[kind];
+    Json line{{"finding", kinds[kind].name}, {"table", tableFormats[table].name}};
+    line.update(members);
+    line["text"] = kinds[kind].text + (detail.empty() ? "" : " (" + detail + ")");
+    if (json_) {
+      line["cure"] = kinds[kind].cure;
+      puts(line.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+      return;
+    }
+    std::string where = tableFormats[table].name;
+    for (const auto &[name, value] : members.items()) {
+      where += ", " + name + " " + (value.is_string() ? value.get<std::string>() : value.dump());
+    }
+    printf("%s: %s: %s\n", kinds[kind].name, where.c_str(),
+           line["text"].get<std::string>().c_str());
+  }
+
+  // The cures and the last line.
+  void finish(uint64_t records) const {
+    if (json_) {
+      puts(Json{{"records", records}, {"findings", total()}}.dump().c_str());
+      return;
+    }
+    for (size_t kind = 0; kind < kindCount; ++kind) {
+      if (counts_[kind] != 0) printf("cure of %s: %s\n", kinds[kind].name, kinds[kind].cure);
+    }
+    printf("%llu records looked at, %llu findings\n", static_cast<unsigned long long>(records),
+           static_cast<unsigned long long>(total()));
+  }
+
+  uint64_t total() const {
+    uint64_t sum = 0;
+    for (const uint64_t count : counts_) sum += count;
+    return sum;
+  }
+
+ private:
+  bool json_;
+  std::array<uint64_t, kindCount> counts_{};
+};
+
+// A name as one of the two name tables has it: a hash of its field and characters, and the object.
+struct NameEntry {
+  uint64_t hash;
+  uint32_t objectId;
+  uint32_t fieldId;
+
+  bool operator<(const NameEntry &other) const {
+    return hash != other.hash ? hash < other.hash : objectId < other.objectId;
+  }
+  bool operator==(const NameEntry &other) const {
+    return hash == other.hash && objectId == other.objectId;
+  }
+  Json members() const { return {{"object", objectId}, {"field", fieldId}}; }
+};
+
+NameEntry nameEntry(const DecodedRecord &record) {
+  uint64_t hash = 14695981039346656037u;
+  const auto mix = [&hash](uint32_t part) { hash = (hash ^ part) * 1099511628211u; };
+  mix(record.fieldId);
+  for (const char *at = record.name; *at != '\0'; ++at) mix(static_cast<unsigned char>(*at));
+  return {hash, record.objectId, record.fieldId};
+}
+
+class Check {
+ public:
+  Check(TableReaders tables, Findings *findings)
+      : tables_(std::move(tables)), findings_(*findings) {}
+
+  // Returns how many records were looked at.
+  uint64_t run() {
+    for (const size_t table : {idKeeper, fieldInfo, enumInfo, objInfo, nameInfo, valueInfo}) {
+      if (tables_[table] != nullptr) scan(table);
+    }
+    compareNames();
+    return records_;
+  }
+
+ private:
+  struct Definition {
+    int32_t type;
+    uint32_t flags;
+  };
+
+  // An absence proves nothing in a table that was not read whole.
+  bool isWhole(size_t table) const { return whole_[table]; }
+
+  void scan(size_t table) {
+    TableReader &reader = *tables_[table];
+    bool decoded = true;
+    DbmRecord raw;
+    while (reader.next(&raw)) {
+      DecodedRecord record(table, raw.bytes);
+      if (record) {
+        judge(table, record, raw.key);
+      } else {
+        decoded = false;
+        findings_.add(undecodable, table, {{"key", shownKey(raw.key)}});
+      }
+    }
+    records_ += reader.recordsRead();
+    whole_[table] = decoded && reader.isComplete();
+    if (reader.needsRecovery()) findings_.add(needsRecovery, table);
+    if (!reader.isComplete()) {
+      const auto counted = reader.counted();
+      findings_.add(unreached, table, Json::object(),
+                    std::to_string(reader.recordsRead()) + " read of " +
+                        (counted ? std::to_string(*counted) : "how many cannot be told"));
+    }
+    if (table == idKeeper && isWhole(table) && counter_ == 0) findings_.add(noCounter, table);
+  }
+
+  static std::string shownKey(std::string_view key) { return toHex(key.substr(0, 300)); }
+
+  static Json membersOf(size_t table, const DecodedRecord &record) {
+    if (table == idKeeper) return Json::object();
+    if (table == fieldInfo || table == enumInfo) return {{"field", record.fieldId}};
+    return {{"object", record.objectId}, {"field", record.fieldId}};
+  }
+
+  void judge(size_t table, DecodedRecord &record, std::string_view key) {
+    const auto add = [&](Kind kind) { findings_.add(kind, table, membersOf(table, record)); };
+    const bool hasOwnKey = record.properKey() == key;
+    if (!hasOwnKey) {
+      Json members = membersOf(table, record);
+      members["key"] = shownKey(key);
+      findings_.add(wrongKey, table, members);
+    }
+    if (record.isCut) add(cutString);
+    switch (table) {
+      case idKeeper:
+        if (hasOwnKey) counter_ = record.counter;
+        break;
+      case fieldInfo:
+        definitions_.insert({record.fieldId, {record.type, record.flags}});
+        if (record.type < Integer || record.type > Enumeration) add(unknownType);
+        if (isBeyondCounter(record.fieldId)) add(idBeyondCounter);
+        break;
+      case nameInfo:
+        index_.push_back(nameEntry(record));
+        break;
+      case objInfo:
+        names_.push_back(nameEntry(record));
+        [[fallthrough]];
+      default:
+        if (isBeyondCounter(record.objectId)) add(idBeyondCounter);
+        judgeField(table, record);
+    }
+  }
+
+  void judgeField(size_t table, const DecodedRecord &record) {
+    const auto add = [&](Kind kind) { findings_.add(kind, table, membersOf(table, record)); };
+    const auto definition = definitions_.find(record.fieldId);
+    if (definition == definitions_.end()) {
+      if (isWhole(fieldInfo)) add(unknownField);
+      return;
+    }
+    if (definition->second.type != record.type) {
+      add(wrongType);
+    } else if (table != enumInfo) {
+      const bool isName = (definition->second.flags & nameFieldFlag) != 0 && record.name != nullptr;
+      if (isName != (table == objInfo)) add(wrongTable);
+    }
+  }
+
+  // Once for each id.
+  bool isBeyondCounter(uint32_t id) {
+    return counter_ != 0 && id >= counter_ && beyondCounter_.insert(id).second;
+  }
+
+  // Walks over what the two name tables say of each name.
+  void compareNames() {
+    for (auto *entries : {&names_, &index_}) {
+      std::sort(entries->begin(), entries->end());
+      // A second record of the same is one under a wrong key, which has been said.
+      entries->erase(std::unique(entries->begin(), entries->end()), entries->end());
+    }
+    auto name = names_.begin();
+    auto entry = index_.begin();
+    while (name != names_.end() || entry != index_.end()) {
+      const uint64_t hash =
+          entry == index_.end() || (name != names_.end() && name->hash < entry->hash) ? name->hash
+                                                                                      : entry->hash;
+      const auto firstName = name;
+      const auto firstEntry = entry;
+      while (name != names_.end() && name->hash == hash) ++name;
+      while (entry != index_.end() && entry->hash == hash) ++entry;
+      compareOneName({firstName, name}, {firstEntry, entry});
+    }
+  }
+
+  using NameRange =
+      std::pair<std::vector<NameEntry>::const_iterator, std::vector<NameEntry>::const_iterator>;
+
+  // Of several objects with one name, name_info leads to one.
+  void compareOneName(const NameRange &objects, const NameRange &entries) {
+    auto owner = objects.first;
+    for (auto entry = entries.first; entry != entries.second; ++entry) {
+      const auto found = std::find(objects.first, objects.second, *entry);
+      if (found != objects.second) {
+        owner = found;
+      } else if (isWhole(objInfo)) {
+        findings_.add(strayIndex, nameInfo, entry->members());
+      }
+    }
+    if (owner == objects.second) return;
+    if (std::find(entries.first, entries.second, *owner) == entries.second && isWhole(nameInfo)) {
+      findings_.add(unindexedName, objInfo, owner->members());
+    }
+    for (auto object = objects.first; object != objects.second; ++object) {
+      if (object != owner) findings_.add(duplicateName, objInfo, object->members());
+    }
+  }
+
+  TableReaders tables_;
+  Findings &findings_;
+  std::array<bool, tableCount> whole_{};
+  uint64_t records_ = 0;
+  uint32_t counter_ = 0;
+  std::unordered_map<uint32_t, Definition> definitions_;
+  std::unordered_set<uint32_t> beyondCounter_;
+  std::vector<NameEntry> names_;
+  std::vector<NameEntry> index_;
+};
+
+}  // namespace
+
+int checkDatabase(const DatabaseName &database, bool json) {
+  OpenFailures failures;
+  TableReaders tables = openTables(database.directory + "/" + database.version, &failures);
+  Findings findings(json);
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (tables[table] != nullptr) continue;
+    if (!failures[table].isDamage) {
+      fprintf(stderr, "objdb: %s\n", failures[table].reason.c_str());
+      return objdbFailed;
+    }
+    findings.add(unopened, table, Json::object(), failures[table].reason);
+  }
+  const uint64_t records = Check(std::move(tables), &findings).run();
+  findings.finish(records);
+  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+    fprintf(stderr, "objdb: could not write the findings: %s\n", strerror(errno));
+    return objdbFailed;
+  }
+  return findings.total() == 0 ? objdbFine : objdbRefused;
+}

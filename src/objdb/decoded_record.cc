@@ -1,0 +1,84 @@
+#include "objdb/decoded_record.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "records/codecs.h"
+#include "records/field_codec.h"
+
+DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(table) {
+  const uint32_t cutBefore = cutStrings;
+  decoded_ =
+      bytes.data() == nullptr ? nullptr : tableFormats[table].decode(bytes.data(), bytes.size());
+  isCut = cutStrings != cutBefore;
+  if (decoded_ == nullptr) return;
+  switch (table) {
+    case idKeeper:
+      counter = *static_cast<const uint32_t *>(decoded_);
+      break;
+    case fieldInfo: {
+      const NQwFieldInfo *info = static_cast<const dbFieldInfo *>(decoded_)->fieldInfo;
+      fieldId = info->fieldId;
+      type = info->type;
+      flags = info->flags;
+      break;
+    }
+    case objInfo:
+    case nameInfo: {
+      const auto *record = static_cast<const dbObject *>(decoded_);
+      objectId = record->objectId;
+      fieldId = record->fieldId;
+      type = String;
+      name = record->name;
+      break;
+    }
+    case valueInfo: {
+      const auto *record = static_cast<const dbObjectValue *>(decoded_);
+      objectId = record->objectId;
+      fieldId = record->fieldId;
+      type = record->value->type;
+      name = singleString(record->value);
+      break;
+    }
+    default:
+      fieldId = static_cast<const dbEnumConstants *>(decoded_)->fieldId;
+      type = Enumeration;
+  }
+}
+
+DecodedRecord::~DecodedRecord() {
+  if (decoded_ == nullptr) return;
+  switch (table_) {
+    case fieldInfo:
+      freeDbFieldInfo(static_cast<dbFieldInfo *>(decoded_));
+      break;
+    case valueInfo:
+      freeDbObjectValue(static_cast<dbObjectValue *>(decoded_));
+      break;
+    case enumInfo:
+      freeEnumConstants(static_cast<dbEnumConstants *>(decoded_)->constants);
+      free(decoded_);
+      break;
+    default:
+      break;  // static storage of the decoder
+  }
+}
+
+std::string_view DecodedRecord::properKey() {
+  size_t length = 0;
+  const auto append = [&](const void *bytes, size_t count) {
+    memcpy(key_ + length, bytes, count);
+    length += count;
+  };
+  if (table_ == objInfo || table_ == valueInfo) append(&objectId, sizeof objectId);
+  append(&fieldId, sizeof fieldId);  // of the id keeper 0, which is its key
+  if (table_ == nameInfo) append(name, strlen(name));
+  return {key_, length};
+}
+
+std::string_view DecodedRecord::encoding() const {
+  const char *bytes = nullptr;
+  size_t length = 0;
+  if (tableFormats[table_].encode(decoded_, &bytes, &length) < 0) return {};
+  return {bytes, length};
+}

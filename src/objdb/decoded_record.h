@@ -1,0 +1,39 @@
+// A record of any table, decoded, with what the commands that judge records ask of it.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "objdb/record_lines.h"
+#include "records/table_records.h"
+
+class DecodedRecord {
+ public:
+  // Decodes; the bytes may be null. The decoded record lives as long as this one, in obj_info and
+  // name_info until the next decoding of one of theirs.
+  DecodedRecord(size_t table, std::string_view bytes);
+  ~DecodedRecord();
+  DecodedRecord(const DecodedRecord &) = delete;
+  DecodedRecord &operator=(const DecodedRecord &) = delete;
+
+  explicit operator bool() const { return decoded_ != nullptr; }
+
+  // The key under which the record belongs; valid as long as this one.
+  std::string_view properKey();
+
+  // Bytes that encode the record as it was understood; valid until the next encoding.
+  std::string_view encoding() const;
+
+  uint32_t objectId = 0;
+  uint32_t fieldId = 0;
+  uint32_t counter = 0;        // id_keeper
+  int32_t type = 0;            // of a value or a definition; a name is a String
+  uint32_t flags = 0;          // of a definition
+  const char *name = nullptr;  // of the name tables, or a value that is a single string
+  bool isCut = false;          // a string has a NUL inside, and what is behind it is not read
+
+ private:
+  size_t table_;
+  void *decoded_;
+  char key_[sizeof(uint32_t) + longestString];
+};

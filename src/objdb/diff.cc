@@ -1,0 +1,73 @@
+// What stands in one version of a database and not in another.
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "objdb/commands.h"
+#include "objdb/table_reader.h"
+
+namespace {
+
+struct Difference {
+  int64_t object;  // -1 where the table has none
+  int64_t field;
+  size_t table;
+  bool isNew;
+  std::string line;
+
+  auto order() const { return std::tie(object, field, table, isNew, line); }
+};
+
+// Adds the records of a table that the other version has not, or not with the same bytes.
+bool addMissing(TableReader &here, TableReader &there, size_t table, bool isNew,
+                std::vector<Difference> *differences) {
+  DbmRecord record;
+  while (here.next(&record)) {
+    if (record.bytes.data() != nullptr && there.fetch(record.key) == record.bytes) continue;
+    std::optional<Json> line;
+    if (record.bytes.data() != nullptr) line = recordToJson(table, record.key, record.bytes);
+    if (!line) {
+      fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
+              toHex(record.key).c_str(), tableFormats[table].name);
+      return false;
+    }
+    differences->push_back({line->value("object", int64_t{-1}), line->value("field", int64_t{-1}),
+                            table, isNew, line->dump()});
+  }
+  if (here.isComplete()) return true;
+  fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", tableFormats[table].name);
+  return false;
+}
+
+}  // namespace
+
+int diffDatabases(const std::string &directory, const std::string &before,
+                  const std::string &after) {
+  const auto pathOf = [&directory](const std::string &name) {
+    return name.find('/') == std::string::npos ? directory + "/" + name : name;
+  };
+  const std::optional<TableReaders> old = openAllTables(pathOf(before));
+  const std::optional<TableReaders> current = openAllTables(pathOf(after));
+  if (!old || !current) return objdbFailed;
+  std::vector<Difference> differences;
+  for (size_t table = 0; table < tableCount; ++table) {
+    TableReader &was = *(*old)[table];
+    TableReader &is = *(*current)[table];
+    if (!addMissing(was, is, table, false, &differences) ||
+        !addMissing(is, was, table, true, &differences)) {
+      return objdbFailed;
+    }
+  }
+  std::sort(differences.begin(), differences.end(),
+            [](const Difference &a, const Difference &b) { return a.order() < b.order(); });
+  for (const Difference &each : differences)
+    printf("%c %s\n", each.isNew ? '+' : '-', each.line.c_str());
+  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+    fprintf(stderr, "objdb: could not write the differences: %s\n", strerror(errno));
+    return objdbFailed;
+  }
+  return differences.empty() ? objdbFine : objdbRefused;
+}

@@ -1,0 +1,458 @@
+// A new version of whatever can still be read of a damaged one.
+
+#include <fcntl.h>
+#include <gdbm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "objdb/commands.h"
+#include "objdb/decoded_record.h"
+#include "objdb/table_reader.h"
+#include "platform/files.h"
+#include "records/codecs.h"
+#include "store/id_keeper.h"
+#include "store/versions.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Key to bytes, in memory as a whole: the tables mend each other.
+using Records = std::map<std::string, std::string>;
+
+constexpr char recoveryName[] = "recovery";
+
+// What happened to the records of a table. The second part was lost by it.
+struct Account {
+  std::optional<uint64_t> counted;  // by the library
+  uint64_t read = 0;
+  uint64_t moved = 0;    // to the key or the table where they belong
+  uint64_t rebuilt = 0;  // made anew from other tables
+
+  uint64_t undecodable = 0;
+  uint64_t unknownField = 0;
+  uint64_t unknownType = 0;
+  uint64_t wrongType = 0;
+  uint64_t displaced = 0;  // by another record that has the key
+  uint64_t cut = 0;
+  uint64_t renamed = 0;
+
+  uint64_t unread() const { return counted.value_or(0) > read ? *counted - read : 0; }
+  // Whether records may be missing, so that other tables may have to fill in for them.
+  bool isIncomplete() const { return !counted || unread() != 0 || undecodable != 0; }
+  bool hasLoss() const {
+    return isIncomplete() ||
+           unknownField + unknownType + wrongType + displaced + cut + renamed != 0;
+  }
+};
+
+struct Definition {
+  int32_t type;
+  uint32_t flags;
+};
+
+std::string words(std::initializer_list<uint32_t> numbers) {
+  std::string key;
+  for (const uint32_t each : numbers)
+    key.append(reinterpret_cast<const char *>(&each), sizeof each);
+  return key;
+}
+
+std::string encoded(size_t table, const void *record) {
+  const char *bytes = nullptr;
+  size_t length = 0;
+  if (tableFormats[table].encode(record, &bytes, &length) < 0) return "";
+  return {bytes, length};
+}
+
+std::string encodedName(uint32_t objectId, uint32_t fieldId, const std::string &name) {
+  dbObject record{objectId, fieldId, {}};
+  memcpy(record.name, name.c_str(), name.size() + 1);
+  return encoded(objInfo, &record);
+}
+
+std::string encodedValue(uint32_t objectId, uint32_t fieldId, const char *text) {
+  NQwFieldValue value{0, String, {}, 0};
+  value.value.string = const_cast<char *>(text);
+  const dbObjectValue record{objectId, fieldId, &value};
+  return encoded(valueInfo, &record);
+}
+
+uint32_t firstWord(const std::string &key) {
+  uint32_t word = 0;
+  memcpy(&word, key.data(), sizeof word);
+  return word;
+}
+
+bool syncFile(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const bool synced = fd >= 0 && fsync(fd) == 0;
+  if (fd >= 0) close(fd);
+  return synced;
+}
+
+class Salvage {
+ public:
+  explicit Salvage(std::string source) : source_(std::move(source)) {}
+
+  // Reads the version, mends what it has read and makes the tables in the directory.
+  bool fill(const std::string &directory, std::string *error) {
+    for (size_t table = 0; table < tableCount; ++table) collect(table, directory);
+    if (readTables_ == 0) {
+      *error = "nothing can be read in \"" + source_ + "\"";
+      return false;
+    }
+    mendDefinitions(directory);
+    mendValues();
+    mendNames();
+    mendConstants();
+    mendCounter();
+    for (size_t table = 0; table < tableCount; ++table) {
+      if (store(directory, table)) continue;
+      *error = "could not write table \"" + directory + "/" + tableFormats[table].name +
+               "\": " + strerror(errno);
+      return false;
+    }
+    return true;
+  }
+
+  // Says what was lost; true when anything was.
+  bool report() const {
+    bool lost = false;
+    for (size_t table = 0; table < tableCount; ++table) {
+      const Account &account = accounts_[table];
+      std::string text;
+      const auto add = [&text](uint64_t count, const char *what) {
+        if (count != 0) text += (text.empty() ? "" : ", ") + std::to_string(count) + what;
+      };
+      if (!account.counted) {
+        text = std::to_string(account.read) + " records read, of how many cannot be told";
+      } else if (account.unread() != 0) {
+        text =
+            std::to_string(account.read) + " records read of " + std::to_string(*account.counted);
+      }
+      add(account.undecodable, " cannot be decoded");
+      add(account.unknownType, " of an unknown type left out");
+      add(account.unknownField, " of unknown fields left out");
+      add(account.wrongType, " not of their field's type left out");
+      add(account.displaced, " left out because another record has their place");
+      add(account.cut, " with a text cut at a NUL");
+      add(account.renamed, " renamed because another object has the name");
+      add(account.moved, " moved to where they belong");
+      add(account.rebuilt, " made anew");
+      if (!text.empty()) fprintf(stderr, "objdb: %s: %s\n", tableFormats[table].name, text.c_str());
+      lost = lost || (table != nameInfo && account.hasLoss());
+    }
+    return lost;
+  }
+
+ private:
+  struct Stray {
+    std::string key;
+    std::string bytes;
+    bool isCut;
+  };
+
+  // Every record of the table that decodes, from a scan and, where that does not read as many as
+  // the library counts, from what the library recovers of a copy. Records under their own key come
+  // before those under a wrong one.
+  void collect(size_t table, const std::string &directory) {
+    const char *name = tableFormats[table].name;
+    Account &account = accounts_[table];
+    std::set<std::string> undecodable;
+    std::vector<Stray> strays;
+    OpenFailure failure;
+    const auto reader = TableReader::open(source_, name, TableReader::Demand::pageFile, &failure);
+    if (reader == nullptr) {
+      fprintf(stderr, "objdb: %s\n", failure.reason.c_str());
+    } else {
+      ++readTables_;
+      take(table, *reader, &undecodable, &strays);
+      account.counted = reader->counted();
+      if (!reader->isComplete() || reader->needsRecovery()) {
+        const auto copy = openRecovered(source_ + "/" + name + ".pag", directory);
+        if (copy != nullptr) take(table, *copy, &undecodable, &strays);
+        removeRecovery(directory);
+      }
+    }
+    const uint64_t inPlace = records_[table].size();
+    for (const Stray &stray : strays) {
+      const auto [place, isNew] = records_[table].try_emplace(stray.key, stray.bytes);
+      if (isNew) ++account.moved;
+      if (isNew && stray.isCut) ++account.cut;
+      if (!isNew && place->second != stray.bytes) ++account.displaced;
+    }
+    for (const std::string &key : undecodable) {
+      if (!records_[table].contains(key)) ++account.undecodable;
+    }
+    account.read = inPlace + account.moved + account.displaced + account.undecodable;
+  }
+
+  void take(size_t table, TableReader &reader, std::set<std::string> *undecodable,
+            std::vector<Stray> *strays) {
+    DbmRecord raw;
+    while (reader.next(&raw)) {
+      DecodedRecord record(table, raw.bytes);
+      if (!record) {
+        undecodable->emplace(raw.key);
+        continue;
+      }
+      const std::string key(record.properKey());
+      std::string bytes(record.isCut ? record.encoding() : raw.bytes);
+      if (key != raw.key) {
+        strays->push_back({key, std::move(bytes), record.isCut});
+      } else if (records_[table].try_emplace(key, std::move(bytes)).second && record.isCut) {
+        ++accounts_[table].cut;
+      }
+    }
+  }
+
+  // A copy of the file as the library recovers it; null when it cannot.
+  static std::unique_ptr<TableReader> openRecovered(const std::string &pages,
+                                                    const std::string &directory) {
+    const std::string copy = directory + "/" + recoveryName + ".pag";
+    if (copyFileSynced(pages, copy) != 0) return nullptr;
+    constexpr int flags = GDBM_WRITER | GDBM_NOLOCK | GDBM_CLOEXEC;
+    GDBM_FILE file = gdbm_open(copy.c_str(), 0, flags, 0, nullptr);
+    if (file == nullptr) return nullptr;
+    gdbm_recovery unlimited{};
+    gdbm_recover(file, &unlimited, GDBM_RCVR_FORCE);
+    gdbm_close(file);
+    OpenFailure ignored;
+    return TableReader::open(directory, recoveryName, TableReader::Demand::pageFile, &ignored);
+  }
+
+  // The copy, and what the library has left beside it.
+  static void removeRecovery(const std::string &directory) {
+    for (const auto &entry : fs::directory_iterator(directory)) {
+      if (entry.path().filename().string().starts_with(recoveryName)) fs::remove(entry.path());
+    }
+  }
+
+  // Definitions of the four types. Where definitions were lost, those that every database starts
+  // with come back, and any other field is defined by the values that it has: they would be lost
+  // with it.
+  void mendDefinitions(const std::string &directory) {
+    Account &account = accounts_[fieldInfo];
+    Records &records = records_[fieldInfo];
+    const size_t found = records.size();
+    if (account.isIncomplete()) takePredefined(directory);
+    for (auto at = records.begin(); at != records.end();) {
+      const DecodedRecord record(fieldInfo, at->second);
+      const bool isKnown = record.type >= Integer && record.type <= Enumeration;
+      if (isKnown) {
+        definitions_[record.fieldId] = {record.type, record.flags};
+      } else {
+        ++account.unknownType;
+      }
+      at = isKnown ? std::next(at) : records.erase(at);
+    }
+    if (!account.isIncomplete()) return;
+    for (const size_t table : {objInfo, nameInfo, valueInfo, enumInfo}) {
+      for (const auto &[key, bytes] : records_[table]) {
+        const DecodedRecord record(table, bytes);
+        const uint32_t flags = table == objInfo || table == nameInfo ? nameFieldFlag : 0;
+        if (!definitions_.try_emplace(record.fieldId, Definition{record.type, flags}).second) {
+          continue;
+        }
+        std::string name = "recovered field " + std::to_string(record.fieldId);
+        NQwFieldInfo info{record.fieldId, name.data(), record.type, flags};
+        const dbFieldInfo definition{&info};
+        records[words({record.fieldId})] = encoded(fieldInfo, &definition);
+      }
+    }
+    account.rebuilt = records.size() + account.unknownType - found;
+  }
+
+  void takePredefined(const std::string &directory) {
+    ObjectDatabase seeded{};
+    seeded.fieldInfoDb = _NQ_dbm_db_open(directory.c_str(), recoveryName, O_RDWR | O_CREAT, 0600,
+                                         decodeDbFieldInfo, encodeDbFieldInfo);
+    if (seeded.fieldInfoDb != nullptr) {
+      initPredefinedFields(&seeded);
+      _NQ_dbm_db_close(seeded.fieldInfoDb);
+      OpenFailure ignored;
+      const auto reader =
+          TableReader::open(directory, recoveryName, TableReader::Demand::pageFile, &ignored);
+      std::set<std::string> none;
+      std::vector<Stray> noStrays;
+      if (reader != nullptr) take(fieldInfo, *reader, &none, &noStrays);
+    }
+    removeRecovery(directory);
+  }
+
+  bool isNameField(uint32_t fieldId) const {
+    const auto definition = definitions_.find(fieldId);
+    return definition != definitions_.end() && definition->second.type == String &&
+           (definition->second.flags & nameFieldFlag) != 0;
+  }
+
+  // Whether a record's field is known and of its type; counted when not.
+  bool hasField(size_t table, const DecodedRecord &record) {
+    const auto definition = definitions_.find(record.fieldId);
+    if (definition == definitions_.end()) {
+      ++accounts_[table].unknownField;
+    } else if (definition->second.type != record.type) {
+      ++accounts_[table].wrongType;
+    } else {
+      return true;
+    }
+    return false;
+  }
+
+  // Drops what has no field, and moves names and values to the table of their kind.
+  void mendValues() {
+    for (const size_t table : {objInfo, valueInfo}) {
+      const size_t other = table == objInfo ? valueInfo : objInfo;
+      for (auto at = records_[table].begin(); at != records_[table].end();) {
+        const DecodedRecord record(table, at->second);
+        bool stays = hasField(table, record);
+        const bool isName = isNameField(record.fieldId) && record.name != nullptr;
+        if (stays && isName != (table == objInfo)) {
+          stays = false;
+          const std::string bytes =
+              isName ? encodedName(record.objectId, record.fieldId, record.name)
+                     : encodedValue(record.objectId, record.fieldId, record.name);
+          const bool isNew = records_[other].try_emplace(at->first, bytes).second;
+          ++(isNew ? accounts_[table].moved : accounts_[table].displaced);
+        }
+        at = stays ? std::next(at) : records_[table].erase(at);
+      }
+    }
+  }
+
+  static std::string nameKey(const DecodedRecord &record) {
+    return words({record.fieldId}) + record.name;
+  }
+
+  // One object for each name, and name_info from that. Names of lost records come back from
+  // name_info.
+  void mendNames() {
+    Records &names = records_[objInfo];
+    std::map<std::string, uint32_t> owners;
+    Records orphans;
+    for (const auto &[key, bytes] : records_[nameInfo]) {
+      const DecodedRecord entry(nameInfo, bytes);
+      const std::string objectKey = words({entry.objectId, entry.fieldId});
+      const auto named = names.find(objectKey);
+      if (named == names.end()) {
+        if (isNameField(entry.fieldId)) orphans.emplace(objectKey, bytes);
+      } else if (nameKey(DecodedRecord(objInfo, named->second)) == key) {
+        owners[key] = entry.objectId;
+      }
+    }
+    for (const auto &[key, bytes] : names) {
+      const DecodedRecord record(objInfo, bytes);
+      owners.try_emplace(nameKey(record), record.objectId);
+    }
+    for (const auto &[key, bytes] : orphans) {
+      const DecodedRecord entry(nameInfo, bytes);
+      if (accounts_[objInfo].isIncomplete() &&
+          owners.try_emplace(nameKey(entry), entry.objectId).second) {
+        names.emplace(key, bytes);
+        ++accounts_[objInfo].rebuilt;
+      }
+    }
+    Records index;
+    for (auto &[key, bytes] : names) {
+      const DecodedRecord record(objInfo, bytes);
+      const std::string name = record.name;
+      const uint32_t objectId = record.objectId;
+      const uint32_t fieldId = record.fieldId;
+      std::string nameInIndex = nameKey(record);
+      for (int attempt = 0; owners.at(nameInIndex) != objectId; ++attempt) {
+        std::string addition = "#" + std::to_string(objectId);
+        if (attempt > 0) addition += "-" + std::to_string(attempt);
+        const std::string other = name.substr(0, longestString - addition.size()) + addition;
+        nameInIndex = words({fieldId}) + other;
+        if (!owners.try_emplace(nameInIndex, objectId).second) continue;
+        bytes = encodedName(objectId, fieldId, other);
+        ++accounts_[objInfo].renamed;
+      }
+      const auto known = records_[nameInfo].find(nameInIndex);
+      if (known == records_[nameInfo].end() || known->second != bytes) {
+        ++accounts_[nameInfo].rebuilt;
+      }
+      index.emplace(nameInIndex, bytes);
+    }
+    records_[nameInfo] = std::move(index);
+  }
+
+  void mendConstants() {
+    std::erase_if(records_[enumInfo], [this](const auto &each) {
+      return !hasField(enumInfo, DecodedRecord(enumInfo, each.second));
+    });
+  }
+
+  // The counter is above every id, as far as there are numbers.
+  void mendCounter() {
+    uint32_t highest = 0;
+    for (const size_t table : {fieldInfo, objInfo, valueInfo}) {
+      for (const auto &[key, bytes] : records_[table]) highest = std::max(highest, firstWord(key));
+    }
+    const uint32_t lowestFree = highest == UINT32_MAX ? highest : highest + 1;
+    std::string &bytes = records_[idKeeper][words({0})];
+    const uint32_t counter = bytes.empty() ? 0 : DecodedRecord(idKeeper, bytes).counter;
+    if (counter >= lowestFree) return;
+    bytes = encoded(idKeeper, &lowestFree);
+    ++accounts_[idKeeper].rebuilt;
+  }
+
+  bool store(const std::string &directory, size_t table) {
+    const TableFormat &format = tableFormats[table];
+    NQ_dbm_db *db = _NQ_dbm_db_open(directory.c_str(), format.name, O_RDWR | O_CREAT, 0777,
+                                    format.decode, format.encode);
+    if (db == nullptr) return false;
+    Progress progress(std::string("writing ") + format.name);
+    bool stored = true;
+    for (const auto &[key, bytes] : records_[table]) {
+      stored = stored && _NQ_dbm_db_store_raw(db, key, bytes) == 0;
+      progress.count();
+    }
+    stored = stored && _NQ_dbm_db_sync(db) == 0;
+    _NQ_dbm_db_close(db);
+    return stored && syncFile(directory + "/" + format.name + ".dir");
+  }
+
+  std::string source_;
+  int readTables_ = 0;
+  std::array<Records, tableCount> records_;
+  std::array<Account, tableCount> accounts_;
+  std::map<uint32_t, Definition> definitions_;
+};
+
+}  // namespace
+
+int salvageDatabase(const std::string &directory, const std::string &name) {
+  const auto fail = [](const std::string &why) {
+    fprintf(stderr, "objdb: %s; nothing was changed\n", why.c_str());
+    return objdbFailed;
+  };
+  const std::string source = directory + "/" + name;
+  if (name.find('/') != std::string::npos || access(source.c_str(), F_OK) != 0) {
+    return fail("no version \"" + name + "\" in \"" + directory + "\"");
+  }
+  std::string error;
+  // Whoever else makes or removes a version holds the locks of "current".
+  const auto current = lockVersion(directory + "/current", &error);
+  const auto locked = current == nullptr ? nullptr : lockVersion(source, &error);
+  if (locked == nullptr) return fail(error);
+  umask(0);  // the platform's daemons share the tables, whoever they run as
+  Salvage salvage(source);
+  Version made;
+  const auto fill = [&salvage](const std::string &aside, std::string *why) {
+    return salvage.fill(aside, why);
+  };
+  if (!makeVersion(directory, fill, &made, &error)) return fail(error);
+  printf("%s\n", made.name.c_str());
+  return salvage.report() ? objdbRefused : objdbFine;
+}

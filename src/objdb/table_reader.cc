@@ -1,0 +1,258 @@
+#include "objdb/table_reader.h"
+
+#include <fcntl.h>
+#include <gdbm.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "platform/files.h"
+
+namespace {
+
+constexpr int fileFlags = O_NOFOLLOW | O_NONBLOCK;  // whatever stands there, it does not wait
+
+// Who has locked a file, as far as the kernel tells.
+std::string holderOf(const struct stat &file) {
+  char wanted[64];
+  snprintf(wanted, sizeof wanted, "%02x:%02x:%llu", major(file.st_dev), minor(file.st_dev),
+           static_cast<unsigned long long>(file.st_ino));
+  const std::unique_ptr<FILE, int (*)(FILE *)> locks(fopen("/proc/locks", "re"), fclose);
+  char line[256];
+  while (locks != nullptr && fgets(line, sizeof line, locks.get()) != nullptr) {
+    long holder = 0;
+    char place[64];
+    if (sscanf(line, "%*s FLOCK %*s %*s %ld %63s", &holder, place) == 2 && holder > 0 &&
+        strcmp(place, wanted) == 0) {
+      return "held by process " + std::to_string(holder);
+    }
+  }
+  return "held by another process";
+}
+
+// The words at the head of a .pag file that say which library can read it.
+struct PageHead {
+  uint32_t magic;
+  uint32_t blockBytes;
+  uint64_t directory;
+  uint32_t directoryBytes;
+  uint32_t directoryBits;
+  uint32_t bucketBytes;
+  uint32_t bucketRecords;
+};
+
+// The two word sizes lay out the same file but for the alignment of offsets in a bucket, so that a
+// bucket of theirs has room for another number of records than one of ours.
+bool isOfOtherWordSize(const PageHead &head) {
+  constexpr uint32_t recordBytes = 24;
+  constexpr uint32_t otherOverhead = sizeof(void *) == 8 ? 108 : 136;
+  return head.bucketBytes > otherOverhead &&
+         head.bucketRecords == (head.bucketBytes - otherOverhead) / recordBytes + 1;
+}
+
+std::string whyNotOpened(const PageHead &head) {
+  constexpr char otherSize[] = "made by a build of the other word size";
+  switch (gdbm_errno) {
+    case GDBM_BAD_MAGIC_NUMBER:
+      return "not a dbm table";
+    case GDBM_BYTE_SWAPPED:
+      return "made on a machine of the other byte order";
+    case GDBM_BAD_FILE_OFFSET:
+      return otherSize;
+    case GDBM_EMPTY_DATABASE:
+      return "the file is empty";
+    case GDBM_BAD_HEADER:
+      return isOfOtherWordSize(head) ? otherSize : "its header is damaged";
+    default:
+      return gdbm_strerror(gdbm_errno);
+  }
+}
+
+// Why the library would refuse the .dir file, which holds nothing but its name and its version;
+// empty when it would not.
+std::string whyNotDirectoryFile(int fd) {
+  unsigned char head[17];
+  if (pread(fd, head, sizeof head, 0) != 16 || memcmp(head, "GDBM", 4) != 0) {
+    return "not the .dir file of a dbm table";
+  }
+  int version[3];
+  for (int i = 0; i < 3; ++i) {
+    const unsigned char *word = head + 4 + 4 * i;
+    version[i] = static_cast<int>(uint32_t{word[0]} << 24 | uint32_t{word[1]} << 16 |
+                                  uint32_t{word[2]} << 8 | word[3]);
+  }
+  const int compared = gdbm_version_cmp(version, gdbm_version_number);
+  if (compared == 0) return "";
+  return compared > 0 ? "made by a newer dbm library" : "made by an older dbm library";
+}
+
+// The library keeps its handle in need of recovery once it has met damage, and counts no more then.
+bool countAfresh(int fd, gdbm_count_t *records) {
+  const int own = dup(fd);
+  GDBM_FILE file = gdbm_fd_open(own, "", 0, GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR, nullptr);
+  if (file == nullptr) return false;
+  const bool counted = gdbm_count(file, records) == 0;
+  gdbm_close(file);
+  return counted;
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Descriptor(const Descriptor &) = delete;
+  Descriptor &operator=(const Descriptor &) = delete;
+
+  int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
+
+ private:
+  int fd_;
+};
+
+class Datum {
+ public:
+  ~Datum() { free(held_.dptr); }
+  Datum() = default;
+  Datum(const Datum &) = delete;
+  Datum &operator=(const Datum &) = delete;
+
+  void take(datum fresh) {
+    free(held_.dptr);
+    held_ = fresh;
+  }
+  const datum &get() const { return held_; }
+  std::string_view view() const {
+    if (held_.dptr == nullptr) return {};
+    return {held_.dptr, static_cast<size_t>(held_.dsize)};
+  }
+
+ private:
+  datum held_{};
+};
+
+}  // namespace
+
+struct TableReader::State {
+  explicit State(GDBM_FILE opened) : file(opened) {}
+  ~State() { gdbm_close(file); }
+  State(const State &) = delete;
+  State &operator=(const State &) = delete;
+
+  GDBM_FILE file;
+  uint64_t mostRecords = 0;
+  bool started = false;
+  bool ended = false;
+  Datum key;
+  Datum bytes;
+  Datum fetched;
+};
+
+std::unique_ptr<TableReader> TableReader::open(const std::string &directory, const char *name,
+                                               Demand demand, OpenFailure *failure) {
+  const std::string path = directory + "/" + name;
+  const auto fail = [failure](const std::string &file, const std::string &why, bool isDamage) {
+    *failure = {"could not open table \"" + file + "\": " + why, isDamage};
+    return nullptr;
+  };
+  const auto failByErrno = [&fail](const std::string &file) {
+    const bool isDamage = errno != EACCES && errno != EMFILE && errno != ENOMEM;
+    return fail(file, strerror(errno), isDamage);
+  };
+  if (access(directory.c_str(), F_OK) != 0) {
+    *failure = {"no such version: \"" + directory + "\": " + strerror(errno), false};
+    return nullptr;
+  }
+  if (demand == Demand::wholeTable) {
+    const Descriptor file(openQuietly(path + ".dir", fileFlags));
+    if (file.get() < 0) return failByErrno(path + ".dir");
+    const std::string why = whyNotDirectoryFile(file.get());
+    if (!why.empty()) return fail(path + ".dir", why, true);
+  }
+  const std::string pages = path + ".pag";
+  Descriptor fd(openQuietly(pages, fileFlags));
+  struct stat status {};
+  PageHead head{};
+  if (fd.get() < 0 || fstat(fd.get(), &status) != 0) return failByErrno(pages);
+  if (!S_ISREG(status.st_mode)) return fail(pages, "not a file", true);
+  if (demand == Demand::wholeTable && flock(fd.get(), LOCK_SH | LOCK_NB) != 0) {
+    return fail(pages, errno == EWOULDBLOCK ? holderOf(status) : strerror(errno), false);
+  }
+  if (pread(fd.get(), &head, sizeof head, 0) < 0) return failByErrno(pages);
+  constexpr int flags = GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR;
+  GDBM_FILE file = gdbm_fd_open(fd.release(), pages.c_str(), 0, flags, nullptr);
+  if (file == nullptr) return fail(pages, whyNotOpened(head), true);
+  auto state = std::make_unique<State>(file);
+  constexpr uint64_t bytesPerRecord = 24;  // at least: its place in a bucket
+  state->mostRecords = static_cast<uint64_t>(status.st_size) / bytesPerRecord;
+  return std::unique_ptr<TableReader>(new TableReader(std::move(state), name));
+}
+
+TableReader::TableReader(std::unique_ptr<State> state, const char *name)
+    : state_(std::move(state)), progress_(name) {}
+
+TableReader::~TableReader() = default;
+
+bool TableReader::next(DbmRecord *record) {
+  State &state = *state_;
+  if (state.ended) return false;
+  gdbm_errno = GDBM_NO_ERROR;
+  state.key.take(state.started ? gdbm_nextkey(state.file, state.key.get())
+                               : gdbm_firstkey(state.file));
+  state.started = true;
+  if (state.key.get().dptr != nullptr && read_ < state.mostRecords) {
+    ++read_;
+    progress_.count();
+    state.bytes.take(gdbm_fetch(state.file, state.key.get()));
+    *record = {state.key.view(), state.bytes.view()};
+    return true;
+  }
+  state.ended = true;
+  failed_ = state.key.get().dptr != nullptr || gdbm_errno != GDBM_ITEM_NOT_FOUND;
+  gdbm_count_t counted = 0;
+  if (gdbm_count(state.file, &counted) == 0 || countAfresh(gdbm_fdesc(state.file), &counted)) {
+    counted_ = counted;
+  }
+  return false;
+}
+
+std::string_view TableReader::fetch(std::string_view key) {
+  state_->fetched.take(
+      gdbm_fetch(state_->file, {const_cast<char *>(key.data()), static_cast<int>(key.size())}));
+  return state_->fetched.view();
+}
+
+bool TableReader::needsRecovery() const {
+  return gdbm_needs_recovery(state_->file) != 0;
+}
+
+TableReaders openTables(const std::string &directory, OpenFailures *failures) {
+  TableReaders tables;
+  for (size_t table = 0; table < tableCount; ++table) {
+    tables[table] = TableReader::open(directory, tableFormats[table].name,
+                                      TableReader::Demand::wholeTable, &(*failures)[table]);
+  }
+  return tables;
+}
+
+std::optional<TableReaders> openAllTables(const std::string &directory) {
+  OpenFailures failures;
+  TableReaders tables = openTables(directory, &failures);
+  bool all = true;
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (tables[table] != nullptr) continue;
+    const bool said = table > 0 && failures[table].reason == failures[table - 1].reason;
+    if (!said) fprintf(stderr, "objdb: %s\n", failures[table].reason.c_str());
+    all = false;
+  }
+  if (!all) return std::nullopt;
+  return tables;
+}

@@ -1,0 +1,73 @@
+// One table as the reading commands look at it: no byte of its files, no time stamp and no
+// directory entry changes, whatever state the files are in.
+//
+// The layer below opens tables through the ndbm interface, which writes to a .dir file that it does
+// not like and leaves access times behind. Here the .pag file, which holds all the records, is
+// opened by itself, read-only.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "objdb/progress.h"
+#include "objdb/record_lines.h"
+
+// Why a table could not be opened, in words.
+struct OpenFailure {
+  std::string reason;
+  bool isDamage = false;  // of the table; else there is no such version, or it cannot be had now
+};
+
+class TableReader {
+ public:
+  enum class Demand {
+    wholeTable,  // both files have to be what the library itself would open; takes a shared lock
+    pageFile,    // the .pag file alone, and the lock is the caller's business
+  };
+
+  // Opens DIRECTORY/NAME. Null when that cannot be done.
+  static std::unique_ptr<TableReader> open(const std::string &directory, const char *name,
+                                           Demand demand, OpenFailure *failure);
+  ~TableReader();
+  TableReader(const TableReader &) = delete;
+  TableReader &operator=(const TableReader &) = delete;
+
+  // The next record of the one scan that a reader makes; false when there is no further one. The
+  // record is valid until the next call. Never goes on for more records than the file has room for,
+  // though the directory of a damaged one may lead in circles.
+  bool next(DbmRecord *record);
+
+  // The bytes under a key, valid until the next call; null when there are none.
+  std::string_view fetch(std::string_view key);
+
+  // Once the scan has ended: how many records it read; how many there are, if the library can tell;
+  // whether that agrees and nothing failed; whether the library wants the table recovered.
+  uint64_t recordsRead() const { return read_; }
+  std::optional<uint64_t> counted() const { return counted_; }
+  bool isComplete() const { return !failed_ && counted_ == read_; }
+  bool needsRecovery() const;
+
+ private:
+  struct State;
+  explicit TableReader(std::unique_ptr<State> state, const char *name);
+
+  std::unique_ptr<State> state_;
+  Progress progress_;
+  uint64_t read_ = 0;
+  std::optional<uint64_t> counted_;
+  bool failed_ = false;
+};
+
+// All six, locked together so that they belong together, or null where one cannot be opened; then
+// *failures says why in the same place.
+using TableReaders = std::array<std::unique_ptr<TableReader>, tableCount>;
+using OpenFailures = std::array<OpenFailure, tableCount>;
+TableReaders openTables(const std::string &directory, OpenFailures *failures);
+
+// The same for commands that need all of them: nothing, with the reasons on standard error, when
+// one cannot be opened.
+std::optional<TableReaders> openAllTables(const std::string &directory);
