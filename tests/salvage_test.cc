@@ -155,6 +155,8 @@ TEST_F(Salvage, ADryRunNamesWhatASweepDeletesAndADiffWhatItDeleted) {
                                         : R"("type":"Boolean","value":false)")};
   }
   load(lines);
+  EXPECT_EQ(run("objdb check").out,
+            std::to_string(lines.size()) + " records looked at, 0 findings\n");
   writeFile("/usr/NQ/conf/capability_map", "OSPF\nQRT Session\nToken Ring\n");
   EXPECT_EQ(run("objdb protocols").out,
             "     300 QRT Session\n       0 OSPF\nno field Token Ring\n");

@@ -17,6 +17,7 @@ std::string versionText() {
 
 std::vector<std::string> tableNames() {
   std::vector<std::string> names;
+  names.reserve(tableCount);
   for (const TableFormat &format : tableFormats) names.emplace_back(format.name);
   return names;
 }

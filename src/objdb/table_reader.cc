@@ -82,7 +82,7 @@ std::string whyNotDirectoryFile(int fd) {
     return "not the .dir file of a dbm table";
   }
   int version[3];
-  for (int i = 0; i < 3; ++i) {
+  for (size_t i = 0; i < 3; ++i) {
     const unsigned char *word = head + 4 + 4 * i;
     version[i] = static_cast<int>(uint32_t{word[0]} << 24 | uint32_t{word[1]} << 16 |
                                   uint32_t{word[2]} << 8 | word[3]);

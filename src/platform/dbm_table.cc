@@ -317,9 +317,12 @@ int _NQ_dbm_db_store_raw(NQ_dbm_db *db, std::string_view key, std::string_view b
   return storeBytes(db->table, key.data(), key.size(), bytes.data(), bytes.size());
 }
 
+// The library never syncs the .dir file, and does not open a table whose .dir is empty.
 int _NQ_dbm_db_sync(NQ_dbm_db *db) {
   settleDeletions(db->table);
-  return gdbm_sync(db->table->dbm->file) == 0 && !db->table->failed ? 0 : -1;
+  DBM *dbm = db->table->dbm;
+  const bool synced = gdbm_sync(dbm->file) == 0 && fsync(dbm_dirfno(dbm)) == 0;
+  return synced && !db->table->failed ? 0 : -1;
 }
 
 NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db) {

@@ -64,7 +64,14 @@ bool TableLock::acquire(const char *path, int fd) {
 }
 
 bool TableLock::acquire(const char *path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  return acquireOpened(path, open(path, O_RDONLY | O_CLOEXEC));
+}
+
+bool TableLock::acquireOrMake(const char *path, mode_t mode) {
+  return acquireOpened(path, open(path, O_RDONLY | O_CREAT | O_CLOEXEC, mode));
+}
+
+bool TableLock::acquireOpened(const char *path, int fd) {
   if (fd < 0) return false;
   if (!acquire(path, fd)) return fail(fd, errno);
   close(fd);

@@ -18,10 +18,13 @@ class TableLock {
   // when another process holds it or the file at the path is not that one; errno says why.
   // Locking again what is already held succeeds.
   bool acquire(const char *path, int fd);
-  bool acquire(const char *path);  // for a file that is not open
+  bool acquire(const char *path);                     // for a file that is not open
+  bool acquireOrMake(const char *path, mode_t mode);  // and may not be there
   void release();
 
  private:
+  bool acquireOpened(const char *path, int fd);
+
   bool held_ = false;
   dev_t device_ = 0;
   ino_t inode_ = 0;

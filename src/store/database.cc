@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
 #include "platform/field_values.h"
+#include "platform/table_lock.h"
 #include "records/codecs.h"
 #include "store/directory.h"
 #include "store/error_report.h"
@@ -91,6 +93,25 @@ bool openObjectTables(ObjectDatabase *db, const DataFormat &format, const char *
   return true;
 }
 
+// The locks come before the first look into a table: a handle caches what it has read, and nobody
+// shall change it behind its back, a table that is being made included. A file that cannot be
+// opened is left to the open that reports it.
+constexpr const char *lockedTables[] = {"field_info", "obj_info", "value_info", "name_info",
+                                        "enum_info"};
+using FileLocks = std::array<TableLock, std::size(lockedTables)>;
+
+bool lockFiles(const char *directory, FileLocks *locks) {
+  for (size_t i = 0; i < locks->size(); ++i) {
+    char path[databasePathSize];
+    const int length = snprintf(path, sizeof path, "%s/%s.pag", directory, lockedTables[i]);
+    if (length < static_cast<int>(sizeof path) && !(*locks)[i].acquireOrMake(path, tableMode) &&
+        errno == EWOULDBLOCK) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool lockTables(ObjectDatabase *db) {
   for (const auto table : allTables) {
     if (table == &ObjectDatabase::idKeeperDb) continue;
@@ -116,7 +137,9 @@ ObjectDatabase *openDatabase(time_t version, const DataFormat &format) {
   const char *directory = dbPath(name, nullptr);
   makeDbDirs(name, 0777);
   umask(0);
-  if (openSeeded(db, &ObjectDatabase::idKeeperDb, directory, "id_keeper", flags, decodeDbKey,
+  FileLocks locks;
+  if (lockFiles(directory, &locks) &&
+      openSeeded(db, &ObjectDatabase::idKeeperDb, directory, "id_keeper", flags, decodeDbKey,
                  encodeDbKey, initIdKeeper) &&
       openSeeded(db, &ObjectDatabase::fieldInfoDb, directory, "field_info", flags,
                  decodeDbFieldInfo, encodeDbFieldInfo, initPredefinedFields) &&

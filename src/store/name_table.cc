@@ -29,8 +29,8 @@ TableKey nameInfoKey(uint32_t fieldId, const char *name) {
 
 bool looksDuplicated(uint32_t objectId, uint32_t fieldId, const char *name) {
   const char *armed = getenv("NQWDB_ABORT_ON_DUP_FID");
-  int armedField = 0;
-  if (armed == nullptr || sscanf(armed, "%d", &armedField) != 1) return false;
+  long long armedField = 0;  // wider than an id, which "%d" would cut to 2^31 - 1 on i386
+  if (armed == nullptr || sscanf(armed, "%lld", &armedField) != 1) return false;
   if (static_cast<uint32_t>(armedField) != fieldId) return false;
   char number[16];
   const int digits = snprintf(number, sizeof number, "%d", static_cast<int>(objectId - 1));

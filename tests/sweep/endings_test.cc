@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -26,13 +25,6 @@ constexpr int manyObjects = sanitized ? 4000 : 20000;
 
 class Endings : public PlatformTest {
  protected:
-  void loadSample(int objects) {
-    const Outcome outcome = run(std::string(DBSWEEP_SOURCE_DIR) + "/script/sample-network " +
-                                std::to_string(objects) + " | objdb load --unsealed");
-    ASSERT_EQ(outcome.status, 0) << outcome.err;
-    saveTables();
-  }
-
   static bool tablesAreUnchanged() {
     return run("diff -r " + savedDir + " " + currentDir).status == 0;
   }
@@ -77,10 +69,8 @@ class Endings : public PlatformTest {
     while (readFile("/usr/NQ/tmp/err").find("DEBUG: " + phase) == std::string::npos) usleep(500);
     usleep(20000);
     for (const int number : signals) kill(child, number);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), "",
-            readFile("/usr/NQ/tmp/err")};
+    const int status = endOf(child);
+    return {status, "", readFile("/usr/NQ/tmp/err")};
   }
 };
 
@@ -140,7 +130,7 @@ void slowCleanup(int) {
   for (;;) pause();
 }
 
-int endOf(void (*cleanup)(int), int number) {
+int endWith(void (*cleanup)(int), int number) {
   const pid_t child = fork();
   if (child == 0) {
     installSignalHandlers(cleanup);
@@ -148,16 +138,14 @@ int endOf(void (*cleanup)(int), int number) {
     raise(number);
     _exit(98);
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return endOf(child);
 }
 
 TEST_F(Endings, AFaultInTheCleanupEndsTheRunWithoutAnother) {
-  EXPECT_EQ(endOf(faultyCleanup, SIGUSR1), 1);
-  EXPECT_EQ(endOf(faultyCleanup, SIGSEGV), 1);
-  EXPECT_EQ(endOf(faultyCleanup, SIGTERM), 98) << "an ignored signal has no cleanup";
-  EXPECT_EQ(endOf(slowCleanup, SIGUSR1), 1) << "a cleanup that is stuck is given up";
+  EXPECT_EQ(endWith(faultyCleanup, SIGUSR1), 1);
+  EXPECT_EQ(endWith(faultyCleanup, SIGSEGV), 1);
+  EXPECT_EQ(endWith(faultyCleanup, SIGTERM), 98) << "an ignored signal has no cleanup";
+  EXPECT_EQ(endWith(slowCleanup, SIGUSR1), 1) << "a cleanup that is stuck is given up";
 }
 
 // From too little memory to load anything to more than enough. The processes that the run starts
@@ -205,14 +193,7 @@ TEST_F(Endings, AnExhaustedMemoryEndsTheRunOrTheRunCompletes) {
 
 // Two daemons, and a process list that shows them with ids of at most five digits.
 TEST_F(Endings, ADuplicateNameAbortsTheRewrite) {
-  const auto startDaemon = [](const char *name) {
-    const std::string path = std::string("/usr/NQ/bin/") + name;
-    std::filesystem::copy_file("/bin/sleep", path);
-    const pid_t child = fork();
-    if (child == 0) execl(path.c_str(), name, "60", nullptr);
-    return child;
-  };
-  const pid_t polling = startDaemon("pollerd"), topology = startDaemon("nqtopmd");
+  const pid_t polling = start("pollerd"), topology = start("nqtopmd");
   char list[200];
   snprintf(list, sizeof list,
            "#!/bin/sh\necho run >>/usr/NQ/tmp/lists\necho 'root    %6d  pollerd'\n"
@@ -237,11 +218,7 @@ TEST_F(Endings, ADuplicateNameAbortsTheRewrite) {
   const Outcome outcome = run(armed, "yes");
   EXPECT_EQ(outcome.status, 128 + SIGSEGV);
   EXPECT_EQ(readFile("/usr/NQ/tmp/lists"), "run\nrun\n") << "one command for each daemon";
-  int status = 0;
-  for (const pid_t daemon : {polling, topology}) {
-    ASSERT_EQ(waitpid(daemon, &status, 0), daemon);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV);
-  }
+  for (const pid_t daemon : {polling, topology}) EXPECT_EQ(endOf(daemon), 128 + SIGSEGV);
   EXPECT_TRUE(scanKeys("obj_info").empty() && scanKeys("name_info").empty());
   EXPECT_FALSE(exists("/usr/NQ/conf/dbsweep.lock"));
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <random>
 
 #include "sweep/sweep_runs.h"
@@ -14,27 +15,36 @@
 namespace {
 
 using testing::AnyOf;
+using testing::EndsWith;
 
 // How many random moments; DBSWEEP_MOMENTS asks for another number.
 constexpr int fewMoments = sanitized ? 15 : 150;
 
 struct Fault {
-  std::string how;  // "kill", or an error number
-  bool on;          // from then on every change
-  bool mapped;      // whether the table library maps its files
+  std::string how;     // as fault_preload.cc has it
+  bool on = false;     // from then on at every change
+  bool mapped = true;  // whether the table library maps its files
   std::string preload = FAULT_PRELOAD;
 };
+
+// What another process does while the run stands at a change.
+const std::string meanwhile = "/usr/NQ/tmp/meanwhile";
+
+void writeMeanwhile(const std::string &commands) {
+  writeFile(meanwhile, "#!/bin/sh\nunset LD_PRELOAD\n" + commands + "\n");
+  ASSERT_EQ(run("chmod +x " + meanwhile).status, 0);
+}
 
 class Faults : public PlatformTest {
  protected:
   Faults() {
     Lines lines = emptyNetwork();
     for (uint32_t id = 1; id <= 6; ++id) {
-      lines = lines + nameLines(id, 10, "object " + std::to_string(id)) +
-              Lines{valueLine(id, 20,
-                              std::string(R"("type":"Boolean","value":)") +
-                                  (id % 2 == 0 ? "true" : "false")),
-                    valueLine(id, 24, R"("type":"String","list":["a","b"])")};
+      const char *value =
+          id % 2 == 0 ? R"("type":"Boolean","value":true)" : R"("type":"Boolean","value":false)";
+      lines =
+          lines + nameLines(id, 10, "object " + std::to_string(id)) +
+          Lines{valueLine(id, 20, value), valueLine(id, 24, R"("type":"String","list":["a","b"])")};
     }
     load(lines);
     before = dump();
@@ -48,8 +58,9 @@ class Faults : public PlatformTest {
     return run("FAULT_IN=" + program + " FAULT_AT=" + std::to_string(at) +
                    " FAULT_HOW=" + fault.how + (fault.on ? " FAULT_ON=1" : "") +
                    (fault.mapped ? "" : " FAULT_NOMAP=1") +
-                   " FAULT_COUNT=/usr/NQ/tmp/count ASAN_OPTIONS=verify_asan_link_order=0" +
-                   " LD_PRELOAD=" + fault.preload + " " + program + " " + arguments,
+                   " FAULT_COUNT=/usr/NQ/tmp/count FAULT_DISK=" + root +
+                   " ASAN_OPTIONS=verify_asan_link_order=0" + " LD_PRELOAD=" + fault.preload + " " +
+                   program + " " + arguments,
                "yes\n");
   }
 
@@ -83,38 +94,48 @@ class Faults : public PlatformTest {
     ASSERT_EQ(dump(), before);
   }
 
+  void stopEverywhere(const Fault &fault, const std::string &arguments, int step = 1) {
+    const Lines after = arguments == "-m" ? before : without(before, {2, 4, 6});
+    for (int at = 1;; at += step) {
+      SCOPED_TRACE(arguments + ": " + fault.how + " at " + std::to_string(at));
+      putTablesBack();
+      const Outcome outcome = runWith(fault, "dbsweep", arguments, at);
+      if (wasBehindTheEnd(at)) {
+        ASSERT_EQ(outcome.status, 0);
+        ASSERT_EQ(dump(), after);
+        ASSERT_EQ(versionName(), "");
+        printf("%s: %s at %d points%s\n", arguments.c_str(), fault.how.c_str(), at - 1,
+               fault.mapped ? "" : ", files not mapped");
+        ASSERT_GT(at, 60);
+        break;
+      }
+      ASSERT_EQ(outcome.status, 128 + SIGKILL);
+      ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
+    }
+  }
+
   Lines before;
 };
 
+// A disk between two syncs forgets what it forgets just behind the first of them.
+const std::vector<Fault> powerCuts = {
+    {"forget"}, {"forget-entries"}, {"forget-contents"}, {"forget-creations"}};
+
 TEST_F(Faults, ARunCanBeStoppedAnywhere) {
-  for (const bool mapped : {true, false}) {
-    for (const char *arguments : {"-p 'QRT Session'", "-m"}) {
-      const Lines after = arguments[1] == 'm' ? before : without(before, {2, 4, 6});
-      for (int at = 1;; ++at) {
-        SCOPED_TRACE(std::string(arguments) + " stopped at " + std::to_string(at));
-        putTablesBack();
-        const Outcome outcome = runWith({"kill", false, mapped}, "dbsweep", arguments, at);
-        if (wasBehindTheEnd(at)) {
-          ASSERT_EQ(outcome.status, 0);
-          ASSERT_EQ(dump(), after);
-          ASSERT_EQ(versionName(), "");
-          printf("%s: %d points%s\n", arguments, at - 1, mapped ? "" : ", files not mapped");
-          ASSERT_GT(at, 60);
-          break;
-        }
-        ASSERT_EQ(outcome.status, 128 + SIGKILL);
-        ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
-      }
-    }
+  for (const char *arguments : {"-p 'QRT Session'", "-m"}) {
+    stopEverywhere({"kill"}, arguments);
+    stopEverywhere({"kill", false, false}, arguments);
   }
+}
+
+TEST_F(Faults, ARunCanLoseItsPowerAnywhere) {
+  for (const Fault &cut : powerCuts) stopEverywhere(cut, "-p 'QRT Session'", sanitized ? 5 : 1);
 }
 
 // With mapped files most stores are no calls; only the clock finds the moments between them.
 TEST_F(Faults, ARunCanBeStoppedAtAnyMoment) {
   std::filesystem::remove_all(currentDir);
-  const std::string sample = DBSWEEP_SOURCE_DIR "/script/sample-network 1500";
-  ASSERT_EQ(run(sample + " | objdb load --unsealed").status, 0);
-  saveTables();
+  loadSample(1500);
   before = dump();
   const auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(sweep("-p OSPF").status, 0);
@@ -139,36 +160,74 @@ TEST_F(Faults, ARunCanBeStoppedAtAnyMoment) {
 }
 
 TEST_F(Faults, ARestoreCanBeStoppedAnywhere) {
-  const Fault kill{"kill", false, true};
-  const Lines after = without(before, {2, 4, 6});
   // A run stopped where the tables are gone and only the kept version has them.
   int at = 1;
   do {
     putTablesBack();
-    runWith(kill, "dbsweep", "-p 'QRT Session'", at++);
+    runWith({"kill"}, "dbsweep", "-p 'QRT Session'", at++);
   } while (exists(currentDir + "/obj_info.pag"));
-  ASSERT_EQ(run("cp -a " + root + " /usr/NQ/stopped").status, 0);
+  saveTables();
   const std::string version = versionName();
-  for (at = 1;; ++at) {
-    SCOPED_TRACE("restore stopped at " + std::to_string(at));
-    ASSERT_EQ(run("rm -rf " + root + " && cp -a /usr/NQ/stopped " + root).status, 0);
-    runWith(kill, "objdb", "restore " + version, at);
-    if (!wasBehindTheEnd(at)) {
-      ASSERT_EQ(run("objdb restore " + version).status, 0);
+  std::vector<Fault> faults = powerCuts;
+  faults.push_back({"kill"});
+  for (const Fault &fault : faults) {
+    for (at = 1;; at += sanitized && fault.how != "kill" ? 5 : 1) {
+      SCOPED_TRACE("restore: " + fault.how + " at " + std::to_string(at));
+      putTablesBack();
+      runWith(fault, "objdb", "restore " + version, at);
+      if (!wasBehindTheEnd(at)) {
+        ASSERT_EQ(run("objdb restore " + version).status, 0);
+      }
+      ASSERT_EQ(dump(), before);
+      ASSERT_EQ(sweep("-d 99").status, 0) << "the restored database is ready for use";
+      if (wasBehindTheEnd(at)) break;
     }
-    ASSERT_EQ(dump(), before);
-    ASSERT_EQ(sweep("-d 99").status, 0) << "the restored database is ready for use";
-    if (wasBehindTheEnd(at)) break;
+    printf("restore: %s at %d points\n", fault.how.c_str(), at - 1);
+    ASSERT_GT(at, 30);
   }
-  printf("restore: %d points\n", at - 1);
-  EXPECT_GT(at, 30);
+}
+
+// Another process works on the tables while the run stands at a change of the file system: at each.
+TEST_F(Faults, OfTwoAtOnceOneWins) {
+  const std::string tool = "for table in field_info obj_info value_info name_info; do gdbmtool " +
+                           currentDir + "/$table.pag reorganize; done >/usr/NQ/tmp/tool";
+  ASSERT_EQ(run("gdbmtool --version").status, 0) << "script/bootstrap installs it";
+  for (const std::string first : {"-p 'QRT Session'", "-d '2 4 6'"}) {
+    for (const std::string &second : {std::string("echo yes | dbsweep -d 3"),
+                                      std::string("echo yes | dbsweep -m -d 3"), tool}) {
+      writeMeanwhile("exec 2>/usr/NQ/tmp/second\n" + second);
+      int refused = 0;
+      for (int at = 1;; at += sanitized ? 7 : 1) {
+        SCOPED_TRACE(second + " in " + first + " at " + std::to_string(at));
+        putTablesBack();
+        const Outcome outcome = runWith({meanwhile}, "dbsweep", first, at);
+        if (wasBehindTheEnd(at)) break;
+        const std::string other = readFile("/usr/NQ/tmp/second");
+        SCOPED_TRACE(outcome.err + other);
+        const bool firstWon = outcome.err.find(deleted(2)) != std::string::npos;
+        const bool secondWon = second == tool ? other.find("cannot open") == std::string::npos
+                                              : other.find(deleted(3)) != std::string::npos;
+        ASSERT_TRUE(firstWon || secondWon);
+        ASSERT_EQ(outcome.status, 0);
+        const std::string refusal = dialogue + loading + cannotOpen;
+        ASSERT_TRUE(firstWon || outcome.err == refusal);
+        ASSERT_TRUE(secondWon || second == tool || other == refusal);
+        refused += secondWon ? 0 : 1;
+        Lines expected = firstWon ? without(before, {2, 4, 6}) : before;
+        if (secondWon && second != tool) expected = without(expected, {3});
+        ASSERT_EQ(dump(), expected);
+        ASSERT_EQ(versionName(), "");
+      }
+      printf("%s in %s: refused %d times\n", second.c_str(), first.c_str(), refused);
+      EXPECT_GT(refused, 1);
+    }
+  }
 }
 
 TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
   const Lines after = without(before, {2, 4, 6});
-  for (const Fault &fault :
-       {Fault{std::to_string(ENOSPC), false, false}, Fault{std::to_string(EIO), false, true},
-        Fault{std::to_string(EIO), true, false}}) {
+  for (const Fault &fault : {Fault{std::to_string(ENOSPC), false, false},
+                             Fault{std::to_string(EIO)}, Fault{std::to_string(EIO), true, false}}) {
     for (int at = 1;; ++at) {
       SCOPED_TRACE("error " + fault.how + (fault.on ? " from " : " at ") + std::to_string(at));
       putTablesBack();
@@ -184,6 +243,70 @@ TEST_F(Faults, AFailingFileSystemIsReportedAndLosesNothing) {
       if (wasBehindTheEnd(at)) break;
     }
   }
+}
+
+// A disk of every size. On one that has no room for the tables a run starts without any. Where
+// there is room for a run, another writer takes some of it once the old tables are gone.
+TEST_F(Faults, ADiskCanBeFull) {
+  std::filesystem::remove_all(currentDir);
+  loadSample(100);
+  before = dump();
+  std::map<std::string, Lines> runs;  // what each leaves
+  for (const char *arguments : {"-p OSPF", "-m", "-p OSPF -d 1000"}) {
+    putTablesBack();
+    ASSERT_EQ(sweep(arguments).status, 0);
+    runs[arguments] = dump();
+  }
+  writeMeanwhile("cd " + root + "; [ -e current/value_info.pag ] || [ -e filler ] || " +
+                 "head -c 200k /dev/zero >filler");
+  int sizes = 0, tooSmall = 0, refused = 0, broken = 0, done = 0;
+  for (int size = 4; done < 10; size += sanitized ? 16 : 4, ++sizes) {
+    const auto &[arguments, after] = *std::next(runs.begin(), sizes % 3);
+    bool roomy = true;
+    for (const bool shared : {false, true}) {
+      if (!roomy) continue;
+      SCOPED_TRACE(arguments + " on " + std::to_string(size) + (shared ? " shared KiB" : " KiB"));
+      putTablesBack();
+      ASSERT_EQ(run("mount -t tmpfs -o size=" + std::to_string(size) + "k tmpfs " + root).status,
+                0);
+      const bool fits = run("cp -a " + saved + "/current " + root).status == 0;
+      if (!fits) std::filesystem::remove_all(currentDir);
+      const Outcome outcome =
+          shared ? runWith({meanwhile, true}, "dbsweep", arguments, 1) : sweep(arguments);
+      SCOPED_TRACE(outcome.err);
+      ASSERT_THAT(outcome.status, AnyOf(0, 1));
+      if (!fits) {
+        roomy = false;
+        ++tooSmall;
+        ASSERT_GT(outcome.err.size(), (dialogue + loading).size());
+      } else if (outcome.err.find("Cannot keep") != std::string::npos) {
+        roomy = false;
+        ++refused;
+        ASSERT_EQ(outcome.status, 1);
+        ASSERT_THAT(outcome.err, EndsWith("dbsweep: Cannot keep the previous tables in " + root +
+                                          ": No space left on device\n"));
+        ASSERT_EQ(run("diff -r " + saved + " " + root).status, 0);
+        ASSERT_FALSE(exists("/usr/NQ/conf/dbsweep.lock"));
+      } else if (outcome.status == 0 && outcome.err.ends_with(rewriting)) {
+        done += shared ? 1 : 0;
+        ASSERT_EQ(currentLines(), after);
+        ASSERT_EQ(versionName(), "");
+      } else {
+        ASSERT_TRUE(shared) << "only room that was there and is gone can be missing";
+        ++broken;
+        const bool restored = run("objdb restore " + versionName()).status == 0;
+        ASSERT_EQ(restored, currentLines() == before) << "or it says that it is full, too";
+        std::filesystem::remove(root + "/filler");
+        ASSERT_NO_FATAL_FAILURE(expectNothingLost(after, false));
+      }
+      ASSERT_EQ(run("umount " + root).status, 0);
+    }
+  }
+  printf(
+      "%d sizes: %d too small for the tables, %d refused, %d broken off, %d done beside another\n",
+      sizes, tooSmall, refused, broken, done);
+  EXPECT_GT(sizes, sanitized ? 40 : 150);
+  EXPECT_GT(std::min({tooSmall, refused, broken}), sanitized ? 5 : 20);
 }
 
 // Before the load the C library alone allocates, and does without where it can.

@@ -1,6 +1,9 @@
 // What the tests of whole runs share.
 #pragma once
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <string>
 
@@ -15,6 +18,7 @@ inline const std::string loading =
     "DEBUG: checking daemons...\nDEBUG: connect to object database...\n";
 inline const std::string rewriting =
     "DEBUG: save clear files in dbdir...\nDEBUG: restore db contents...\n";
+inline const std::string cannotOpen = "dbsweep: Cannot open objects database.\n";
 
 // The sanitizers make everything slower, and smaller numbers tell as much.
 #ifdef __SANITIZE_ADDRESS__
@@ -34,6 +38,30 @@ inline void saveTables() {
 inline void putTablesBack() {
   ASSERT_EQ(run("rm -rf " + root + " && cp -a " + saved + " " + root).status, 0);
   std::filesystem::remove("/usr/NQ/conf/dbsweep.lock");
+}
+
+inline void loadSample(int objects) {
+  const Outcome outcome = run(DBSWEEP_SOURCE_DIR "/script/sample-network " +
+                              std::to_string(objects) + " | objdb load --unsealed");
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  saveTables();
+}
+
+// A process of the platform: its name in the process list is the file's.
+inline pid_t start(const std::string &name) {
+  const std::string path = "/usr/NQ/bin/" + name;
+  if (!exists(path)) std::filesystem::copy_file("/bin/sleep", path);
+  const pid_t child = fork();
+  if (child == 0) execl(path.c_str(), path.c_str(), "60", nullptr);
+  while (readFile("/proc/" + std::to_string(child) + "/comm") != name + "\n") usleep(1000);
+  return child;
+}
+
+// Its exit status, or 128 + the signal that ended it; -1 while it runs, if the options do not wait.
+inline int endOf(pid_t child, int options = 0) {
+  int status = 0;
+  if (waitpid(child, &status, options) != child) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // What a run says that lost something, or may have.

@@ -1,0 +1,70 @@
+#include "faults/synced_disk.h"
+
+#include <sys/stat.h>
+
+#include <fstream>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct stat statusOf(const fs::path &path) {
+  struct stat status {};
+  stat(path.c_str(), &status);
+  return status;
+}
+
+}  // namespace
+
+void SyncedDisk::synced(const fs::path &path, size_t begin, size_t end) {
+  const struct stat status = statusOf(path);
+  if (S_ISDIR(status.st_mode)) {
+    auto &entries = directories_[status.st_ino];
+    entries.clear();
+    for (const auto &entry : fs::directory_iterator(path)) {
+      const ino_t number = statusOf(entry).st_ino;
+      entries[entry.path().filename()] = number;
+      // What was never synced itself is there and empty.
+      entry.is_directory() ? void(directories_[number]) : void(files_[number]);
+    }
+    return;
+  }
+  std::ifstream stream(path, std::ios::binary);
+  const std::string now{std::istreambuf_iterator<char>(stream), {}};
+  std::string &content = files_[status.st_ino];
+  content.resize(now.size());
+  if (begin < now.size()) content.replace(begin, end - begin, now, begin, end - begin);
+}
+
+void SyncedDisk::keepTree(const fs::path &path, Written written) {
+  if (!fs::is_directory(path)) {
+    if (written == Written::contents) synced(path);
+    return;
+  }
+  if (written == Written::entries) synced(path);
+  if (written == Written::removals) {
+    std::erase_if(directories_[statusOf(path).st_ino], [&](const auto &entry) {
+      return statusOf(path / entry.first).st_ino != entry.second;
+    });
+  }
+  for (const auto &entry : fs::directory_iterator(path)) keepTree(entry, written);
+}
+
+void SyncedDisk::put(const fs::path &directory, ino_t number) {
+  for (const auto &[name, entry] : directories_[number]) {
+    const fs::path path = directory / name;
+    if (directories_.contains(entry)) {
+      fs::create_directory(path);
+      put(path, entry);
+    } else {
+      std::ofstream(path, std::ios::binary) << files_[entry];
+    }
+  }
+}
+
+void SyncedDisk::losePower(Written written) {
+  if (written != Written::nothing) keepTree(root_, written);
+  const ino_t number = statusOf(root_).st_ino;
+  for (const auto &entry : fs::directory_iterator(root_)) fs::remove_all(entry);
+  put(root_, number);
+}
