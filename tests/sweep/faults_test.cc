@@ -117,6 +117,31 @@ class Faults : public PlatformTest {
   Lines before;
 };
 
+// Counted, not timed: a run over four times the objects takes four times the memory requests, and
+// but a few more calls that change the file system, since the tables grow in large steps.
+TEST_F(Faults, TheCostOfAValueDoesNotGrowWithTheirNumber) {
+  if (sanitized) GTEST_SKIP() << "the sanitizers have their own allocations";
+  std::map<int, std::map<std::string, int>> counts;
+  for (const int objects : {1000, 4000}) {
+    std::filesystem::remove_all(root);
+    ASSERT_NO_FATAL_FAILURE(loadSample(objects));
+    for (const std::string arguments : {"-m", "-p OSPF"}) {
+      for (const std::string preload : {FAULT_PRELOAD, ALLOCATION_FAULT_PRELOAD}) {
+        putTablesBack();
+        constexpr int never = 1'000'000'000;
+        ASSERT_EQ(runWith({"12", false, true, preload}, "dbsweep", arguments, never).status, 0);
+        counts[objects][arguments + preload] = std::stoi("0" + readFile("/usr/NQ/tmp/count"));
+      }
+    }
+  }
+  for (const auto &[what, few] : counts[1000]) {
+    const int many = counts[4000][what];
+    printf("%s: %d and %d\n", what.c_str(), few, many);
+    EXPECT_GT(few, 60);
+    EXPECT_LT(many, what.ends_with(FAULT_PRELOAD) ? few + 200 : few * 4.1);
+  }
+}
+
 // A disk between two syncs forgets what it forgets just behind the first of them.
 const std::vector<Fault> powerCuts = {
     {"forget"}, {"forget-entries"}, {"forget-contents"}, {"forget-creations"}};
