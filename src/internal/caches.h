@@ -109,7 +109,7 @@ class RecencyIter {
       : sentinel_(&table->sentinel_), entry_(table->sentinel_.prev) {}
 
   // The analyzer takes a freed entry for one that the walk can come back to.
-  // NOLINTNEXTLINE(clang-analyzer-unix.Malloc)
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete)
   ObjCacheEntry *operator()() const { return entry_ == sentinel_ ? nullptr : entry_; }
   ObjCacheEntry *operator++(int) {
     if (entry_ != sentinel_) entry_ = entry_->prev;

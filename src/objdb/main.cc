@@ -8,6 +8,13 @@
 
 namespace {
 
+// What a database depends on, besides the version of the program.
+std::string versionText() {
+  const Json format = headerLine();
+  return "objdb " PROGRAM_VERSION ", " + format.at("wordBits").dump() + " bits, GNU dbm " +
+         format.at("library").get<std::string>();
+}
+
 std::vector<std::string> tableNames() {
   std::vector<std::string> names;
   names.reserve(tableCount);
@@ -18,6 +25,7 @@ std::vector<std::string> tableNames() {
 int runCommand(int argc, char **argv) {
   CLI::App app("Looks after the object database around a sweep.", "objdb");
   app.require_subcommand(1);
+  app.set_version_flag("--version", versionText);
 
   DatabaseName database;
   const auto addCommand = [&](const char *name, const char *description, const char *footer) {

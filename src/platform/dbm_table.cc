@@ -119,7 +119,7 @@ void mapFile(const DbmTable *table, int on) {
 // Makes the file longer ahead of what is about to be stored. True when it has, and then the library
 // learns the new length only from a store that it makes with its map off.
 bool reserveAhead(DbmTable *table, size_t bytes) {
-  constexpr uint64_t smallest = 256 * 1024;
+  constexpr uint64_t smallest = uint64_t{256} * 1024;
   constexpr size_t placeOfKey = 64;  // in the blocks that hold the keys, which may be half empty
   if (!table->buffering || table->wasCut) return false;
   bytes += placeOfKey;

@@ -1,0 +1,31 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
+# What an installation has, and the Debian package of it.
+include(GNUInstallDirs)
+install(TARGETS dbsweep objdb RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+foreach(manual dbsweep.8 objdb.8)
+  install(FILES man/${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+  set(installed "\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_MANDIR}/man8/${manual}")
+  install(CODE "execute_process(COMMAND gzip -9nf \"${installed}\" COMMAND_ERROR_IS_FATAL ANY)")
+endforeach()
+install(FILES completion/dbsweep completion/objdb
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES packaging/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)  # the tests need not be built for a package
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_CONTACT "dbsweep developers <root@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "offline maintenance of the Corvane object database")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+  "dbsweep deletes the objects of a retired protocol, or single ones, from the
+object database of the Corvane network-management platform and writes its
+tables anew. objdb checks, compares, dumps, loads, archives, restores and
+salvages such databases.")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS procps)
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "bash-completion, jq")
+include(CPack)
