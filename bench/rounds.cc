@@ -38,6 +38,7 @@ struct Command {
 
 constexpr char large[] = "/usr/NQ/large";
 constexpr char small[] = "/usr/NQ/small";
+constexpr char lines[] = "/usr/NQ/lines";  // a dump of the large one
 constexpr char current[] = "/usr/NQ/databases/nqwdb/current";
 constexpr uint32_t sizeRatio = 10;  // of the two databases
 
@@ -110,6 +111,7 @@ int main(int argc, char **argv) {
           std::to_string(count) + " && mv /usr/NQ/databases " + place);
   };
   prepare(large, objects);
+  shell(directory + "/objdb dump --dir " + large + "/nqwdb >" + lines);
   prepare(small, objects / sizeRatio);
 
   const auto sweep = [&](const char *options) {
@@ -122,7 +124,22 @@ int main(int argc, char **argv) {
   };
   std::string fifty;
   for (uint32_t id = 1; id <= 50; ++id) fifty += std::to_string(id) + " ";
-  enum { sweepOne, sweepAll, sweepSmall, migrate, count, list, plainLoad, unmappedLoad, floor };
+  const std::string objdb = directory + "/objdb";
+  enum {
+    sweepOne,
+    sweepAll,
+    sweepSmall,
+    migrate,
+    count,
+    list,
+    plainLoad,
+    unmappedLoad,
+    floor,
+    plainDump,
+    check,
+    dump,
+    load,
+  };
   Command commands[] = {
       {"dbsweep -p, one object in ten", large, sweep("-p Retired"), {}},
       {"dbsweep -p, every object", large, sweep("-p Every"), {}},
@@ -136,14 +153,22 @@ int main(int argc, char **argv) {
        large,
        directory + "/bench/raw_copy " + current + " /usr/NQ/work",
        {}},
+      {"gdbm_dump",
+       large,
+       std::string("for table in obj_info value_info name_info; do gdbm_dump ") + current +
+           "/$table.pag /usr/NQ/work/$table.dump; done",
+       {}},
+      {"objdb check", large, objdb + " check >/usr/NQ/work/findings", {}},
+      {"objdb dump", large, objdb + " dump >/usr/NQ/work/lines", {}},
+      {"objdb load", large, objdb + " load --dir /usr/NQ/work/new <" + lines, {}},
   };
   for (int round = 0; round < rounds; ++round) {
     for (Command &command : commands) command.costs.push_back(measure(command));
   }
 
-  printf("%-38s %8s %8s %10s\n", "median of each", "wall s", "cpu s", "peak MB");
+  printf("%-40s %8s %8s %10s\n", "median of each", "wall s", "cpu s", "peak MB");
   for (const Command &command : commands) {
-    printf("%-38s %8.2f %8.2f %10.1f\n", command.name, medianOf(command, &Cost::wall),
+    printf("%-40s %8.2f %8.2f %10.1f\n", command.name, medianOf(command, &Cost::wall),
            medianOf(command, &Cost::processor), medianOf(command, &Cost::peakBytes) / 1e6);
   }
   const struct {
@@ -160,11 +185,16 @@ int main(int argc, char **argv) {
        medianRatio(commands[sweepOne], commands[sweepSmall]) / sizeRatio, 1.4},
       {"sweep of every object / floor", medianRatio(commands[sweepAll], commands[floor]), 1.6},
       {"peak bytes a value", medianOf(commands[sweepOne], &Cost::peakBytes) / values, 370},
+      {"objdb check / gdbm_dump", medianRatio(commands[check], commands[plainDump]), 1.0},
+      {"objdb dump / (gdbm_dump + gdbm_load -M)",
+       medianRatio(commands[dump], commands[unmappedLoad]), 1.5},
+      {"objdb load / (gdbm_dump + gdbm_load -M)",
+       medianRatio(commands[load], commands[unmappedLoad]), 1.2},
       {"50 objects beyond a count, ms",
        1000 * (medianOf(commands[list], &Cost::wall) - medianOf(commands[count], &Cost::wall)), 50},
   };
-  printf("\n%-38s %8s %8s\n", "figure", "is", "at most");
+  printf("\n%-40s %8s %8s\n", "figure", "is", "at most");
   for (const auto &figure : figures) {
-    printf("%-38s %8.2f %8.2f\n", figure.name, figure.value, figure.bound);
+    printf("%-40s %8.2f %8.2f\n", figure.name, figure.value, figure.bound);
   }
 }

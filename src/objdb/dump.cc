@@ -81,15 +81,14 @@ bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Census &
   std::vector<Line> lines;
   DbmRecord record;
   while (reader->next(&record)) {
-    if (record.bytes.data() != nullptr && !filter.takes(table, record.bytes)) continue;
-    std::optional<Json> line;
-    if (record.bytes.data() != nullptr) line = recordToJson(table, record.key, record.bytes);
+    if (!filter.takes(table, record.bytes)) continue;
+    std::optional<std::string> line = recordToLine(table, record.key, record.bytes);
     if (!line) {
       fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
               toHex(record.key).c_str(), name);
       return false;
     }
-    lines.push_back({sortKey(table, record.key), line->dump()});
+    lines.push_back({sortKey(table, record.key), std::move(*line)});
     census.add(table, record.key, record.bytes);
   }
   if (!reader->isComplete()) {

@@ -271,6 +271,42 @@ void addMembers(Json &line, size_t table, const void *decoded) {
   }
 }
 
+// Whether a character stands for itself in JSON, and is one of printable ASCII.
+bool isPlain(char each) {
+  return each >= ' ' && each <= '~' && each != '"' && each != '\\';
+}
+
+bool isPlain(const char *text) {
+  return text != nullptr &&
+         std::all_of(text, text + strlen(text), [](char c) { return isPlain(c); });
+}
+
+// The line of a single value or a name in plain characters; empty for any other record.
+std::string plainLine(size_t table, const void *decoded) {
+  const auto start = [table](uint32_t objectId, uint32_t fieldId) {
+    std::string line;
+    line.reserve(128);
+    line.append(R"({"table":")").append(tableFormats[table].name);
+    line.append(R"(","object":)").append(std::to_string(objectId));
+    return line.append(R"(,"field":)").append(std::to_string(fieldId));
+  };
+  if (table == objInfo || table == nameInfo) {
+    const auto *record = static_cast<const dbObject *>(decoded);
+    if (!isPlain(record->name)) return "";
+    std::string line = start(record->objectId, record->fieldId);
+    return line.append(R"(,"name":")").append(record->name).append("\"}");
+  }
+  if (table != valueInfo) return "";
+  const auto *record = static_cast<const dbObjectValue *>(decoded);
+  const NQwFieldValue &value = *record->value;
+  if (value.isList != 0 || (value.type == String && !isPlain(value.value.string))) return "";
+  std::string line = start(record->objectId, record->fieldId);
+  line.append(R"(,"type":")").append(typeNames[value.type]).append(R"(","value":)");
+  if (value.type == String) return line.append("\"").append(value.value.string).append("\"}");
+  if (value.type == Boolean) return line.append(value.value.number != 0 ? "true}" : "false}");
+  return line.append(std::to_string(value.value.number)).append("}");
+}
+
 // Reads a line from its front, as far as it is as expected.
 class PlainText {
  public:
@@ -298,7 +334,7 @@ class PlainText {
     const size_t length = rest_.find('"');
     if (length > longestString) return false;
     for (const char each : rest_.substr(0, length)) {
-      if (each < ' ' || each > '~' || each == '\\') return false;
+      if (!isPlain(each)) return false;
     }
     rest_.copy(characters, length);
     characters[length] = '\0';
@@ -349,6 +385,19 @@ std::optional<Json> recordToJson(size_t table, std::string_view key, std::string
   if (record.properKey() != key) line["key"] = toHex(key);
   if (record.encoding() != bytes) line["bytes"] = toHex(bytes);
   return line;
+}
+
+std::optional<std::string> recordToLine(size_t table, std::string_view key,
+                                        std::string_view bytes) {
+  {
+    DecodedRecord record(table, bytes);
+    if (!record) return std::nullopt;
+    if (record.properKey() == key && record.encoding() == bytes) {
+      std::string line = plainLine(table, record.get());
+      if (!line.empty()) return line;
+    }
+  }
+  return recordToJson(table, key, bytes)->dump();
 }
 
 StoredRecord recordFromJson(const Json &line) {

@@ -45,11 +45,14 @@ struct StoredRecord {
 // Null when the record does not decode.
 std::optional<Json> recordToJson(size_t table, std::string_view key, std::string_view bytes);
 
+// The text of that line.
+std::optional<std::string> recordToLine(size_t table, std::string_view key, std::string_view bytes);
+
 // Throws std::exception with what is wrong with the line.
 StoredRecord recordFromJson(const Json &line);
 
 // The same for the text of a line, if it is one of a single value or a name in plain characters,
-// exactly as a dump has it: most lines are, and need no document made of them.
+// exactly as a dump has it: most lines are, and neither way needs a document made of them.
 std::optional<StoredRecord> recordFromPlainLine(std::string_view text);
 
 // A key that is made of these words.
