@@ -418,15 +418,14 @@ std::optional<StoredRecord> recordFromPlainLine(std::string_view text) {
       !at.skip(R"(,"field":)") || !at.number(&fieldId)) {
     return std::nullopt;
   }
-  char characters[longestString + 1];
   if (table != valueInfo) {
-    if (!at.skip(R"(,"name":)") || !at.string(characters) || !at.isEnd()) return std::nullopt;
     dbObject record{objectId, fieldId, {}};
-    strcpy(record.name, characters);
+    if (!at.skip(R"(,"name":)") || !at.string(record.name) || !at.isEnd()) return std::nullopt;
     const std::string key =
-        table == objInfo ? keyOf({objectId, fieldId}) : keyOf({fieldId}) + characters;
+        table == objInfo ? keyOf({objectId, fieldId}) : keyOf({fieldId}) + record.name;
     return StoredRecord{table, key, encodedRecord(table, &record)};
   }
+  char characters[longestString + 1];
   NQwFieldValue value{};
   if (!at.skip(R"(,"type":")")) return std::nullopt;
   value.type = Integer;
