@@ -31,6 +31,7 @@ struct DbmTable {
   gdbm_count_t unreached = 0;  // and that it has not, once it has ended
   bool buffering = false;
   uint64_t reserved = 0;  // bytes of the file while it is longer than the library knows; else 0
+  uint64_t shortest = 0;  // bytes of the file before that
   uint64_t roomLeft = 0;  // bytes to store before the file's end is looked at again
   bool wasCut = false;    // the file is shorter than the library may believe
   std::string deletions;  // held back: keys, each behind its length as a size_t
@@ -139,22 +140,27 @@ bool reserveAhead(DbmTable *table, size_t bytes) {
   // A disk that is nearly full is filled record by record: what one table reserves and does not
   // need would be missing in the next.
   const bool isPlenty = disk.f_bavail * disk.f_frsize / 4 > length;
-  if (!isPlenty || posix_fallocate(fd, 0, static_cast<off_t>(length)) != 0) {
-    table->roomLeft = smallest;
-    return false;
-  }
-  table->reserved = length;
+  table->roomLeft = smallest;
+  if (!isPlenty) return false;
+  struct stat file {};
+  if (table->reserved == 0 && fstat(fd, &file) != 0) return false;
+  if (table->reserved == 0) table->shortest = static_cast<uint64_t>(file.st_size);
+  table->reserved = length;  // a failure may have made the file longer too
+  if (posix_fallocate(fd, 0, static_cast<off_t>(length)) != 0) return false;
   table->roomLeft = (length - used) / 2;
   return true;
 }
 
-// Cuts the file to what is in use. The map stays off for good: the library would take the old
-// length for the file's, and touch pages that are gone.
+// Cuts the file to what is in use, but never below what it was: a damaged header may say anything.
+// The map stays off for good: the library would take the old length for the file's, and touch pages
+// that are gone.
 void cutReserved(DbmTable *table) {
   if (table->reserved == 0) return;
   mapFile(table, 0);
   const int fd = dbm_pagfno(table->dbm);
-  if (ftruncate(fd, static_cast<off_t>(endOfBlocks(fd))) != 0) table->failed = true;
+  const uint64_t used = endOfBlocks(fd);
+  const auto length = static_cast<off_t>(std::max(used, table->shortest));
+  if (used == 0 || ftruncate(fd, length) != 0) table->failed = true;
   table->wasCut = true;
   table->reserved = 0;
   table->roomLeft = 0;
