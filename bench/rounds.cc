@@ -53,10 +53,9 @@ double seconds(const timeval &time) {
 }
 
 Cost measure(const Command &command) {
-  shell(
-      std::string(
-          "rm -rf /usr/NQ/databases /usr/NQ/work && mkdir -p /usr/NQ/work /usr/NQ/log && cp -a ") +
-      command.database + " /usr/NQ/databases");
+  shell(std::string("rm -rf /usr/NQ/databases /usr/NQ/scratch && mkdir -p /usr/NQ/scratch "
+                    "/usr/NQ/log && cp -a ") +
+        command.database + " /usr/NQ/databases");
   const auto start = std::chrono::steady_clock::now();
   const pid_t child = fork();
   if (child == 0) {
@@ -115,12 +114,12 @@ int main(int argc, char **argv) {
   prepare(small, objects / sizeRatio);
 
   const auto sweep = [&](const char *options) {
-    return "echo yes | " + directory + "/dbsweep " + options + " 2>/usr/NQ/work/messages";
+    return "echo yes | " + directory + "/dbsweep " + options + " 2>/usr/NQ/scratch/messages";
   };
   const auto dumpAndLoad = [](const char *options) {
     return std::string("for table in obj_info value_info name_info; do gdbm_dump ") + current +
-           "/$table.pag /usr/NQ/work/$table.dump; gdbm_load " + options +
-           " /usr/NQ/work/$table.dump /usr/NQ/work/$table.pag; done";
+           "/$table.pag /usr/NQ/scratch/$table.dump; gdbm_load " + options +
+           " /usr/NQ/scratch/$table.dump /usr/NQ/scratch/$table.pag; done";
   };
   std::string fifty;
   for (uint32_t id = 1; id <= 50; ++id) fifty += std::to_string(id) + " ";
@@ -151,16 +150,16 @@ int main(int argc, char **argv) {
       {"gdbm_dump + gdbm_load -M", large, dumpAndLoad("-M"), {}},
       {"raw scan + raw copy",
        large,
-       directory + "/bench/raw_copy " + current + " /usr/NQ/work",
+       directory + "/bench/raw_copy " + current + " /usr/NQ/scratch",
        {}},
       {"gdbm_dump",
        large,
        std::string("for table in obj_info value_info name_info; do gdbm_dump ") + current +
-           "/$table.pag /usr/NQ/work/$table.dump; done",
+           "/$table.pag /usr/NQ/scratch/$table.dump; done",
        {}},
-      {"objdb check", large, objdb + " check >/usr/NQ/work/findings", {}},
-      {"objdb dump", large, objdb + " dump >/usr/NQ/work/lines", {}},
-      {"objdb load", large, objdb + " load --dir /usr/NQ/work/new <" + lines, {}},
+      {"objdb check", large, objdb + " check >/usr/NQ/scratch/findings", {}},
+      {"objdb dump", large, objdb + " dump >/usr/NQ/scratch/lines", {}},
+      {"objdb load", large, objdb + " load --dir /usr/NQ/scratch/new <" + lines, {}},
   };
   for (int round = 0; round < rounds; ++round) {
     for (Command &command : commands) command.costs.push_back(measure(command));
