@@ -128,11 +128,14 @@ bool reserveAhead(DbmTable *table, size_t bytes) {
     table->roomLeft -= bytes;
     return false;
   }
+  table->roomLeft = smallest;  // also where nothing can be reserved
   const int fd = dbm_pagfno(table->dbm);
   const uint64_t used = endOfBlocks(fd);
   if (used == 0) return false;
-  table->roomLeft = table->reserved > used ? (table->reserved - used) / 2 : 0;
-  if (used + used / 8 < table->reserved) return false;
+  if (used + used / 8 < table->reserved) {
+    table->roomLeft = (table->reserved - used) / 2;
+    return false;
+  }
 
   const uint64_t length = std::max(used + used / 2, smallest);
   struct statvfs disk {};
@@ -140,7 +143,6 @@ bool reserveAhead(DbmTable *table, size_t bytes) {
   // A disk that is nearly full is filled record by record: what one table reserves and does not
   // need would be missing in the next.
   const bool isPlenty = disk.f_bavail * disk.f_frsize / 4 > length;
-  table->roomLeft = smallest;
   if (!isPlenty) return false;
   struct stat file {};
   if (table->reserved == 0 && fstat(fd, &file) != 0) return false;
