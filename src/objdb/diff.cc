@@ -26,7 +26,9 @@ bool addMissing(TableReader &here, TableReader &there, size_t table, bool isNew,
                 std::vector<Difference> *differences) {
   DbmRecord record;
   while (here.next(&record)) {
-    if (record.bytes.data() != nullptr && there.fetch(record.key) == record.bytes) continue;
+    const std::string_view other = there.fetch(record.key);
+    const bool isInBoth = record.bytes.data() != nullptr && other.data() != nullptr;
+    if (isInBoth && other == record.bytes) continue;
     std::optional<Json> line;
     if (record.bytes.data() != nullptr) line = recordToJson(table, record.key, record.bytes);
     if (!line) {
