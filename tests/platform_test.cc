@@ -97,6 +97,13 @@ TEST(Hash, TheNewerStringReplacesTheOneItEquals) {
   EXPECT_EQ(keyNumber(table.find(older)->data()), 2u);
 }
 
+TEST(Strings, NullSortsFirstAndHasNoLength) {
+  EXPECT_EQ(strcmp_new(nullptr, nullptr), 0);
+  EXPECT_LT(strcoll_new(nullptr, ""), 0);
+  EXPECT_GT(strncmp_new("a", nullptr, 3), 0);
+  EXPECT_EQ(strlen_new(nullptr), 0u);
+}
+
 TEST(Paths, NothingGrowsPastItsBuffer) {
   EXPECT_STREQ(_NQwDbBuildDbPath(nullptr, "nqwdb"), "/usr/NQ/databases/nqwdb");
   EXPECT_STREQ(_NQwDbBuildDbPath("lab", "nqwdb"), "/usr/NQ/databases/lab/nqwdb");
