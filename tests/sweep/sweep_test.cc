@@ -229,6 +229,21 @@ TEST_F(Sweep, SaysWhichFileItCouldNotRemove) {
   EXPECT_EQ(dump(), before);
 }
 
+TEST_F(Sweep, DeletesFromAFileThatCouldNotBeRemovedToo) {
+  keptExpected = true;
+  saveTables();
+  for (const char *table : rewrittenTables) {
+    putTablesBack();
+    const std::string path = currentDir + "/" + table + ".pag";
+    const Outcome outcome =
+        run("mount --bind " + path + " " + path + "; dbsweep -p 'QRT Session'; status=$?; umount " +
+                path + "; exit $status",
+            "yes");
+    EXPECT_EQ(outcome.status, 1) << outcome.err;
+    EXPECT_EQ(dump(), without(before, {1, 2, 4000000000})) << table;
+  }
+}
+
 // The first table file that was opened got the number of standard error, and with it the messages.
 TEST_F(Sweep, KeepsItsMessagesOutOfTheTablesWhenStandardErrorIsClosed) {
   const std::string tables = filesOf(rewrittenTables);
