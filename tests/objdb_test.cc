@@ -43,6 +43,14 @@ TEST_F(Objdb, ADumpComesBackByteForByte) {
   EXPECT_EQ(run("objdb dump --dir /usr/NQ/copy").out, sealed);
 }
 
+TEST_F(Objdb, AnOutputThatCannotBeWrittenIsAFailure) {
+  for (const char *command : {"dump", "check", "protocols", "archive", "versions"}) {
+    const Outcome outcome = run(std::string("objdb ") + command + " >/dev/full");
+    EXPECT_EQ(outcome.status, 2) << command;
+    EXPECT_THAT(outcome.err, HasSubstr("could not write the output")) << command;
+  }
+}
+
 TEST_F(Objdb, NothingIsLoadedFromADumpThatWasCutOrChanged) {
   const size_t lastLine = sealed.rfind("\n", sealed.size() - 2) + 1;
   const std::string other = R"({"table":"id_keeper","counter":5001})";

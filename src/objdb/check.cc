@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -319,9 +317,5 @@ int checkDatabase(const DatabaseName &database, bool json) {
   }
   const uint64_t records = Check(std::move(tables), &findings).run();
   findings.finish(records);
-  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
-    fprintf(stderr, "objdb: could not write the findings: %s\n", strerror(errno));
-    return objdbFailed;
-  }
   return findings.total() == 0 ? objdbFine : objdbRefused;
 }

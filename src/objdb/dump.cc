@@ -1,7 +1,5 @@
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <set>
 #include <vector>
 
@@ -120,9 +118,5 @@ int dumpDatabase(const DatabaseName &database, const DumpChoice &choice) {
     }
   }
   if (filter.takesAll()) puts(census.toJson().dump().c_str());
-  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
-    fprintf(stderr, "objdb: could not write the dump: %s\n", strerror(errno));
-    return objdbFailed;
-  }
   return objdbFine;
 }

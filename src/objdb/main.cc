@@ -1,7 +1,9 @@
 // objdb: reads and writes the same databases as dbsweep, for what an operator needs around a sweep.
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "objdb/commands.h"
 #include "objdb/record_lines.h"
@@ -109,7 +111,10 @@ int runCommand(int argc, char **argv) {
 
 int main(int argc, char **argv) {
   try {
-    return runCommand(argc, argv);
+    const int status = runCommand(argc, argv);
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+    fprintf(stderr, "objdb: could not write the output: %s\n", strerror(errno));
+    return objdbFailed;
   } catch (const std::exception &error) {
     fprintf(stderr, "objdb: %s\n", error.what());
     return objdbFailed;

@@ -1,9 +1,7 @@
 // What a sweep by protocol would delete, told without deleting it.
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <set>
 #include <vector>
@@ -118,7 +116,7 @@ std::set<std::string> namesOfPlatform() {
 int printProtocols(const DatabaseName &database, const std::string &idsOf) {
   std::optional<TableReaders> tables = openAllTables(database.directory + "/" + database.version);
   if (!tables) return objdbFailed;
-  int status = fillCaches(*tables) ? objdbFine : objdbRefused;
+  const int status = fillCaches(*tables) ? objdbFine : objdbRefused;
   if (!idsOf.empty()) {
     const _HashItem *field = FieldNameCache->find(const_cast<char *>(("is" + idsOf).c_str()));
     const uint32_t fieldId = field == nullptr ? 0 : keyNumber(field->data());
@@ -135,10 +133,6 @@ int printProtocols(const DatabaseName &database, const std::string &idsOf) {
       unmatched.erase(protocol.name);
     }
     for (const std::string &name : unmatched) printf("no field %s\n", name.c_str());
-  }
-  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
-    fprintf(stderr, "objdb: could not write the protocols: %s\n", strerror(errno));
-    status = objdbFailed;
   }
   return status;
 }
