@@ -1,0 +1,14 @@
+// What a rewrite stores and in which order.
+#pragma once
+
+#include <cstdint>
+
+#include "store/database.h"
+
+// Plans the storing of every value of every cached object: the names, newest object first and in
+// the order of its list; then all others, in the cheapest order. Done while the old files are still
+// there, since it takes memory. The plan points at the cached values.
+void planRewrite();
+
+// Stores all that is planned. Returns how many values are not in the tables afterwards.
+uint32_t storePlanned(ObjectDatabase *db);
