@@ -160,7 +160,6 @@ TEST_F(Salvage, ADryRunNamesWhatASweepDeletesAndADiffWhatItDeleted) {
   writeFile("/usr/NQ/conf/capability_map", "OSPF\nQRT Session\nToken Ring\n");
   EXPECT_EQ(run("objdb protocols").out,
             "     300 QRT Session\n       0 OSPF\nno field Token Ring\n");
-  EXPECT_EQ(run("objdb protocols --ids Number").status, 1);
   std::istringstream listed(run("objdb protocols --ids 'QRT Session'").out);
   std::string expected = dialogue + loading;
   std::vector<uint32_t> objects;
@@ -199,7 +198,7 @@ TEST_F(Salvage, WhyItCannotLookIsSaidInWords) {
       {"objdb check --version nothing", 2, "no such version"},
       {"objdb salvage nothing", 2, "no version"},
       {"objdb salvage ../nqwdb/current", 2, "no version"},
-      {"flock obj_info.pag sh -c 'objdb check; exit $?'", 2, "obj_info.pag\": held by process "},
+      {"flock obj_info.pag sh -c 'objdb check; exit $?'", 3, "obj_info.pag\": held by process "},
       {"flock -s obj_info.pag objdb check", 0, ""},
       {"flock obj_info.pag objdb salvage current", 2, "could not lock"},
       {"rm enum_info.dir; objdb dump", 2, "enum_info.dir\": No such file"},

@@ -9,6 +9,7 @@
 
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
+#include "objdb/options.h"
 #include "objdb/table_reader.h"
 
 namespace {
@@ -301,21 +302,30 @@ class Check {
   std::vector<NameEntry> index_;
 };
 
-}  // namespace
-
-int checkDatabase(const DatabaseName &database, bool json) {
+ObjdbStatus checkDatabase(const VersionPath &database, bool json) {
   OpenFailures failures;
-  TableReaders tables = openTables(database.directory + "/" + database.version, &failures);
+  TableReaders tables = openTables(database.path(), &failures);
   Findings findings(json);
   for (size_t table = 0; table < tableCount; ++table) {
     if (tables[table] != nullptr) continue;
-    if (!failures[table].isDamage) {
-      fprintf(stderr, "objdb: %s\n", failures[table].reason.c_str());
-      return objdbFailed;
-    }
+    if (failures[table].kind != OpenFailure::damaged) throw failures[table].asFailure();
     findings.add(unopened, table, Json::object(), failures[table].reason);
   }
   const uint64_t records = Check(std::move(tables), &findings).run();
   findings.finish(records);
-  return findings.total() == 0 ? objdbFine : objdbRefused;
+  return findings.total() == 0 ? objdbFine : objdbFindings;
 }
+
+ObjdbStatus runCheck(Options &options) {
+  VersionPath database;
+  bool json = false;
+  options.version(&database);
+  options.flag("--json", &json, "List the findings as lines of JSON");
+  options.parse();
+  return checkDatabase(database, json);
+}
+
+}  // namespace
+
+const Command checkCommand{"check", "Look at every record and list what is wrong with the database",
+                           "objdb check --version 22112026.231500", runCheck};

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "objdb/commands.h"
+#include "objdb/options.h"
 #include "objdb/table_reader.h"
 
 namespace {
@@ -42,20 +43,17 @@ bool addMissing(TableReader &here, TableReader &there, size_t table, bool isNew,
   return false;
 }
 
-}  // namespace
-
-int diffDatabases(const std::string &directory, const std::string &before,
-                  const std::string &after) {
+ObjdbStatus diffVersions(const std::string &directory, const std::string &before,
+                         const std::string &after) {
   const auto pathOf = [&directory](const std::string &name) {
     return name.find('/') == std::string::npos ? directory + "/" + name : name;
   };
-  const std::optional<TableReaders> old = openAllTables(pathOf(before));
-  const std::optional<TableReaders> current = openAllTables(pathOf(after));
-  if (!old || !current) return objdbFailed;
+  const TableReaders old = openAllTables(pathOf(before));
+  const TableReaders current = openAllTables(pathOf(after));
   std::vector<Difference> differences;
   for (size_t table = 0; table < tableCount; ++table) {
-    TableReader &was = *(*old)[table];
-    TableReader &is = *(*current)[table];
+    TableReader &was = *old[table];
+    TableReader &is = *current[table];
     if (!addMissing(was, is, table, false, &differences) ||
         !addMissing(is, was, table, true, &differences)) {
       return objdbFailed;
@@ -65,5 +63,22 @@ int diffDatabases(const std::string &directory, const std::string &before,
             [](const Difference &a, const Difference &b) { return a.order() < b.order(); });
   for (const Difference &each : differences)
     printf("%c %s\n", each.isNew ? '+' : '-', each.line.c_str());
-  return differences.empty() ? objdbFine : objdbRefused;
+  return differences.empty() ? objdbFine : objdbFindings;
 }
+
+ObjdbStatus runDiff(Options &options) {
+  VersionPath database;
+  std::string before;
+  std::string after;
+  options.directory(&database);
+  options.argument("A", &before, "A version, or a directory with a slash in its name");
+  options.argument("B", &after, "Another");
+  options.parse();
+  return diffVersions(database.directory, before, after);
+}
+
+}  // namespace
+
+const Command diffCommand{
+    "diff", "Write what stands in one version alone: \"-\" the first, \"+\" the second",
+    "objdb diff 22112026.231500 current", runDiff};

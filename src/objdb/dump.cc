@@ -5,10 +5,18 @@
 
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
+#include "objdb/options.h"
 #include "objdb/record_lines.h"
 #include "objdb/table_reader.h"
 
 namespace {
+
+// Which records to dump: of one table, of one object, of the fields with one name.
+struct DumpChoice {
+  std::optional<std::string> table;
+  std::optional<uint32_t> object;
+  std::optional<std::string> field;
+};
 
 struct Line {
   std::string order;
@@ -38,12 +46,11 @@ std::string sortKey(size_t table, std::string_view key) {
 // Which lines of a dump are wanted.
 class Filter {
  public:
-  Filter(const DatabaseName &database, const DumpChoice &choice) : choice_(choice) {
+  Filter(const VersionPath &database, const DumpChoice &choice) : choice_(choice) {
     if (!choice.field) return;
     OpenFailure failure;
-    const auto fields =
-        TableReader::open(database.directory + "/" + database.version, tableFormats[fieldInfo].name,
-                          TableReader::Demand::wholeTable, &failure);
+    const auto fields = TableReader::open(database.path(), tableFormats[fieldInfo].name,
+                                          TableReader::Demand::wholeTable, &failure);
     DbmRecord record;
     while (fields != nullptr && fields->next(&record)) {
       const std::optional<Json> line = recordToJson(fieldInfo, record.key, record.bytes);
@@ -53,9 +60,9 @@ class Filter {
     }
   }
 
-  bool takesAll() const { return choice_.table.empty() && !choice_.object && !choice_.field; }
+  bool takesAll() const { return !choice_.table && !choice_.object && !choice_.field; }
   bool takesTable(size_t table) const {
-    return choice_.table.empty() || choice_.table == tableFormats[table].name;
+    return !choice_.table || *choice_.table == tableFormats[table].name;
   }
   bool takes(size_t table, std::string_view bytes) const {
     if (!choice_.object && !choice_.field) return true;
@@ -99,24 +106,39 @@ bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Census &
   return true;
 }
 
-}  // namespace
-
-int dumpDatabase(const DatabaseName &database, const DumpChoice &choice) {
-  const std::optional<TableReaders> tables =
-      openAllTables(database.directory + "/" + database.version);
-  if (!tables) return objdbFailed;
+ObjdbStatus dumpDatabase(const VersionPath &database, const DumpChoice &choice) {
+  const TableReaders tables = openAllTables(database.path());
   const Filter filter(database, choice);
   if (filter.namesNothing()) {
-    fprintf(stderr, "objdb: no field \"%s\"\n", choice.field->c_str());
-    return objdbRefused;
+    throw CommandFailure("no field \"" + *choice.field + "\"");
   }
   Census census;
   if (filter.takesAll()) puts(headerLine().dump().c_str());
   for (size_t table = 0; table < tableCount; ++table) {
-    if (filter.takesTable(table) && !dumpTable((*tables)[table].get(), table, filter, census)) {
+    if (filter.takesTable(table) && !dumpTable(tables[table].get(), table, filter, census)) {
       return objdbFailed;
     }
   }
   if (filter.takesAll()) puts(census.toJson().dump().c_str());
   return objdbFine;
 }
+
+ObjdbStatus runDump(Options &options) {
+  VersionPath database;
+  DumpChoice choice;
+  options.version(&database);
+  options.text("--table", &choice.table, "Only the records of this table");
+  options.id("--object", &choice.object, "Only the records of the object with this id");
+  options.text("--field", &choice.field, "Only the records of the field with this name");
+  options.parse();
+  const auto isChosen = [&](const TableFormat &format) { return *choice.table == format.name; };
+  if (choice.table && std::none_of(tableFormats.begin(), tableFormats.end(), isChosen)) {
+    throw CommandFailure("no table \"" + *choice.table + "\"");
+  }
+  return dumpDatabase(database, choice);
+}
+
+}  // namespace
+
+const Command dumpCommand{"dump", "Write a database as lines of JSON to standard output",
+                          "objdb dump >before.jsonl", runDump};

@@ -11,6 +11,7 @@
 
 #include "objdb/commands.h"
 #include "objdb/dump_reader.h"
+#include "objdb/options.h"
 #include "objdb/record_lines.h"
 #include "objdb/table_writer.h"
 #include "platform/files.h"
@@ -31,16 +32,14 @@ bool buildTables(const fs::path &directory, const std::vector<StoredRecord> &rec
   return syncDirectory(directory) == 0;
 }
 
-}  // namespace
-
-int loadDatabase(const DatabaseName &database, bool sealed) {
-  const fs::path version = fs::path(database.directory) / database.version;
+ObjdbStatus loadDatabase(const VersionPath &database, bool sealed) {
+  const fs::path version = database.path();
   const fs::path aside =
       fs::path(database.directory) / (".load." + std::to_string(static_cast<long>(getpid())));
   try {
     if (fs::exists(version) && !fs::is_empty(version)) {
       fprintf(stderr, "objdb: \"%s\" is not empty; nothing was loaded\n", version.c_str());
-      return objdbRefused;
+      return objdbFailed;
     }
     std::ios::sync_with_stdio(false);  // which reads character by character
     const std::vector<StoredRecord> records = readDump(std::cin, sealed);
@@ -66,3 +65,18 @@ int loadDatabase(const DatabaseName &database, bool sealed) {
   }
   return objdbFine;
 }
+
+ObjdbStatus runLoad(Options &options) {
+  VersionPath database;
+  bool unsealed = false;
+  options.version(&database);
+  options.flag("--unsealed", &unsealed,
+               "Take lines without a dump's header and trailer, which tell that none is missing");
+  options.parse();
+  return loadDatabase(database, !unsealed);
+}
+
+}  // namespace
+
+const Command loadCommand{"load", "Make a database from the lines of a dump on standard input",
+                          "objdb load --dir /var/tmp/copy <before.jsonl", runLoad};

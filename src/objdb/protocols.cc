@@ -10,6 +10,7 @@
 #include "internal/loaders.h"
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
+#include "objdb/options.h"
 #include "objdb/table_reader.h"
 #include "records/codecs.h"
 
@@ -111,19 +112,15 @@ std::set<std::string> namesOfPlatform() {
   return names;
 }
 
-}  // namespace
-
-int printProtocols(const DatabaseName &database, const std::string &idsOf) {
-  std::optional<TableReaders> tables = openAllTables(database.directory + "/" + database.version);
-  if (!tables) return objdbFailed;
-  const int status = fillCaches(*tables) ? objdbFine : objdbRefused;
-  if (!idsOf.empty()) {
-    const _HashItem *field = FieldNameCache->find(const_cast<char *>(("is" + idsOf).c_str()));
+ObjdbStatus printProtocols(const VersionPath &database, const std::optional<std::string> &idsOf) {
+  TableReaders tables = openAllTables(database.path());
+  const ObjdbStatus status = fillCaches(tables) ? objdbFine : objdbFindings;
+  if (idsOf) {
+    const _HashItem *field = FieldNameCache->find(const_cast<char *>(("is" + *idsOf).c_str()));
     const uint32_t fieldId = field == nullptr ? 0 : keyNumber(field->data());
     const FieldCacheEntry *entry = FieldInfoCache->find(fieldId);
     if (entry == nullptr || entry->info->type != Boolean) {
-      fprintf(stderr, "objdb: no Boolean field \"is%s\"\n", idsOf.c_str());
-      return objdbRefused;
+      throw CommandFailure("no Boolean field \"is" + *idsOf + "\"");
     }
     for (const uint32_t id : selectedObjects(fieldId)) printf("%u\n", id);
   } else {
@@ -136,3 +133,18 @@ int printProtocols(const DatabaseName &database, const std::string &idsOf) {
   }
   return status;
 }
+
+ObjdbStatus runProtocols(Options &options) {
+  VersionPath database;
+  std::optional<std::string> idsOf;
+  options.version(&database);
+  options.text("--ids", &idsOf, "List the ids of this protocol's objects instead");
+  options.parse();
+  return printProtocols(database, idsOf);
+}
+
+}  // namespace
+
+const Command protocolsCommand{"protocols",
+                               "Say how many objects a sweep of each protocol would delete",
+                               "objdb protocols --ids \"QRT Session\"", runProtocols};

@@ -16,6 +16,7 @@
 
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
+#include "objdb/options.h"
 #include "objdb/table_reader.h"
 #include "objdb/table_writer.h"
 #include "platform/files.h"
@@ -395,9 +396,7 @@ class Salvage {
   std::map<uint32_t, Definition> definitions_;
 };
 
-}  // namespace
-
-int salvageDatabase(const std::string &directory, const std::string &name) {
+ObjdbStatus salvageDatabase(const std::string &directory, const std::string &name) {
   const auto fail = [](const std::string &why) {
     fprintf(stderr, "objdb: %s; nothing was changed\n", why.c_str());
     return objdbFailed;
@@ -419,5 +418,19 @@ int salvageDatabase(const std::string &directory, const std::string &name) {
   };
   if (!makeVersion(directory, fill, &made, &error)) return fail(error);
   printf("%s\n", made.name.c_str());
-  return salvage.report() ? objdbRefused : objdbFine;
+  return salvage.report() ? objdbFindings : objdbFine;
 }
+
+ObjdbStatus runSalvage(Options &options) {
+  VersionPath database;
+  options.directory(&database);
+  options.argument("VERSION", &database.name, "The version, or \"current\"");
+  options.parse();
+  return salvageDatabase(database.directory, database.name);
+}
+
+}  // namespace
+
+const Command salvageCommand{"salvage",
+                             "Make a new version of what can still be read of a damaged one",
+                             "objdb salvage current", runSalvage};

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "platform/files.h"
 
@@ -159,37 +160,40 @@ struct TableReader::State {
 std::unique_ptr<TableReader> TableReader::open(const std::string &directory, const char *name,
                                                Demand demand, OpenFailure *failure) {
   const std::string path = directory + "/" + name;
-  const auto fail = [failure](const std::string &file, const std::string &why, bool isDamage) {
-    *failure = {"could not open table \"" + file + "\": " + why, isDamage};
+  const auto fail = [failure](const std::string &file, const std::string &why,
+                              OpenFailure::Kind kind) {
+    *failure = {"could not open table \"" + file + "\": " + why, kind};
     return nullptr;
   };
   const auto failByErrno = [&fail](const std::string &file) {
     const bool isDamage = errno != EACCES && errno != EMFILE && errno != ENOMEM;
-    return fail(file, strerror(errno), isDamage);
+    return fail(file, strerror(errno), isDamage ? OpenFailure::damaged : OpenFailure::unavailable);
   };
   if (access(directory.c_str(), F_OK) != 0) {
-    *failure = {"no such version: \"" + directory + "\": " + strerror(errno), false};
+    *failure = {"no such version: \"" + directory + "\": " + strerror(errno),
+                OpenFailure::unavailable};
     return nullptr;
   }
   if (demand == Demand::wholeTable) {
     const Descriptor file(openQuietly(path + ".dir", fileFlags));
     if (file.get() < 0) return failByErrno(path + ".dir");
     const std::string why = whyNotDirectoryFile(file.get());
-    if (!why.empty()) return fail(path + ".dir", why, true);
+    if (!why.empty()) return fail(path + ".dir", why, OpenFailure::damaged);
   }
   const std::string pages = path + ".pag";
   Descriptor fd(openQuietly(pages, fileFlags));
   struct stat status {};
   PageHead head{};
   if (fd.get() < 0 || fstat(fd.get(), &status) != 0) return failByErrno(pages);
-  if (!S_ISREG(status.st_mode)) return fail(pages, "not a file", true);
+  if (!S_ISREG(status.st_mode)) return fail(pages, "not a file", OpenFailure::damaged);
   if (demand == Demand::wholeTable && flock(fd.get(), LOCK_SH | LOCK_NB) != 0) {
-    return fail(pages, errno == EWOULDBLOCK ? holderOf(status) : strerror(errno), false);
+    if (errno == EWOULDBLOCK) return fail(pages, holderOf(status), OpenFailure::inUse);
+    return fail(pages, strerror(errno), OpenFailure::unavailable);
   }
   if (pread(fd.get(), &head, sizeof head, 0) < 0) return failByErrno(pages);
   constexpr int flags = GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR;
   GDBM_FILE file = gdbm_fd_open(fd.release(), pages.c_str(), 0, flags, nullptr);
-  if (file == nullptr) return fail(pages, whyNotOpened(head), true);
+  if (file == nullptr) return fail(pages, whyNotOpened(head), OpenFailure::damaged);
   auto state = std::make_unique<State>(file);
   constexpr uint64_t bytesPerRecord = 24;  // at least: its place in a bucket
   state->mostRecords = static_cast<uint64_t>(status.st_size) / bytesPerRecord;
@@ -243,16 +247,21 @@ TableReaders openTables(const std::string &directory, OpenFailures *failures) {
   return tables;
 }
 
-std::optional<TableReaders> openAllTables(const std::string &directory) {
+TableReaders openAllTables(const std::string &directory) {
   OpenFailures failures;
   TableReaders tables = openTables(directory, &failures);
-  bool all = true;
+  std::vector<const OpenFailure *> different;
   for (size_t table = 0; table < tableCount; ++table) {
+    const OpenFailure &failure = failures[table];
     if (tables[table] != nullptr) continue;
-    const bool said = table > 0 && failures[table].reason == failures[table - 1].reason;
-    if (!said) fprintf(stderr, "objdb: %s\n", failures[table].reason.c_str());
-    all = false;
+    if (failure.kind == OpenFailure::inUse) throw failure.asFailure();
+    if (different.empty() || different.back()->reason != failure.reason) {
+      different.push_back(&failure);
+    }
   }
-  if (!all) return std::nullopt;
-  return tables;
+  if (different.empty()) return tables;
+  for (const OpenFailure *failure : different) {
+    if (failure != different.back()) fprintf(stderr, "objdb: %s\n", failure->reason.c_str());
+  }
+  throw different.back()->asFailure();
 }

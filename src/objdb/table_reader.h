@@ -13,13 +13,24 @@
 #include <string>
 #include <string_view>
 
+#include "objdb/command.h"
 #include "objdb/progress.h"
 #include "objdb/record_lines.h"
 
 // Why a table could not be opened, in words.
 struct OpenFailure {
+  enum Kind {
+    damaged,      // the table
+    unavailable,  // there is no such version, or it cannot be had
+    inUse,        // by another process
+  };
+
   std::string reason;
-  bool isDamage = false;  // of the table; else there is no such version, or it cannot be had now
+  Kind kind = unavailable;
+
+  CommandFailure asFailure() const {
+    return CommandFailure(reason, kind == inUse ? objdbInUse : objdbFailed);
+  }
 };
 
 class TableReader {
@@ -68,6 +79,6 @@ using TableReaders = std::array<std::unique_ptr<TableReader>, tableCount>;
 using OpenFailures = std::array<OpenFailure, tableCount>;
 TableReaders openTables(const std::string &directory, OpenFailures *failures);
 
-// The same for commands that need all of them: nothing, with the reasons on standard error, when
-// one cannot be opened.
-std::optional<TableReaders> openAllTables(const std::string &directory);
+// The same for commands that need all of them: throws CommandFailure when one cannot be opened, the
+// reasons of further ones on standard error before that.
+TableReaders openAllTables(const std::string &directory);
