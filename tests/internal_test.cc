@@ -84,6 +84,18 @@ TEST_F(Caches, TheNewestObjectIsTheOneLastFound) {
   ObjValCache->insert(object);
   destroyCachedObject(object);
   EXPECT_THAT(recency(), ElementsAre(2, 3, 1));
+
+  // An entry that its maker has put together of pieces is the table's like any other.
+  auto *made = static_cast<ObjCacheEntry *>(calloc(1, sizeof(ObjCacheEntry)));
+  made->objectId = static_cast<uint32_t *>(calloc(1, sizeof(uint32_t)));
+  *made->objectId = 8;
+  made->values = new FieldValList(&CachedValue::inObject);
+  ObjValCache->insert(made);
+  add(8, 22, 0);
+  EXPECT_THAT(recency(), ElementsAre(8, 2, 3, 1));
+  CachedValue stranger{};
+  made->values->remove(&stranger);  // is in no list: nothing happens
+  EXPECT_THAT(fieldsOf(8), ElementsAre(22));
 }
 
 TEST_F(Caches, AnObjectsValuesAscendAndSecondValuesGoToTheEnd) {
@@ -150,8 +162,10 @@ TEST_F(Caches, FieldsAreFoundByNameAndId) {
   loadCaches();
   EXPECT_EQ(fieldNameToId("isQRT Session"), 20u);
   EXPECT_EQ(NQwError(), 0);
-  EXPECT_EQ(fieldNameToId("isqrt session"), 0u);
-  EXPECT_EQ(NQwError(), NQw_FIELD_NOT_FOUND);
+  for (const char *name : {"isqrt session", static_cast<const char *>(nullptr)}) {
+    EXPECT_EQ(fieldNameToId(name), 0u);
+    EXPECT_EQ(NQwError(), NQw_FIELD_NOT_FOUND);
+  }
   EXPECT_FALSE(exists("/usr/NQ/log/nqw.trace"));
   EXPECT_STREQ(getCachedFieldInfo(22)->name, "Speed");
   EXPECT_EQ(getCachedFieldInfo(9), nullptr);
@@ -176,7 +190,9 @@ TEST_F(Caches, ValuesMatchByTypeFirst) {
   NQwFieldValue same = value(0, String, {.string = sameA}), null = value(0, String, {});
   EXPECT_TRUE(fieldValuesMatch(&values[3], &same));
   EXPECT_FALSE(fieldValuesMatch(&null, &null) || fieldValuesMatch(&values[3], &null));
-  NQwFieldValue unknown = value(0, 9, {1});
+  NQwFieldValue unknown = value(0, 9, {1}), unknownList = value(1, 9, {});
+  EXPECT_FALSE(fieldValuesMatch(&unknownList, &unknownList));
+  EXPECT_FALSE(exists("/usr/NQ/log/nqw.trace")) << "only single values are traced";
   EXPECT_FALSE(fieldValuesMatch(&unknown, &unknown));
   EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"), HasSubstr("NQW_FIELD_INVALID_TYPE."));
 }

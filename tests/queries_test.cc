@@ -273,7 +273,9 @@ Answers askEverything(const Model &model, ObjectDatabase *db) {
   // Before the searches, which sort the lists that they compare.
   for (const auto &[id, values] : model) {
     answers.byName[id] = nameToObjectId(10, ("object " + std::to_string(id)).c_str());
+    _NQwError = NQw_OBJECT_NOT_FOUND;
     EXPECT_EQ(ensureObjectCached(db, id), 1) << id;
+    EXPECT_EQ(NQwError(), NQw_NO_ERROR);
     NQwFieldBindList *bindings = getFieldValues(id);
     for (int32_t i = 0; i < bindings->count; ++i) {
       const dbObjectValue record{id, bindings->bindings[i].fieldId, bindings->bindings[i].value};
@@ -293,6 +295,7 @@ Answers askEverything(const Model &model, ObjectDatabase *db) {
     Bindings three(randomWish(model, 3, random));
     answers.byBindings.push_back(ordered(take(listObjects(three.list()))));
   }
+  EXPECT_EQ(nameToObjectId(10, nullptr), 0u);
   EXPECT_EQ(nameToObjectId(10, "object 0"), 0u);
   EXPECT_EQ(NQwError(), NQw_OBJECT_NOT_FOUND);
   return answers;

@@ -70,7 +70,15 @@ struct CachedObject {
 };
 
 void freeCachedObject(ObjCacheEntry *entry) {
-  delete reinterpret_cast<CachedObject *>(entry);
+  auto *object = reinterpret_cast<CachedObject *>(entry);
+  if (entry->values == &object->values) {
+    delete object;
+    return;
+  }
+  // Made elsewhere, in pieces.
+  delete entry->values;
+  free(entry->objectId);
+  free(entry);
 }
 
 }  // namespace

@@ -65,9 +65,11 @@ class FieldTable : public _Hash {
   void remove(uint32_t fieldId);                  // the entry stays the caller's
 };
 
+// Made in one piece with its id and its list by newCachedObject, or elsewhere of three: entry and id
+// from malloc, the list by new.
 struct ObjCacheEntry {
-  uint32_t *objectId;    // part of the entry's own storage; values and name indexes point at it
-  FieldValList *values;  // likewise; owned with its values
+  uint32_t *objectId;    // owned; values and name indexes point at it
+  FieldValList *values;  // owned with its values
   ObjCacheEntry *next;   // toward the newer end of the recency order
   ObjCacheEntry *prev;   // toward the older end
 };

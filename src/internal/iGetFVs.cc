@@ -19,7 +19,7 @@ NQwFieldBindList *getFieldValues(uint32_t objectId) {
   for (FieldValIter item(object->values); item() != nullptr; item++) {
     const NQwFieldBinding binding{item()->field->fieldId, item()->value};
     appendFieldBinding(list, &binding);
-    if (list->bindings[list->count - 1].value == nullptr) nqwDbOutOfMemory();
+    if (list->bindings[list->count - 1].value == nullptr) failForWantOfMemory();
   }
   _NQwError = NQw_NO_ERROR;
   return list;

@@ -6,7 +6,7 @@
 #include "store/shared_database.h"
 
 uint32_t nameToObjectId(uint32_t fieldId, const char *name) {
-  if (cache_overflow == 0) return lookupNameInIndex(fieldId, name);
+  if (cache_overflow == 0 || name == nullptr) return lookupNameInIndex(fieldId, name);
   ObjectDatabase *db = nqwDbGetDb(0);
   if (db == nullptr) {
     logDatabaseNotOpen();

@@ -19,7 +19,7 @@ constexpr float growthFactor = 0.333f;
 
 template <typename Copy>
 Copy *copiedOrEnd(Copy *copy) {
-  if (copy == nullptr) nqwDbOutOfMemory();
+  if (copy == nullptr) failForWantOfMemory();
   return copy;
 }
 

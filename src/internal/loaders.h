@@ -1,7 +1,7 @@
 // Filling the caches from the tables, and the one way by which a value enters them.
 //
 // Loaders take an open database and return 1. A record that cannot be read is passed over and
-// counted; an exhausted memory ends the process (nqwDbOutOfMemory).
+// counted; memory that is exhausted ends in failForWantOfMemory.
 #pragma once
 
 #include <cstdint>

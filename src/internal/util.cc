@@ -54,7 +54,7 @@ void loadValue(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId) {
   NQwFieldValue *stored = getObjectFieldValue(db, objectId, fieldId);
   if (stored == nullptr) return;
   NQwFieldValue *copy = _NQwDbCopyFieldValue(stored);
-  if (copy == nullptr) nqwDbOutOfMemory();
+  if (copy == nullptr) failForWantOfMemory();
   enterOrRelease(objectId, fieldId, copy);
   freeFieldValue(stored);
 }
@@ -91,7 +91,7 @@ NQwFieldInfo *getCachedFieldInfo(uint32_t fieldId) {
 }
 
 int fieldValuesMatch(NQwFieldValue *cached, NQwFieldValue *query) {
-  if (cached->type < Integer || cached->type > Enumeration) {
+  if (cached->isList == 0 && (cached->type < Integer || cached->type > Enumeration)) {
     traceMessage("NQW_FIELD_INVALID_TYPE.");
     return 0;
   }
@@ -104,10 +104,11 @@ int fieldValuesMatch(NQwFieldValue *cached, NQwFieldValue *query) {
 }
 
 int listContains(NQwFieldValue *cached, NQwFieldValue *query) {
+  if (cached->type != query->type) return 0;
+  if (cached->type != Integer && cached->type != String) return 0;
   ValueList *have = cached->value.list;
   ValueList *want = query->value.list;
-  if (cached->type != query->type || want->count > have->count) return 0;
-  if (cached->type != Integer && cached->type != String) return 0;
+  if (want->count > have->count) return 0;
   const bool strings = cached->type == String;
   const CompareEntries compare = strings ? compareStrings : compareNumbers;
   sortEntries(have, compare);
@@ -126,8 +127,11 @@ int listContains(NQwFieldValue *cached, NQwFieldValue *query) {
 }
 
 int ensureObjectCached(ObjectDatabase *db, uint32_t objectId) {
-  if (cache_overflow == 0 || ObjValCache->find(objectId) != nullptr) return 1;
-  return cacheObjectFromTables(db, objectId);
+  if (cache_overflow != 0 && ObjValCache->find(objectId) == nullptr) {
+    return cacheObjectFromTables(db, objectId);
+  }
+  _NQwError = NQw_NO_ERROR;
+  return 1;
 }
 
 int cacheObjectFromTables(ObjectDatabase *db, uint32_t objectId) {
@@ -161,5 +165,6 @@ int loadObjectFromTables(ObjectDatabase *db, uint32_t objectId) {
       loadValue(db, objectId, info->fieldId);
     }
   }
+  _NQwError = NQw_NO_ERROR;
   return 1;
 }

@@ -38,11 +38,15 @@ void _List::insert(const void *element, const void *after, int front) {
 
 void _List::remove(const void *element) {
   _ListNode *node = nodeOf(element);
-  if (node == nullptr) return;
+  if (node == nullptr || (node->prev == nullptr && first_ != node)) return;
   (node->prev == nullptr ? first_ : node->prev->next) = node->next;
   (node->next == nullptr ? last_ : node->next->prev) = node->prev;
   --size_;
-  if (nodeOffset_ == ownNodes) delete static_cast<_ElementNode *>(node);
+  if (nodeOffset_ == ownNodes) {
+    delete static_cast<_ElementNode *>(node);
+  } else {
+    *node = {};
+  }
 }
 
 _ListNode *_List::newNode(const void *element) {

@@ -10,7 +10,8 @@ struct _ListNode {
 
 // Elements are pointers and are told apart by their address. A plain list allocates a node for each
 // element and searches for it on removal. A derived class whose elements carry their own nodes says
-// where in them the node lies, and then no operation depends on the list's length.
+// where in them the node lies, and then no operation depends on the list's length. Such a node must
+// be null while its element is in no list, and removal leaves it so.
 class _List {
  public:
   _List() = default;

@@ -20,6 +20,6 @@ void failForWantOfMemory() {
 
 void *allocateOrEnd(size_t size) {
   void *storage = calloc(1, size);
-  if (storage == nullptr) nqwDbOutOfMemory();
+  if (storage == nullptr) failForWantOfMemory();
   return storage;
 }

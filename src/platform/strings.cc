@@ -43,13 +43,14 @@ int strcoll_new(const char *a, const char *b) {
 }
 
 uint32_t _NQhash(const char *text) {
+  if (text == nullptr) text = "";
   uint32_t hash = 2166136261u;
   for (; *text != '\0'; ++text) hash = (hash ^ static_cast<unsigned char>(*text)) * 16777619u;
   return hash;
 }
 
 uint32_t collationHash(const char *text) {
-  if (collatesByBytes()) return _NQhash(text);
+  if (text == nullptr || collatesByBytes()) return _NQhash(text);
   std::string key(strxfrm(nullptr, text, 0) + 1, '\0');
   strxfrm(key.data(), text, key.size());
   return _NQhash(key.c_str());

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// None of these takes a null pointer for granted: null sorts before every string, has length 0 and
-// copies as the empty string.
+// All of these take null pointers: null sorts before every string, has length 0, and copies and
+// hashes as the empty string.
 size_t strlen_new(const char *text);
 char *strcpy_new(char *to, const char *from);                // to has room for strlen_new(from) + 1
 int strcmp_new(const char *a, const char *b);                // by bytes
