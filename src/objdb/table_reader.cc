@@ -4,7 +4,6 @@
 #include <gdbm.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,28 +13,11 @@
 #include <vector>
 
 #include "platform/files.h"
+#include "platform/table_lock.h"
 
 namespace {
 
 constexpr int fileFlags = O_NOFOLLOW | O_NONBLOCK;  // whatever stands there, it does not wait
-
-// Who has locked a file, as far as the kernel tells.
-std::string holderOf(const struct stat &file) {
-  char wanted[64];
-  snprintf(wanted, sizeof wanted, "%02x:%02x:%llu", major(file.st_dev), minor(file.st_dev),
-           static_cast<unsigned long long>(file.st_ino));
-  const std::unique_ptr<FILE, int (*)(FILE *)> locks(fopen("/proc/locks", "re"), fclose);
-  char line[256];
-  while (locks != nullptr && fgets(line, sizeof line, locks.get()) != nullptr) {
-    long holder = 0;
-    char place[64];
-    if (sscanf(line, "%*s FLOCK %*s %*s %ld %63s", &holder, place) == 2 && holder > 0 &&
-        strcmp(place, wanted) == 0) {
-      return "held by process " + std::to_string(holder);
-    }
-  }
-  return "held by another process";
-}
 
 // The words at the head of a .pag file that say which library can read it.
 struct PageHead {
@@ -187,7 +169,8 @@ std::unique_ptr<TableReader> TableReader::open(const std::string &directory, con
   if (fd.get() < 0 || fstat(fd.get(), &status) != 0) return failByErrno(pages);
   if (!S_ISREG(status.st_mode)) return fail(pages, "not a file", OpenFailure::damaged);
   if (demand == Demand::wholeTable && flock(fd.get(), LOCK_SH | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK) return fail(pages, holderOf(status), OpenFailure::inUse);
+    if (errno == EWOULDBLOCK)
+      return fail(pages, "held by " + lockHolder(status), OpenFailure::inUse);
     return fail(pages, strerror(errno), OpenFailure::unavailable);
   }
   if (pread(fd.get(), &head, sizeof head, 0) < 0) return failByErrno(pages);

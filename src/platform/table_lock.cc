@@ -2,11 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -39,17 +42,59 @@ bool fail(int fd, int error) {
   return false;
 }
 
+// Anybody may put a FIFO in the place of a table, which a plain open would wait for.
+constexpr int openFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+
+using File = std::unique_ptr<FILE, int (*)(FILE *)>;
+
+// The name of a process, as it gave it itself; without what a terminal would take for an order.
+std::string processName(long process) {
+  const File comm(fopen(("/proc/" + std::to_string(process) + "/comm").c_str(), "re"), fclose);
+  char name[64];
+  if (comm == nullptr || fgets(name, sizeof name, comm.get()) == nullptr) return "";
+  name[strcspn(name, "\n")] = '\0';
+  for (char *each = name; *each != '\0'; ++each) {
+    if (*each < ' ' || *each > '~') *each = '?';
+  }
+  return name;
+}
+
 }  // namespace
+
+std::string lockHolder(const struct stat &file) {
+  char wanted[64];
+  snprintf(wanted, sizeof wanted, "%02x:%02x:%llu", major(file.st_dev), minor(file.st_dev),
+           static_cast<unsigned long long>(file.st_ino));
+  const File locks(fopen("/proc/locks", "re"), fclose);
+  char line[256];
+  while (locks != nullptr && fgets(line, sizeof line, locks.get()) != nullptr) {
+    long holder = 0;
+    char place[64];
+    if (sscanf(line, "%*s FLOCK %*s %*s %ld %63s", &holder, place) != 2 || holder <= 0 ||
+        strcmp(place, wanted) != 0) {
+      continue;
+    }
+    const std::string name = processName(holder);
+    return "process " + std::to_string(holder) + (name.empty() ? "" : " (" + name + ")");
+  }
+  return "another process";
+}
+
+std::string lockHolder(const std::string &path) {
+  struct stat file {};
+  return stat(path.c_str(), &file) == 0 ? lockHolder(file) : "another process";
+}
 
 bool TableLock::acquire(const char *path, int fd) {
   if (held_) return true;
   struct stat opened {};
   if (fstat(fd, &opened) != 0) return false;
+  if (!S_ISREG(opened.st_mode)) return fail(-1, ESTALE);
   auto held = findHeld(opened.st_dev, opened.st_ino);
   if (held != registry.files.end()) {
     ++held->handles;
   } else {
-    const int own = open(path, O_RDONLY | O_CLOEXEC);
+    const int own = open(path, openFlags);
     if (own < 0) return false;
     struct stat named {};
     if (fstat(own, &named) != 0) return fail(own, errno);
@@ -64,11 +109,11 @@ bool TableLock::acquire(const char *path, int fd) {
 }
 
 bool TableLock::acquire(const char *path) {
-  return acquireOpened(path, open(path, O_RDONLY | O_CLOEXEC));
+  return acquireOpened(path, open(path, openFlags));
 }
 
 bool TableLock::acquireOrMake(const char *path, mode_t mode) {
-  return acquireOpened(path, open(path, O_RDONLY | O_CREAT | O_CLOEXEC, mode));
+  return acquireOpened(path, open(path, openFlags | O_CREAT, mode));
 }
 
 bool TableLock::acquireOpened(const char *path, int fd) {

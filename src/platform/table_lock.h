@@ -5,7 +5,15 @@
 // for each file (device and inode), with a count of the handles that share it.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
+
+#include <string>
+
+// Who holds a lock on the file, in words: "process 4711 (nqwdb)", or "another process" where the
+// kernel does not tell.
+std::string lockHolder(const struct stat &file);
+std::string lockHolder(const std::string &path);
 
 class TableLock {
  public:
@@ -14,9 +22,9 @@ class TableLock {
   TableLock(const TableLock &) = delete;
   TableLock &operator=(const TableLock &) = delete;
 
-  // Locks the file that `path` names, which must be the one open as `fd`, without waiting. False
-  // when another process holds it or the file at the path is not that one; errno says why.
-  // Locking again what is already held succeeds.
+  // Locks the file that `path` names, which must be the one open as `fd`, without waiting. False,
+  // and errno says why: EWOULDBLOCK when another process holds it, ESTALE when the file at the path
+  // is not that one or no regular file. Locking again what is already held succeeds.
   bool acquire(const char *path, int fd);
   bool acquire(const char *path);                     // for a file that is not open
   bool acquireOrMake(const char *path, mode_t mode);  // and may not be there

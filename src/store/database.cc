@@ -106,6 +106,7 @@ bool lockFiles(const char *directory, FileLocks *locks) {
     const int length = snprintf(path, sizeof path, "%s/%s.pag", directory, lockedTables[i]);
     if (length < static_cast<int>(sizeof path) && !(*locks)[i].acquireOrMake(path, tableMode) &&
         errno == EWOULDBLOCK) {
+      logMessage(severityError, "Table \"%s\" is locked by %s.", path, lockHolder(path).c_str());
       return false;
     }
   }

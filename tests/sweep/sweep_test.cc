@@ -183,6 +183,9 @@ TEST_F(Sweep, RefusesADatabaseThatItCannotOpen) {
     EXPECT_EQ(held.status, 0);
     EXPECT_EQ(held.err, refusal) << "held by another process: " << arguments;
   }
+  EXPECT_THAT(
+      readFile("/usr/NQ/log/nqw.log"),
+      testing::ContainsRegex("Table \"" + page + "\" is locked by process [0-9]+ \\(flock\\)"));
   EXPECT_EQ(filesOf(rewrittenTables), tables);
 
   writeFile(page, std::string(50000, 'x'));
