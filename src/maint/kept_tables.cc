@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "maint/run.h"
@@ -17,6 +18,7 @@ namespace {
 
 bool kept = false;
 Version keptVersion;
+std::unique_ptr<WorkDirectory> keptDirectory;
 
 std::string databaseDirectory() {
   const char *path = dbPath("", nullptr);
@@ -66,7 +68,11 @@ class SignalsHeld {
 bool hasRoom(const std::string &database, std::string *error) {
   uint64_t needed = 0;
   uint64_t available = 0;
-  if (!bytesForRewrite(database, &needed, error)) return false;
+  uint64_t rebuilt = 0;
+  if (!bytesToKeep(database, {}, &needed, error) || !bytesToRebuild(database, &rebuilt, error)) {
+    return false;
+  }
+  needed += rebuilt;
   if (freeBytes(database, &available) != 0) {
     *error = strerror(errno);
     return false;
@@ -81,11 +87,17 @@ void makeCopy() {
   std::string error;
   const SignalsHeld held;
   removeLeftovers(database);
-  if (!hasRoom(database, &error) || !makeVersion(database, true, &keptVersion, &error)) {
+  VersionContent content;
+  content.unfinished = true;
+  if (hasRoom(database, &error)) {
+    keptDirectory = keepCurrent(database, content, &keptVersion, &error);
+  }
+  if (keptDirectory == nullptr) {
     endUnkept(keptVersion.directory.empty() ? database : keptVersion.directory, error);
   }
   if (held.interrupted()) {
-    removeVersion(database, keptVersion, &error);
+    keptDirectory->retract(&error);
+    keptDirectory.reset();
     return;  // to the signal that ends the run
   }
   kept = true;
@@ -121,7 +133,8 @@ void settleKeptTables(const RewriteOutcome &outcome) {
   if (!kept) return;
   std::string error;
   if (outcome.unread == 0 && outcome.unwritten == 0 && outcome.synced &&
-      removeVersion(databaseDirectory(), keptVersion, &error)) {
+      keptDirectory->retract(&error)) {
+    keptDirectory.reset();
     return;
   }
   finishVersion(keptVersion, &error);

@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "objdb/decoded_record.h"
-#include "records/codecs.h"
 
 namespace {
 
@@ -354,15 +353,6 @@ uint64_t hashBytes(uint64_t hash, std::string_view bytes) {
 }
 
 }  // namespace
-
-const std::array<TableFormat, tableCount> tableFormats{{
-    {"id_keeper", decodeDbKey, encodeDbKey},
-    {"field_info", decodeDbFieldInfo, encodeDbFieldInfo},
-    {"obj_info", decodeDbObject, encodeDbObject},
-    {"value_info", decodeDbObjectValue, encodeDbObjectValue},
-    {"name_info", decodeDbObject, encodeDbObject},
-    {"enum_info", decodeDbEnumConstants, encodeDbEnumConstants},
-}};
 
 std::string keyOf(std::initializer_list<uint32_t> words) {
   std::string key;

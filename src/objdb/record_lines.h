@@ -21,20 +21,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/dbm_table.h"
+#include "store/tables.h"
 
 using Json = nlohmann::ordered_json;
-
-struct TableFormat {
-  const char *name;
-  DbmDecoder decode;
-  DbmEncoder encode;
-};
-
-// The six tables in the order in which they are dumped.
-constexpr size_t tableCount = 6;
-enum Table : size_t { idKeeper, fieldInfo, objInfo, valueInfo, nameInfo, enumInfo };
-extern const std::array<TableFormat, tableCount> tableFormats;
 
 struct StoredRecord {
   size_t table;  // index into tableFormats

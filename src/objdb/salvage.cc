@@ -201,8 +201,11 @@ class Salvage {
   // A copy of the file as the library recovers it; null when it cannot.
   static std::unique_ptr<TableReader> openRecovered(const std::string &pages,
                                                     const std::string &directory) {
-    const std::string copy = directory + "/" + recoveryName + ".pag";
-    if (copyFileSynced(pages, copy) != 0) return nullptr;
+    const std::string name = std::string(recoveryName) + pageSuffix;
+    const std::string copy = pathIn(directory, name);
+    const Descriptor source(openRegular(pages, O_RDONLY));
+    const Descriptor target(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!source.isOpen() || copyFileSynced(source.get(), target.get(), name) != 0) return nullptr;
     constexpr int flags = GDBM_WRITER | GDBM_NOLOCK | GDBM_CLOEXEC;
     GDBM_FILE file = gdbm_open(copy.c_str(), 0, flags, 0, nullptr);
     if (file == nullptr) return nullptr;

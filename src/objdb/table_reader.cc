@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/descriptor.h"
 #include "platform/files.h"
 #include "platform/table_lock.h"
 
@@ -84,22 +85,6 @@ bool countAfresh(int fd, gdbm_count_t *records) {
   gdbm_close(file);
   return counted;
 }
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Descriptor(const Descriptor &) = delete;
-  Descriptor &operator=(const Descriptor &) = delete;
-
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-
- private:
-  int fd_;
-};
 
 class Datum {
  public:

@@ -13,30 +13,9 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/descriptor.h"
+
 namespace {
-
-// Closes on every way out; a close whose result matters is made by hand.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    const int saved = errno;
-    if (fd_ >= 0) ::close(fd_);
-    errno = saved;
-  }
-  Descriptor(const Descriptor &) = delete;
-  Descriptor &operator=(const Descriptor &) = delete;
-
-  int get() const { return fd_; }
-  int close() {
-    const int fd = fd_;
-    fd_ = -1;
-    return ::close(fd);
-  }
-
- private:
-  int fd_;
-};
 
 int copyBytes(int from, int to) {
   std::array<char, size_t{256} * 1024> buffer;
@@ -60,31 +39,53 @@ int openQuietly(const std::string &path, int flags) {
   return fd < 0 && errno == EPERM ? open(path.c_str(), flags) : fd;
 }
 
-int copyFileSynced(const std::string &from, const std::string &to) {
-  const Descriptor source(openQuietly(from, 0));
-  struct stat status {};
-  if (source.get() < 0 || fstat(source.get(), &status) != 0) return -1;
-  Descriptor target(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (target.get() < 0) return -1;
-  if (ioctl(target.get(), FICLONE, source.get()) != 0 &&
-      copyBytes(source.get(), target.get()) != 0) {
-    return -1;
+int openRegular(const std::string &path, int flags, mode_t mode) {
+  const bool makes = (flags & O_CREAT) != 0;
+  flags = (flags & ~O_CREAT) | O_NONBLOCK | O_CLOEXEC;
+  const auto openAs = [&](int more) {
+    const bool onlyReads = (flags & O_ACCMODE) == O_RDONLY;
+    const int fd = open(path.c_str(), flags | more | (onlyReads ? O_NOATIME : 0), mode);
+    return fd < 0 && errno == EPERM ? open(path.c_str(), flags | more, mode) : fd;
+  };
+  Descriptor file(openAs(O_NOFOLLOW));
+  if (!file.isOpen() && errno == ENOENT && makes) {
+    file = Descriptor(openAs(O_NOFOLLOW | O_CREAT | O_EXCL));
+  } else if (!file.isOpen() && errno == ELOOP) {
+    struct stat link {};
+    const bool trusted = lstat(path.c_str(), &link) == 0 && link.st_uid == 0;
+    if (trusted) file = Descriptor(openAs(0));
+    if (!file.isOpen()) errno = ELOOP;
   }
-  // The owner may be beyond our reach; what the file says is not.
+  struct stat status {};
+  if (!file.isOpen() || fstat(file.get(), &status) != 0) return -1;
+  if (S_ISREG(status.st_mode)) return file.release();
+  errno = EINVAL;
+  return -1;
+}
+
+int copyFileSynced(int from, int directory, const std::string &name) {
+  struct stat status {};
+  if (fstat(from, &status) != 0 || lseek(from, 0, SEEK_SET) != 0) return -1;
+  Descriptor target(
+      openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!target.isOpen()) return -1;
+  if (ioctl(target.get(), FICLONE, from) != 0 && copyBytes(from, target.get()) != 0) return -1;
+  // Setting the owner may fail without the right to do so; the copy is good all the same.
   [[maybe_unused]] const int owned = fchown(target.get(), status.st_uid, status.st_gid);
   if (fchmod(target.get(), status.st_mode & 07777) != 0 || fsync(target.get()) != 0) return -1;
   return target.close();
 }
 
-int makeMarker(const std::string &path) {
-  Descriptor marker(open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (marker.get() < 0 || fsync(marker.get()) != 0) return -1;
+int makeMarker(int directory, const std::string &name) {
+  Descriptor marker(openat(directory, name.c_str(),
+                           O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+  if (!marker.isOpen() || fsync(marker.get()) != 0) return -1;
   return marker.close();
 }
 
 int syncDirectory(const std::string &directory) {
   const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return opened.get() < 0 ? -1 : fsync(opened.get());
+  return opened.isOpen() ? fsync(opened.get()) : -1;
 }
 
 int freeBytes(const std::string &directory, uint64_t *bytes) {
@@ -94,12 +95,18 @@ int freeBytes(const std::string &directory, uint64_t *bytes) {
   return 0;
 }
 
-int removeDirectory(const std::string &directory) {
-  const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory.c_str()), closedir);
-  if (entries == nullptr) return errno == ENOENT ? 0 : -1;
+int removeFiles(int directory) {
+  // A descriptor of its own, since closedir closes it.
+  Descriptor own(openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!own.isOpen()) return -1;
+  const std::unique_ptr<DIR, int (*)(DIR *)> entries(fdopendir(own.get()), closedir);
+  if (entries == nullptr) return -1;
+  own.release();
+  errno = 0;
   while (const dirent *entry = readdir(entries.get())) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    if (unlinkat(dirfd(entries.get()), entry->d_name, 0) != 0) return -1;
+    if (unlinkat(directory, entry->d_name, 0) != 0) return -1;
+    errno = 0;
   }
-  return rmdir(directory.c_str());
+  return errno == 0 ? 0 : -1;
 }

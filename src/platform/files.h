@@ -1,21 +1,29 @@
-// Files and directories that have to be on the disk, whatever happens next. Functions that can fail
-// return 0 (or what they say), or -1 with errno.
+// Files and directories that have to be on the disk, whatever happens next, in directories that
+// other users may write to. Functions that can fail return 0 (or what they say), or -1 with errno.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <string>
 
-// Opens a file or directory for reading, with those flags, so that no access time is left, which
-// its owner alone may ask for. The descriptor.
+// Opens for reading, with these extra flags, without touching the access time if we own the file.
+// Returns the descriptor.
 int openQuietly(const std::string &path, int flags);
 
-// Copies a file to a new one with the same mode and owner, shared on disk where the file system can
-// (reflink), and waits until the copy is on the disk. The target must not exist; it is never a link
-// that is followed.
-int copyFileSynced(const std::string &from, const std::string &to);
+// Opens a regular file and nothing else, without waiting. A symbolic link is followed only if the
+// super-user owns it, and never to a file that is not there: with O_CREAT in the flags a missing
+// file is made where its name says, with the mode. Anything else fails with EINVAL, or with ELOOP
+// for a link. Returns the descriptor.
+int openRegular(const std::string &path, int flags, mode_t mode = 0);
 
-// Makes an empty file that is on the disk.
-int makeMarker(const std::string &path);
+// Copies an open file into a new one, NAME in the directory open as `directory`, with the same mode
+// and owner; shared on disk where the file system can (reflink). Waits until the copy is on the
+// disk.
+int copyFileSynced(int from, int directory, const std::string &name);
+
+// Makes an empty file NAME in an open directory, and waits until it is on the disk.
+int makeMarker(int directory, const std::string &name);
 
 // Waits until the directory's entries are on the disk.
 int syncDirectory(const std::string &directory);
@@ -23,5 +31,5 @@ int syncDirectory(const std::string &directory);
 // Bytes that a new file may take on the directory's file system, for anybody but the super-user.
 int freeBytes(const std::string &directory, uint64_t *bytes);
 
-// Removes a directory and the files in it, but no directories below it. An absent one is a success.
-int removeDirectory(const std::string &directory);
+// Removes the files of an open directory, but no directories below it.
+int removeFiles(int directory);

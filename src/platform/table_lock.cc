@@ -12,6 +12,8 @@
 #include <memory>
 #include <vector>
 
+#include "platform/files.h"
+
 namespace {
 
 struct HeldFile {
@@ -41,9 +43,6 @@ bool fail(int fd, int error) {
   errno = error;
   return false;
 }
-
-// Anybody may put a FIFO in the place of a table, which a plain open would wait for.
-constexpr int openFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
 
 using File = std::unique_ptr<FILE, int (*)(FILE *)>;
 
@@ -94,7 +93,7 @@ bool TableLock::acquire(const char *path, int fd) {
   if (held != registry.files.end()) {
     ++held->handles;
   } else {
-    const int own = open(path, openFlags);
+    const int own = openRegular(path, O_RDONLY);
     if (own < 0) return false;
     struct stat named {};
     if (fstat(own, &named) != 0) return fail(own, errno);
@@ -109,11 +108,11 @@ bool TableLock::acquire(const char *path, int fd) {
 }
 
 bool TableLock::acquire(const char *path) {
-  return acquireOpened(path, open(path, openFlags));
+  return acquireOpened(path, openRegular(path, O_RDONLY));
 }
 
 bool TableLock::acquireOrMake(const char *path, mode_t mode) {
-  return acquireOpened(path, open(path, openFlags | O_CREAT, mode));
+  return acquireOpened(path, openRegular(path, O_RDONLY | O_CREAT, mode));
 }
 
 bool TableLock::acquireOpened(const char *path, int fd) {

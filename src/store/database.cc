@@ -7,13 +7,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "platform/field_values.h"
 #include "platform/table_lock.h"
-#include "records/codecs.h"
 #include "store/directory.h"
 #include "store/error_report.h"
 #include "store/id_keeper.h"
+#include "store/tables.h"
 
 uint32_t ndbm_buffersize = 0xC30000;
 
@@ -36,17 +37,17 @@ constexpr uint32_t noBound = 0xFFFFFFFF;  // of a buffer size and of a record co
 
 constexpr mode_t tableMode = 0777;
 
-constexpr NQ_dbm_db *ObjectDatabase::*allTables[] = {
+// In the order of the tables.
+constexpr NQ_dbm_db *ObjectDatabase::*tableHandles[tableCount] = {
     &ObjectDatabase::idKeeperDb,  &ObjectDatabase::fieldInfoDb, &ObjectDatabase::objInfoDb,
     &ObjectDatabase::valueInfoDb, &ObjectDatabase::nameInfoDb,  &ObjectDatabase::enumInfoDb};
 
 // False, and errno says why, when the file is missing, cannot be looked at, or would need a longer
 // path.
-bool statPage(const char *directory, const char *table, struct stat *status) {
-  char path[databasePathSize];
+bool statPage(const char *directory, size_t table, struct stat *status) {
+  const std::string path = tablePath(directory, table, pageSuffix);
   errno = ENAMETOOLONG;
-  const int length = snprintf(path, sizeof path, "%s/%s.pag", directory, table);
-  return length < static_cast<int>(sizeof path) && stat(path, status) == 0;
+  return path.size() < databasePathSize && stat(path.c_str(), status) == 0;
 }
 
 bool failStat() {
@@ -56,39 +57,33 @@ bool failStat() {
 
 // Opens a table that is seeded when it is new. Whether it is has to be known from before the open:
 // an open table is never 0 bytes long.
-bool openSeeded(ObjectDatabase *db, NQ_dbm_db *ObjectDatabase::*table, const char *directory,
-                const char *name, int flags, DbmDecoder decode, DbmEncoder encode,
+bool openSeeded(ObjectDatabase *db, size_t which, const char *directory, int flags,
                 int (*seed)(ObjectDatabase *)) {
+  const auto &[name, decode, encode, isLocked, isRebuilt] = tableFormats[which];
+  NQ_dbm_db *&table = db->*tableHandles[which];
   struct stat page {};
-  const bool isThere = statPage(directory, name, &page);
+  const bool isThere = statPage(directory, which, &page);
   if (!isThere && errno != ENOENT) return failStat();
   const bool isNew = !isThere || page.st_size == 0;
-  db->*table = _NQ_dbm_db_open(directory, name, flags, tableMode, decode, encode);
-  if (db->*table == nullptr) return false;
-  if (!statPage(directory, name, &page)) return failStat();
+  table = _NQ_dbm_db_open(directory, name, flags, tableMode, decode, encode);
+  if (table == nullptr) return false;
+  if (!statPage(directory, which, &page)) return failStat();
   if (isNew) seed(db);
-  _NQ_dbm_db_disable_lock_on_access(db->*table);
+  _NQ_dbm_db_disable_lock_on_access(table);
   return true;
 }
 
 bool openObjectTables(ObjectDatabase *db, const DataFormat &format, const char *directory,
                       int flags) {
-  const struct {
-    NQ_dbm_db *ObjectDatabase::*table;
-    const char *name;
-    DbmDecoder decode;
-    DbmEncoder encode;
-  } tables[] = {
-      {&ObjectDatabase::objInfoDb, "obj_info", decodeDbObject, encodeDbObject},
-      {&ObjectDatabase::valueInfoDb, "value_info", format.decodeValue, format.encodeValue},
-      {&ObjectDatabase::nameInfoDb, "name_info", decodeDbObject, encodeDbObject},
-      {&ObjectDatabase::enumInfoDb, "enum_info", decodeDbEnumConstants, encodeDbEnumConstants},
-  };
-  for (const auto &each : tables) {
-    db->*each.table =
-        _NQ_dbm_db_open(directory, each.name, flags, tableMode, each.decode, each.encode);
-    if (db->*each.table == nullptr) return false;
-    _NQ_dbm_db_disable_lock_on_access(db->*each.table);
+  for (const size_t which : {objInfo, valueInfo, nameInfo, enumInfo}) {
+    const TableFormat &table = tableFormats[which];
+    const bool isValues = which == valueInfo;
+    NQ_dbm_db *&handle = db->*tableHandles[which];
+    handle = _NQ_dbm_db_open(directory, table.name, flags, tableMode,
+                             isValues ? format.decodeValue : table.decode,
+                             isValues ? format.encodeValue : table.encode);
+    if (handle == nullptr) return false;
+    _NQ_dbm_db_disable_lock_on_access(handle);
   }
   return true;
 }
@@ -96,17 +91,16 @@ bool openObjectTables(ObjectDatabase *db, const DataFormat &format, const char *
 // The locks come before the first look into a table: a handle caches what it has read, and nobody
 // shall change it behind its back, a table that is being made included. A file that cannot be
 // opened is left to the open that reports it.
-constexpr const char *lockedTables[] = {"field_info", "obj_info", "value_info", "name_info",
-                                        "enum_info"};
-using FileLocks = std::array<TableLock, std::size(lockedTables)>;
+using FileLocks = std::array<TableLock, tableCount>;
 
 bool lockFiles(const char *directory, FileLocks *locks) {
-  for (size_t i = 0; i < locks->size(); ++i) {
-    char path[databasePathSize];
-    const int length = snprintf(path, sizeof path, "%s/%s.pag", directory, lockedTables[i]);
-    if (length < static_cast<int>(sizeof path) && !(*locks)[i].acquireOrMake(path, tableMode) &&
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (!tableFormats[table].isLocked) continue;
+    const std::string path = tablePath(directory, table, pageSuffix);
+    if (path.size() < databasePathSize && !(*locks)[table].acquireOrMake(path.c_str(), tableMode) &&
         errno == EWOULDBLOCK) {
-      logMessage(severityError, "Table \"%s\" is locked by %s.", path, lockHolder(path).c_str());
+      logMessage(severityError, "Table \"%s\" is locked by %s.", path.c_str(),
+                 lockHolder(path).c_str());
       return false;
     }
   }
@@ -114,9 +108,10 @@ bool lockFiles(const char *directory, FileLocks *locks) {
 }
 
 bool lockTables(ObjectDatabase *db) {
-  for (const auto table : allTables) {
-    if (table == &ObjectDatabase::idKeeperDb) continue;
-    if (_NQ_lock_dbm_db(db->*table, 0) < 0) return false;
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (tableFormats[table].isLocked && _NQ_lock_dbm_db(db->*tableHandles[table], 0) < 0) {
+      return false;
+    }
   }
   return true;
 }
@@ -139,11 +134,8 @@ ObjectDatabase *openDatabase(time_t version, const DataFormat &format) {
   makeDbDirs(name, 0777);
   umask(0);
   FileLocks locks;
-  if (lockFiles(directory, &locks) &&
-      openSeeded(db, &ObjectDatabase::idKeeperDb, directory, "id_keeper", flags, decodeDbKey,
-                 encodeDbKey, initIdKeeper) &&
-      openSeeded(db, &ObjectDatabase::fieldInfoDb, directory, "field_info", flags,
-                 decodeDbFieldInfo, encodeDbFieldInfo, initPredefinedFields) &&
+  if (lockFiles(directory, &locks) && openSeeded(db, idKeeper, directory, flags, initIdKeeper) &&
+      openSeeded(db, fieldInfo, directory, flags, initPredefinedFields) &&
       openObjectTables(db, format, directory, flags)) {
     db->version = version;
     if (lockTables(db)) return db;
@@ -171,8 +163,9 @@ ObjectDatabase *openVersionDb(time_t version) {
   versionExists(directory);
   makeDbDirs(name, 0777);
   umask(0);
-  db->fieldInfoDb = _NQ_dbm_db_open(directory, "field_info", flags, tableMode, decodeDbFieldInfo,
-                                    encodeDbFieldInfo);
+  const TableFormat &fields = tableFormats[fieldInfo];
+  db->fieldInfoDb =
+      _NQ_dbm_db_open(directory, fields.name, flags, tableMode, fields.decode, fields.encode);
   if (db->fieldInfoDb != nullptr && openObjectTables(db, currentFormat, directory, flags)) {
     db->version = version;
     return db;
@@ -182,7 +175,7 @@ ObjectDatabase *openVersionDb(time_t version) {
 }
 
 void close_nqwdb_ndbm(ObjectDatabase *db) {
-  for (const auto table : allTables) {
+  for (const auto table : tableHandles) {
     if (db->*table != nullptr) _NQ_dbm_db_close(db->*table);
   }
   free(db);

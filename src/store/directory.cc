@@ -8,12 +8,11 @@
 
 #include "platform/paths.h"
 #include "store/error_report.h"
+#include "store/tables.h"
 
 const char *nqwdbname = nullptr;
 
 namespace {
-
-constexpr char currentName[] = "current";
 
 struct VersionName {
   char characters[32];

@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <memory>
-#include <string_view>
 
 #include "platform/files.h"
 #include "platform/table_lock.h"
@@ -18,89 +16,70 @@
 
 namespace {
 
-struct TableFile {
-  const char *name;
-  bool rewritten;  // by a sweep
-};
-constexpr TableFile tableFiles[] = {{"id_keeper", false}, {"field_info", false},
-                                    {"obj_info", true},   {"value_info", true},
-                                    {"name_info", true},  {"enum_info", false}};
-constexpr const char *suffixes[] = {".dir", ".pag"};
-constexpr char marker[] = "/unfinished";
-constexpr char currentName[] = "/current";
-
-// Names that no version has: for what is being made and for what is being removed.
-constexpr char making[] = "/.dbsweep-make";
-constexpr char removing[] = "/.dbsweep-remove";
-
 bool isThere(const std::string &path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0;
 }
 
-bool fail(const char *attempt, const std::string &path, std::string *error) {
-  const char *reason = strerror(errno);
-  *error = std::string("could not ") + attempt + " \"" + path + "\": " + reason;
-  return false;
-}
-
-bool renameSynced(const std::string &database, const std::string &from, const std::string &to,
-                  std::string *error) {
-  if (rename(from.c_str(), to.c_str()) != 0) {
-    return fail("rename", from, error);
+bool isVersion(const std::string &directory) {
+  bool found = isThere(pathIn(directory, unfinishedMark));
+  for (size_t table = 0; table < tableCount && !found; ++table) {
+    found = isThere(tablePath(directory, table, pageSuffix));
   }
-  if (syncDirectory(database) != 0) return fail("sync", database, error);
-  return true;
+  return found;
 }
 
-bool removeWhole(const std::string &directory, std::string *error) {
-  return removeDirectory(directory) == 0 || fail("remove", directory, error);
+bool hasTable(const std::string &directory, size_t table) {
+  return isThere(tablePath(directory, table, directorySuffix)) ||
+         isThere(tablePath(directory, table, pageSuffix));
 }
 
-// Copies the table files of one directory into another. A table that is not there is not copied;
-// half of one is an error.
-bool copyTables(const std::string &from, const std::string &to, std::string *error) {
-  for (const TableFile &table : tableFiles) {
-    std::string file = "/";
-    file += table.name;
-    if (!isThere(from + file + ".dir") && !isThere(from + file + ".pag")) continue;
-    for (const char *suffix : suffixes) {
-      const std::string source = from + file + suffix;
-      if (copyFileSynced(source, to + file + suffix) != 0) return fail("copy", source, error);
-    }
+bool keepTable(WorkDirectory *work, const std::string &from, size_t table, bool links,
+               std::string *error) {
+  const std::string pages = tableFile(table, pageSuffix);
+  const std::string directory = tableFile(table, directorySuffix);
+  if (!work->copy(pathIn(from, directory), directory, error)) return false;
+  return (links && work->link(pathIn(from, pages), pages)) ||
+         work->copy(pathIn(from, pages), pages, error);
+}
+
+// The tables of one directory. One that is not there is not kept; half of one is an error.
+bool keepTables(WorkDirectory *work, const std::string &from, const VersionContent &content,
+                std::string *error) {
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (content.leftOut[table] || !hasTable(from, table)) continue;
+    const bool links = content.linksRebuilt && tableFormats[table].isRebuilt;
+    if (!keepTable(work, from, table, links, error)) return false;
   }
-  return true;
+  return !content.unfinished || makeMarker(work->fd(), unfinishedMark) == 0 ||
+         failAttempt("make", unfinishedMark, error);
 }
 
-// Makes a complete directory under the name of what is being made. Nothing is left of it on
-// failure.
-bool makeAside(const std::string &database, const FillVersion &fill, std::string *error) {
-  const std::string aside = database + making;
-  if (!removeWhole(aside, error)) return false;
-  if (mkdir(aside.c_str(), 0777) != 0) return fail("make", aside, error);
-  bool complete = fill(aside, error);
-  if (complete && syncDirectory(aside) != 0) complete = fail("sync", aside, error);
-  if (!complete) removeDirectory(aside);
-  return complete;
-}
-
-FillVersion copyOf(const std::string &from, bool unfinished) {
-  return [from, unfinished](const std::string &to, std::string *error) {
-    if (!copyTables(from, to, error)) return false;
-    return !unfinished || makeMarker(to + marker) == 0 || fail("make", to + marker, error);
-  };
-}
-
-// The version of the present second, or of the next one that is free.
-Version freeVersion(const std::string &database) {
-  Version version{"", "", false};
-  time_t now = time(nullptr);
-  do {
+// The name of the present second, or of the next one that is free.
+bool publishByTime(WorkDirectory *work, const std::string &database, Version *made,
+                   std::string *error) {
+  struct stat like {};
+  const std::string current = pathIn(database, currentName);
+  // Where there is no "current", its owner and mode will be those of the database directory.
+  if (stat(current.c_str(), &like) != 0 && stat(database.c_str(), &like) != 0) {
+    return failAttempt("look at", current, error);
+  }
+  for (time_t second = time(nullptr);; ++second) {
     int flags = 0;
-    version.name = dbVersionName(now++, &flags);
-    version.directory = database + "/" + version.name;
-  } while (isThere(version.directory));
-  return version;
+    made->name = dbVersionName(second, &flags);
+    made->directory = pathIn(database, made->name);
+    if (work->publish(made->name, like, error)) return true;
+    if (errno != EEXIST) return false;
+  }
+}
+
+bool addBytes(const std::string &path, uint64_t *bytes, std::string *error) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) {
+    *bytes += static_cast<uint64_t>(status.st_size);
+    return true;
+  }
+  return errno == ENOENT || failAttempt("look at", path, error);
 }
 
 }  // namespace
@@ -111,78 +90,107 @@ std::vector<Version> listVersions(const std::string &database) {
   const std::unique_ptr<DIR, int (*)(DIR *)> entries(fd < 0 ? nullptr : fdopendir(fd), closedir);
   if (entries == nullptr) return versions;
   while (const dirent *entry = readdir(entries.get())) {
-    std::string directory = database + "/";
-    directory += entry->d_name;
-    if (entry->d_name[0] == '.' || directory == database + currentName ||
-        !isThere(directory + "/obj_info.pag")) {
-      continue;
-    }
-    versions.push_back({entry->d_name, directory, isThere(directory + marker)});
+    const std::string name = entry->d_name;
+    const std::string directory = pathIn(database, name);
+    if (name[0] == '.' || name == currentName || !isVersion(directory)) continue;
+    versions.push_back({name, directory, isThere(pathIn(directory, unfinishedMark))});
   }
   std::sort(versions.begin(), versions.end(),
             [](const Version &a, const Version &b) { return a.name < b.name; });
   return versions;
 }
 
-bool makeVersion(const std::string &database, const FillVersion &fill, Version *made,
+std::unique_ptr<WorkDirectory> keepCurrent(const std::string &database,
+                                           const VersionContent &content, Version *made,
+                                           std::string *error) {
+  std::unique_ptr<WorkDirectory> work = WorkDirectory::make(database, error);
+  if (work == nullptr || !keepTables(work.get(), pathIn(database, currentName), content, error) ||
+      !publishByTime(work.get(), database, made, error)) {
+    return nullptr;
+  }
+  made->unfinished = content.unfinished;
+  return work;
+}
+
+bool bytesToKeep(const std::string &database, const VersionContent &content, uint64_t *bytes,
                  std::string *error) {
-  *made = freeVersion(database);
-  if (!makeAside(database, fill, error)) return false;
-  if (renameSynced(database, database + making, made->directory, error)) return true;
-  removeDirectory(database + making);
-  removeDirectory(made->directory);
-  return false;
-}
-
-bool makeVersion(const std::string &database, bool unfinished, Version *made, std::string *error) {
-  if (!makeVersion(database, copyOf(database + currentName, unfinished), made, error)) return false;
-  made->unfinished = unfinished;
-  return true;
-}
-
-bool finishVersion(const Version &version, std::string *error) {
-  const std::string mark = version.directory + marker;
-  if (unlink(mark.c_str()) != 0 && errno != ENOENT) return fail("remove", mark, error);
-  if (syncDirectory(version.directory) != 0) {
-    return fail("sync", version.directory, error);
-  }
-  return true;
-}
-
-bool removeVersion(const std::string &database, const Version &version, std::string *error) {
-  return removeWhole(database + removing, error) &&
-         renameSynced(database, version.directory, database + removing, error) &&
-         removeWhole(database + removing, error);
-}
-
-bool restoreVersion(const std::string &database, const Version &version, std::string *error) {
-  const std::string current = database + currentName;
-  if (!makeAside(database, copyOf(version.directory, false), error) ||
-      !removeWhole(database + removing, error)) {
-    return false;
-  }
-  // Between the two there is no "current"; the version still has its mark then.
-  if (isThere(current) && !renameSynced(database, current, database + removing, error))
-    return false;
-  return renameSynced(database, database + making, current, error) &&
-         finishVersion(version, error) && removeWhole(database + removing, error);
-}
-
-void removeLeftovers(const std::string &database) {
-  for (const char *name : {making, removing}) removeDirectory(database + name);
-}
-
-bool bytesForRewrite(const std::string &database, uint64_t *bytes, std::string *error) {
   *bytes = 0;
-  for (const TableFile &table : tableFiles) {
-    for (const char *suffix : suffixes) {
-      const std::string path = database + currentName + "/" + table.name + suffix;
-      struct stat status {};
-      if (stat(path.c_str(), &status) != 0) return fail("look at", path, error);
-      *bytes += static_cast<uint64_t>(status.st_size) * (table.rewritten ? 2 : 1);
+  const std::string current = pathIn(database, currentName);
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (content.leftOut[table]) continue;
+    const bool isLinked = content.linksRebuilt && tableFormats[table].isRebuilt;
+    if (!addBytes(tablePath(current, table, directorySuffix), bytes, error) ||
+        (!isLinked && !addBytes(tablePath(current, table, pageSuffix), bytes, error))) {
+      return false;
     }
   }
   return true;
+}
+
+bool bytesToRebuild(const std::string &database, uint64_t *bytes, std::string *error) {
+  *bytes = 0;
+  const std::string current = pathIn(database, currentName);
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (!tableFormats[table].isRebuilt) continue;
+    for (const char *suffix : tableSuffixes) {
+      if (!addBytes(tablePath(current, table, suffix), bytes, error)) return false;
+    }
+  }
+  return true;
+}
+
+bool unlinkFromCurrent(const WorkDirectory &version, size_t table, std::string *error) {
+  const std::string pages = tableFile(table, pageSuffix);
+  const std::string copy = pages + ".copy";
+  const Descriptor linked(
+      openat(version.fd(), pages.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status {};
+  if (!linked.isOpen() || fstat(linked.get(), &status) != 0) {
+    return failAttempt("open", pages, error);
+  }
+  if (status.st_nlink < 2) return true;
+  if (copyFileSynced(linked.get(), version.fd(), copy) != 0 ||
+      renameat(version.fd(), copy.c_str(), version.fd(), pages.c_str()) != 0 ||
+      fsync(version.fd()) != 0) {
+    return failAttempt("copy", pages, error);
+  }
+  return true;
+}
+
+bool makeVersion(const std::string &database, bool unfinished, Version *made, std::string *error) {
+  VersionContent content;
+  content.unfinished = unfinished;
+  return keepCurrent(database, content, made, error) != nullptr;
+}
+
+bool makeVersion(const std::string &database, const FillVersion &fill, Version *made,
+                 std::string *error) {
+  const std::unique_ptr<WorkDirectory> work = WorkDirectory::make(database, error);
+  return work != nullptr && fill(work->path(), error) &&
+         publishByTime(work.get(), database, made, error);
+}
+
+bool finishVersion(const Version &version, std::string *error) {
+  const std::string mark = pathIn(version.directory, unfinishedMark);
+  if (unlink(mark.c_str()) != 0 && errno != ENOENT) return failAttempt("remove", mark, error);
+  return syncDirectory(version.directory) == 0 || failAttempt("sync", version.directory, error);
+}
+
+bool restoreVersion(const std::string &database, const Version &version, std::string *error) {
+  const std::string current = pathIn(database, currentName);
+  const std::unique_ptr<WorkDirectory> work = WorkDirectory::make(database, error);
+  if (work == nullptr || !keepTables(work.get(), version.directory, {}, error)) return false;
+  struct stat like {};
+  if (stat(isThere(current) ? current.c_str() : version.directory.c_str(), &like) != 0) {
+    return failAttempt("look at", current, error);
+  }
+  // Between the two there is no "current"; the version still has its mark then.
+  std::unique_ptr<WorkDirectory> before;
+  if (isThere(current)) {
+    before = WorkDirectory::take(database, currentName, error);
+    if (before == nullptr) return false;
+  }
+  return work->publish(currentName, like, error) && finishVersion(version, error);
 }
 
 class VersionLock {
@@ -192,13 +200,12 @@ class VersionLock {
 
 std::shared_ptr<VersionLock> lockVersion(const std::string &directory, std::string *error) {
   auto lock = std::make_shared<VersionLock>();
-  for (const TableFile &table : tableFiles) {
-    if (table.name == std::string_view("id_keeper")) continue;
-    const std::string path = directory + "/" + table.name + ".pag";
-    if (!isThere(path)) continue;
+  for (size_t table = 0; table < tableCount; ++table) {
+    const std::string path = tablePath(directory, table, pageSuffix);
+    if (!tableFormats[table].isLocked || !isThere(path)) continue;
     auto held = std::make_unique<TableLock>();
     if (!held->acquire(path.c_str())) {
-      fail("lock", path, error);
+      failAttempt("lock", path, error);
       return nullptr;
     }
     lock->locks.push_back(std::move(held));

@@ -1,0 +1,193 @@
+#include "store/work_directory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "platform/files.h"
+
+namespace {
+
+constexpr char prefix[] = ".dbsweep-";
+constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+bool isSameFile(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+Descriptor openDatabase(const std::string &database) {
+  return Descriptor(open(database.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+// A name for a directory that is there already.
+std::string workName() {
+  constexpr char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  unsigned char random[6] = {};
+  [[maybe_unused]] const ssize_t got = getrandom(random, sizeof random, 0);
+  std::string name = prefix;
+  for (const unsigned char each : random) name += letters[each % (sizeof letters - 1)];
+  return name;
+}
+
+}  // namespace
+
+bool failAttempt(const char *attempt, const std::string &path, std::string *error) {
+  const int reason = errno;
+  *error = std::string("could not ") + attempt + " \"" + path + "\": " + strerror(reason);
+  errno = reason;
+  return false;
+}
+
+std::unique_ptr<WorkDirectory> WorkDirectory::make(const std::string &database,
+                                                   std::string *error) {
+  Descriptor parent = openDatabase(database);
+  if (!parent.isOpen()) {
+    failAttempt("open", database, error);
+    return nullptr;
+  }
+  std::string path = database + "/" + prefix + "XXXXXX";
+  if (mkdtemp(path.data()) == nullptr) {
+    failAttempt("make", path, error);
+    return nullptr;
+  }
+  const std::string name = path.substr(database.size() + 1);
+  Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags));
+  struct stat made {};
+  // Somebody else may have put another directory there meanwhile.
+  const bool ours = directory.isOpen() && fstat(directory.get(), &made) == 0 &&
+                    made.st_uid == geteuid() && (made.st_mode & 0777) == 0700;
+  std::unique_ptr<WorkDirectory> work;
+  if (ours && flock(directory.get(), LOCK_EX | LOCK_NB) == 0) {
+    work.reset(new WorkDirectory(std::move(parent), std::move(directory), name));
+  }
+  // A removal of leftovers may have come before the lock.
+  if (work != nullptr && work->hasName(name)) return work;
+  failAttempt("make", path, error);
+  if (work == nullptr && ours) unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
+  return nullptr;
+}
+
+std::unique_ptr<WorkDirectory> WorkDirectory::take(const std::string &database,
+                                                   const std::string &name, std::string *error) {
+  Descriptor parent = openDatabase(database);
+  Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags));
+  if (!directory.isOpen() || flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
+    failAttempt("open", database + "/" + name, error);
+    return nullptr;
+  }
+  std::unique_ptr<WorkDirectory> work(
+      new WorkDirectory(std::move(parent), std::move(directory), name));
+  work->published_ = true;
+  return work->retract(error) ? std::move(work) : nullptr;
+}
+
+WorkDirectory::~WorkDirectory() {
+  if (published_ || !hasName(name_)) return;
+  if (removeFiles(fd()) == 0) unlinkat(database_.get(), name_.c_str(), AT_REMOVEDIR);
+}
+
+bool WorkDirectory::hasName(const std::string &name) const {
+  struct stat opened {};
+  struct stat named {};
+  return fstat(fd(), &opened) == 0 &&
+         fstatat(database_.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+         isSameFile(opened, named);
+}
+
+std::string WorkDirectory::path() const {
+  return "/proc/self/fd/" + std::to_string(fd());
+}
+
+bool WorkDirectory::copy(const std::string &from, const std::string &as, std::string *error) {
+  const Descriptor source(openRegular(from, O_RDONLY));
+  return (source.isOpen() && copyFileSynced(source.get(), fd(), as) == 0) ||
+         failAttempt("copy", from, error);
+}
+
+bool WorkDirectory::link(const std::string &from, const std::string &as) {
+  // By the descriptor of what was looked at: the name may lead elsewhere a moment later.
+  struct stat named {};
+  const Descriptor source(openRegular(from, O_RDONLY));
+  if (!source.isOpen() || lstat(from.c_str(), &named) != 0) return false;
+  struct stat opened {};
+  if (fstat(source.get(), &opened) != 0) return false;
+  if (!isSameFile(named, opened)) {
+    errno = EINVAL;  // a symbolic link, which a removal of its name would leave without its file
+    return false;
+  }
+  const std::string file = "/proc/self/fd/" + std::to_string(source.get());
+  return linkat(AT_FDCWD, file.c_str(), fd(), as.c_str(), AT_SYMLINK_FOLLOW) == 0 &&
+         fsync(source.get()) == 0;
+}
+
+bool WorkDirectory::publish(const std::string &name, const struct stat &like, std::string *error) {
+  if (fsync(fd()) != 0) return failAttempt("sync", name_, error);
+  if (renameat2(database_.get(), name_.c_str(), database_.get(), name.c_str(), RENAME_NOREPLACE) !=
+      0) {
+    return failAttempt("name", name, error);
+  }
+  const std::string workedAs = std::exchange(name_, name);
+  // Only now, since what is left of a work directory is known by its owner.
+  [[maybe_unused]] const int owned = fchown(fd(), like.st_uid, like.st_gid);
+  if (hasName(name) && fchmod(fd(), like.st_mode & 07777) == 0 && fsync(fd()) == 0 &&
+      fsync(database_.get()) == 0) {
+    published_ = true;
+    return true;
+  }
+  failAttempt("name", name, error);
+  const int reason = errno;
+  if (renameat2(database_.get(), name.c_str(), database_.get(), workedAs.c_str(),
+                RENAME_NOREPLACE) == 0) {
+    name_ = workedAs;
+  }
+  errno = reason;
+  return false;
+}
+
+bool WorkDirectory::retract(std::string *error) {
+  const std::string named = name_;
+  if (!hasName(named)) {
+    errno = ENOENT;
+    return failAttempt("find", named, error);
+  }
+  // Known as a leftover from here on, should the process die.
+  [[maybe_unused]] const int owned = fchown(fd(), geteuid(), getegid());
+  const std::string fresh = workName();
+  if (fchmod(fd(), 0700) != 0 || renameat2(database_.get(), named.c_str(), database_.get(),
+                                           fresh.c_str(), RENAME_NOREPLACE) != 0) {
+    return failAttempt("rename", named, error);
+  }
+  name_ = fresh;
+  published_ = false;
+  if (fsync(database_.get()) != 0) return failAttempt("sync", named, error);
+  return true;
+}
+
+void removeLeftovers(const std::string &database) {
+  const Descriptor parent = openDatabase(database);
+  if (!parent.isOpen()) return;
+  Descriptor own(openat(parent.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::unique_ptr<DIR, int (*)(DIR *)> entries(fdopendir(own.get()), closedir);
+  if (entries == nullptr) return;
+  own.release();
+  std::vector<std::string> names;  // first all of them: removing changes what is walked over
+  while (const dirent *entry = readdir(entries.get())) {
+    if (strncmp(entry->d_name, prefix, sizeof prefix - 1) == 0) names.emplace_back(entry->d_name);
+  }
+  for (const std::string &name : names) {
+    const Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags | O_NONBLOCK));
+    struct stat status {};
+    if (directory.isOpen() && fstat(directory.get(), &status) == 0 && status.st_uid == geteuid() &&
+        flock(directory.get(), LOCK_EX | LOCK_NB) == 0 && removeFiles(directory.get()) == 0) {
+      unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
+    }
+  }
+}
