@@ -2,9 +2,13 @@
 
 #include <gmock/gmock.h>
 
+#include <poll.h>
+#include <pty.h>
+
+#include <algorithm>
 #include <filesystem>
 
-#include "support.h"
+#include "sweep/sweep_runs.h"
 
 namespace {
 
@@ -152,6 +156,73 @@ TEST_F(Objdb, VersionsAreMadeListedAndPutBack) {
   std::filesystem::remove_all(currentDir);
   EXPECT_EQ(run("objdb restore " + name).status, 0);
   EXPECT_EQ(run("objdb dump").out, sealed);
+}
+
+// What a terminal has been sent while the command ran, the timer of the progress line being helped
+// along with its own signal.
+std::string sentToTerminal(const std::string &command) {
+  int terminal = -1;
+  signal(SIGALRM, SIG_IGN);  // until the command expects it
+  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+  if (child == 0) {
+    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+    _exit(127);
+  }
+  std::string sent;
+  char buffer[4096];
+  for (pollfd ready{terminal, POLLIN, 0};;) {
+    kill(child, SIGALRM);
+    if (poll(&ready, 1, 1) == 0) continue;
+    const ssize_t got = read(terminal, buffer, sizeof buffer);
+    if (got <= 0) break;
+    sent.append(buffer, static_cast<size_t>(got));
+  }
+  close(terminal);
+  waitpid(child, nullptr, 0);
+  return sent;
+}
+
+// What then stands on it.
+std::string shownBy(const std::string &sent) {
+  std::string screen, line;
+  size_t column = 0;
+  for (size_t i = 0; i < sent.size(); ++i) {
+    if (sent.compare(i, 3, "\033[K") == 0) {
+      line.resize(column);
+      i += 2;
+    } else if (sent[i] == '\r') {
+      column = 0;
+    } else if (sent[i] == '\n') {
+      screen += line + "\n";
+      line.clear();
+      column = 0;
+    } else {
+      line.resize(std::max(line.size(), column + 1));
+      line[column++] = sent[i];
+    }
+  }
+  return screen + line;
+}
+
+TEST_F(Objdb, ATerminalSeesProgressAndThenAResultWithoutIt) {
+  std::filesystem::remove_all(root);
+  loadSample(10000);
+  run("objdb dump >/usr/NQ/tmp/dump");
+  const struct {
+    const char *command;
+    const char *phase;
+  } cases[] = {{"objdb check", "\r\033[Kreading value_info: "},
+               {"objdb protocols", " records ("},
+               {"objdb dump --object 2000", "\r\033[Kreading value_info: "},
+               {"objdb load --dir /usr/NQ/copy </usr/NQ/tmp/dump", "\033[Kreading the dump: "}};
+  for (const auto &each : cases) {
+    const std::string sent = sentToTerminal(each.command);
+    EXPECT_THAT(sent, HasSubstr(each.phase)) << each.command;
+    run("rm -rf /usr/NQ/copy");
+    const Outcome piped = run(each.command);
+    EXPECT_EQ(shownBy(sent), piped.out) << each.command;
+    EXPECT_EQ(piped.err, "");
+  }
 }
 
 }  // namespace

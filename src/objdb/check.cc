@@ -82,10 +82,12 @@ class Findings {
     line.update(members);
     line["text"] = kinds[kind].text + (detail.empty() ? "" : " (" + detail + ")");
     if (json_) {
+      const ProgressPause pause;
       line["cure"] = kinds[kind].cure;
       puts(line.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
       return;
     }
+    const ProgressPause pause;
     std::string where = tableFormats[table].name;
     for (const auto &[name, value] : members.items()) {
       where += ", " + name + " " + (value.is_string() ? value.get<std::string>() : value.dump());
@@ -249,6 +251,7 @@ class Check {
 
   // Walks over what the two name tables say of each name.
   void compareNames() {
+    const Phase phase("comparing the names");
     for (auto *entries : {&names_, &index_}) {
       std::sort(entries->begin(), entries->end());
       // A second record of the same is one under a wrong key, which has been said.

@@ -59,8 +59,10 @@ ObjdbStatus diffVersions(const std::string &directory, const std::string &before
       return objdbFailed;
     }
   }
+  std::optional<Phase> sorting(std::in_place, "sorting the differences");
   std::sort(differences.begin(), differences.end(),
             [](const Difference &a, const Difference &b) { return a.order() < b.order(); });
+  sorting.reset();
   for (const Difference &each : differences)
     printf("%c %s\n", each.isNew ? '+' : '-', each.line.c_str());
   return differences.empty() ? objdbFine : objdbFindings;

@@ -89,6 +89,7 @@ bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Census &
     if (!filter.takes(table, record.bytes)) continue;
     std::optional<std::string> line = recordToLine(table, record.key, record.bytes);
     if (!line) {
+      const ProgressPause pause;
       fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
               toHex(record.key).c_str(), name);
       return false;
@@ -100,8 +101,11 @@ bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Census &
     fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", name);
     return false;
   }
-  std::sort(lines.begin(), lines.end(),
-            [](const Line &a, const Line &b) { return a.order < b.order; });
+  {
+    const Phase sorting(std::string("sorting ") + name);
+    std::sort(lines.begin(), lines.end(),
+              [](const Line &a, const Line &b) { return a.order < b.order; });
+  }
   for (const Line &line : lines) puts(line.text.c_str());
   return true;
 }

@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "objdb/progress.h"
+
 std::vector<StoredRecord> readDump(std::istream &input, bool sealed) {
   std::vector<StoredRecord> records;
   Census census;
@@ -12,9 +14,11 @@ std::vector<StoredRecord> readDump(std::istream &input, bool sealed) {
     census.add(record.table, record.key, record.bytes);
     records.push_back(std::move(record));
   };
+  Phase phase("reading the dump");
   try {
     while (std::getline(input, text)) {
       ++lineNumber;
+      phase.count();
       if (ended) throw std::runtime_error("a line behind the trailer");
       const bool isFirst = sealed && lineNumber == 1;
       if (std::optional<StoredRecord> record; !isFirst && (record = recordFromPlainLine(text))) {

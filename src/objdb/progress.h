@@ -1,34 +1,42 @@
-// One line on standard error for work that takes its time, on a terminal only.
+// One line on standard error that says how far long work is: on a terminal only, from the second
+// second of the program on, and gone before anything else is written.
+//
+// A timer's signal writes the line, so that work which nobody counts, such as sorting, or waiting
+// for the disk, shows as well, and counting costs next to nothing. Only one phase shows at a time:
+// the one that started last.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
-class Progress {
+class Phase {
  public:
-  explicit Progress(std::string what) : what_(std::move(what)) {}
-  ~Progress() {
-    if (shown_) fputs("\r\033[K", stderr);
-  }
-  Progress(const Progress &) = delete;
-  Progress &operator=(const Progress &) = delete;
+  // "WHAT", then "WHAT: 5 records" once there is a count, or "WHAT: 5 of 10 records (50 %)" where
+  // the number of all records is known.
+  explicit Phase(const std::string &what, uint64_t all = 0);
+  ~Phase();
+  Phase(const Phase &) = delete;
+  Phase &operator=(const Phase &) = delete;
 
-  void count() {
-    constexpr uint64_t every = 1 << 16;
-    if (++done_ % every == 0 && onTerminal_) show();
-  }
+  void count() { done_ = done_ + 1; }
 
  private:
-  void show() {
-    shown_ = true;
-    fprintf(stderr, "\r%s: %llu records", what_.c_str(), static_cast<unsigned long long>(done_));
-  }
+  friend class ProgressLine;
 
-  std::string what_;
-  uint64_t done_ = 0;
-  bool shown_ = false;
-  bool onTerminal_ = isatty(STDERR_FILENO) == 1;
+  char what_[80];
+  uint64_t all_;
+  volatile uint64_t done_ = 0;  // the signal handler reads it
+  Phase *outer_;
+};
+
+// Whether phases show at all: finding out the number of all records may cost something.
+bool showsProgress();
+
+// Nothing shows while it lives, so that something else can be written to the terminal.
+class ProgressPause {
+ public:
+  ProgressPause();
+  ~ProgressPause();
+  ProgressPause(const ProgressPause &) = delete;
+  ProgressPause &operator=(const ProgressPause &) = delete;
 };

@@ -169,25 +169,31 @@ std::unique_ptr<TableReader> TableReader::open(const std::string &directory, con
 }
 
 TableReader::TableReader(std::unique_ptr<State> state, const char *name)
-    : state_(std::move(state)), progress_(name) {}
+    : state_(std::move(state)), name_(name) {}
 
 TableReader::~TableReader() = default;
 
 bool TableReader::next(DbmRecord *record) {
   State &state = *state_;
   if (state.ended) return false;
+  if (!state.started) {
+    gdbm_count_t all = 0;
+    if (showsProgress()) gdbm_count(state.file, &all);
+    phase_.emplace("reading " + name_, all);
+  }
   gdbm_errno = GDBM_NO_ERROR;
   state.key.take(state.started ? gdbm_nextkey(state.file, state.key.get())
                                : gdbm_firstkey(state.file));
   state.started = true;
   if (state.key.get().dptr != nullptr && read_ < state.mostRecords) {
     ++read_;
-    progress_.count();
+    phase_->count();
     state.bytes.take(gdbm_fetch(state.file, state.key.get()));
     *record = {state.key.view(), state.bytes.view()};
     return true;
   }
   state.ended = true;
+  phase_.reset();
   failed_ = state.key.get().dptr != nullptr || gdbm_errno != GDBM_ITEM_NOT_FOUND;
   gdbm_count_t counted = 0;
   if (gdbm_count(state.file, &counted) == 0 || countAfresh(gdbm_fdesc(state.file), &counted)) {

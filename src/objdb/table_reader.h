@@ -67,7 +67,8 @@ class TableReader {
   explicit TableReader(std::unique_ptr<State> state, const char *name);
 
   std::unique_ptr<State> state_;
-  Progress progress_;
+  std::string name_;
+  std::optional<Phase> phase_;  // while it scans
   uint64_t read_ = 0;
   std::optional<uint64_t> counted_;
   bool failed_ = false;

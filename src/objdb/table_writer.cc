@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 
 #include "objdb/progress.h"
 #include "objdb/record_lines.h"
@@ -18,16 +19,20 @@ bool writeTable(const std::string &directory, size_t table, const RecordViews &r
   for (const auto &record : records) {
     stores.emplace_back(_NQ_dbm_db_order(record.first.data(), record.first.size()), &record);
   }
-  // Behind each other in memory are those of one key that come later.
-  std::sort(stores.begin(), stores.end());
-  Progress progress(std::string("writing ") + format.name);
+  {
+    const Phase sorting(std::string("sorting ") + format.name);
+    // Records of one key compare by address, so the later one is stored last.
+    std::sort(stores.begin(), stores.end());
+  }
   bool stored = true;
+  std::optional<Phase> phase(std::in_place, std::string("writing ") + format.name, stores.size());
   _NQ_dbm_db_start_buffering(db, UINT32_MAX);
   for (const auto &[order, record] : stores) {
     stored = stored && _NQ_dbm_db_store_raw(db, record->first, record->second) == 0;
-    progress.count();
+    phase->count();
   }
   _NQ_dbm_db_stop_buffering(db);
+  phase.emplace(std::string("waiting for the disk with ") + format.name);
   stored = stored && _NQ_dbm_db_sync(db) == 0;
   _NQ_dbm_db_close(db);
   return stored;
