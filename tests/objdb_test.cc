@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <random>
 
+#include "objdb/plain_lines.h"
+#include "records/table_records.h"
 #include "sweep/sweep_runs.h"
 
 namespace {
@@ -45,6 +48,43 @@ TEST_F(Objdb, ADumpComesBackByteForByte) {
   const Outcome loaded = run("objdb load --dir /usr/NQ/copy", sealed);
   EXPECT_EQ(loaded.status, 0) << loaded.err;
   EXPECT_EQ(run("objdb dump --dir /usr/NQ/copy").out, sealed);
+  EXPECT_EQ(run("objdb load --unsealed --dir /usr/NQ/other", sealed).status, 0)
+      << "the lines around the records are no records";
+  EXPECT_EQ(run("objdb dump --dir /usr/NQ/other").out, sealed);
+}
+
+// The short way of writing and reading lines and the general one.
+TEST_F(Objdb, PlainLinesAreThoseOfTheGeneralWay) {
+  std::mt19937 random(7);
+  const auto upTo = [&](uint32_t most) { return random() % (most + 1); };
+  int plain = 0;
+  for (int i = 0; i < 20000; ++i) {
+    std::string text(upTo(upTo(9) == 0 ? 256 : 12), '\0');
+    for (char &each : text)
+      each = static_cast<char>(upTo(19) == 0 ? 1 + upTo(254) : ' ' + upTo(94));
+    const uint32_t object = random() >> upTo(31), field = random() >> upTo(31);
+    NQwFieldValue value{0, static_cast<int32_t>(1 + upTo(3)), {}, 0};
+    if (value.type == String)
+      value.value.string = upTo(9) == 0 ? nullptr : text.data();
+    else
+      value.value.number =
+          static_cast<int32_t>(value.type == Boolean ? upTo(2) : random() >> upTo(31));
+    const dbObjectValue valueRecord{object, field, &value};
+    dbObject name{object, field, {}};
+    text.copy(name.name, longestString);
+    const size_t table = std::array{objInfo, nameInfo, valueInfo}[upTo(2)];
+    const std::string stored =
+        encodedRecord(table, table == valueInfo ? static_cast<const void *>(&valueRecord) : &name);
+    std::string key = table == nameInfo ? keyOf({field}) + name.name : keyOf({object, field});
+    if (upTo(19) == 0) key += 'x';
+    const std::string line = recordToJson(table, key, stored)->dump();
+    ASSERT_EQ(recordToLine(table, key, stored), line);
+    const std::optional<StoredRecord> read = recordFromPlainLine(line);
+    if (read) ++plain;
+    const StoredRecord back = read ? *read : recordFromJson(parseLine(line));
+    ASSERT_EQ(std::tie(back.table, back.key, back.bytes), std::tie(table, key, stored)) << line;
+  }
+  EXPECT_GT(plain, 10000);
 }
 
 TEST_F(Objdb, SaysWhatIsWrongWithACommandLine) {
@@ -94,7 +134,7 @@ TEST_F(Objdb, NothingIsLoadedFromADumpThatWasCutOrChanged) {
   } cases[] = {{"", "line 0: the dump ends without its trailer"},
                {sealed.substr(0, lastLine), "the dump ends without its trailer"},
                {sealed.substr(sealed.find('\n') + 1), "line 1: not the header of a dump"},
-               {sealed + lines[0] + "\n", "a line behind the trailer"},
+               {sealed + lines[0] + "\n", "a line after the trailer"},
                {changed, "the trailer does not agree"},
                {sealed.substr(0, 200), "line 4: "}};
   for (const auto &each : cases) {
@@ -103,18 +143,48 @@ TEST_F(Objdb, NothingIsLoadedFromADumpThatWasCutOrChanged) {
     EXPECT_THAT(outcome.err, HasSubstr(each.reason));
     EXPECT_EQ(run("ls -A /usr/NQ/copy").out, "");
   }
+  const std::string sealedTwice = sealed.substr(0, lastLine) + sealed;
+  EXPECT_THAT(run("objdb load --dir /usr/NQ/copy", sealedTwice).err,
+              HasSubstr("no member \"table\""));
+  const Outcome directory = run("objdb load --unsealed --dir /usr/NQ/copy </usr/NQ");
+  EXPECT_EQ(directory.status, 2);
+  EXPECT_THAT(directory.err, HasSubstr("the input could not be read: Is a directory"));
   const std::string deep = std::string(200'000, '[') + std::string(200'000, ']');
   for (const std::string &bad :
-       Lines{R"({"table":"nothing"})", R"({"table":"id_keeper","counter":-1})",
+       Lines{R"({"table":"nothing"})",
+             R"({"table":"id_keeper","counter":-1})",
              R"({"table":"id_keeper","counter":4294967296})",
              R"({"table":"id_keeper","counter":)" + deep + "}",
              R"({"table":"id_keeper","counter":1,"bytes":"-1+1 1"})",
              valueLine(1, 1, R"("type":"Integer","value":18446744073709551615)"),
-             R"({"table":"obj_info","object":1,"field":10,"name":null})", "[]", "{"}) {
+             R"({"table":"obj_info","object":1,"field":10,"name":null})",
+             "[]",
+             "{",
+             "",
+             R"({"table":"id_keeper","counter":1,"counter":2})",
+             R"({"table":"id_keeper","counter":1,"object":2})",
+             R"({"table":"id_keeper","counter":1.0})",
+             R"({"table":"id_keeper"})",
+             R"({"table":["id_keeper"],"counter":1})",
+             R"({"table":"enum_info","field":1,"constants":"a"})",
+             R"({"table":"enum_info","field":1,"constants":[null]})",
+             valueLine(1, 1, R"("type":"Integer","list":5)"),
+             valueLine(1, 1, R"("type":"Integer","list":[5],"value":5)"),
+             valueLine(1, 1, R"("type":"Integer","list":[5],"entryFlags":[1,1])"),
+             valueLine(1, 1, R"("type":"Integer","value":5,"entryFlags":[1])"),
+             valueLine(1, 1, R"("type":"Boolean","value":1)"),
+             valueLine(1, 1, R"("type":"String","value":{"hex":"ff","text":"a"})"),
+             valueLine(1, 1, R"("type":"String","value":{"hex":"41","hex":"42"})"),
+             valueLine(1, 1, R"("type":"String","value":"a")") + "}"}) {
     const Outcome outcome = run("objdb load --unsealed --dir /usr/NQ/copy", bad);
     EXPECT_EQ(outcome.status, 2) << bad.substr(0, 100);
     EXPECT_THAT(outcome.err, HasSubstr("line 1: ")) << bad.substr(0, 100);
   }
+  EXPECT_THAT(
+      run("objdb load --unsealed --dir /usr/NQ/copy", lines[1] + "\n" + lines[0] + "\n" + lines[1])
+          .err,
+      HasSubstr("line 3: a record with the key of line 1"));
+  EXPECT_EQ(run("ls -A /usr/NQ/copy").out, "");
   const std::string before = checksums();
   EXPECT_EQ(run("objdb load", sealed).status, 2) << "the database holds something";
   EXPECT_EQ(checksums(), before);

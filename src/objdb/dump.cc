@@ -3,10 +3,11 @@
 #include <set>
 #include <vector>
 
+#include "objdb/census.h"
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
 #include "objdb/options.h"
-#include "objdb/record_lines.h"
+#include "objdb/plain_lines.h"
 #include "objdb/table_reader.h"
 
 namespace {

@@ -1,45 +1,108 @@
 #include "objdb/dump_reader.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <functional>
 #include <stdexcept>
 
+#include "objdb/census.h"
+#include "objdb/plain_lines.h"
 #include "objdb/progress.h"
 
-std::vector<StoredRecord> readDump(std::istream &input, bool sealed) {
-  std::vector<StoredRecord> records;
-  Census census;
-  std::string text;
-  size_t lineNumber = 0;
-  bool ended = false;
-  const auto take = [&](StoredRecord record) {
-    census.add(record.table, record.key, record.bytes);
-    records.push_back(std::move(record));
-  };
-  Phase phase("reading the dump");
-  try {
-    while (std::getline(input, text)) {
-      ++lineNumber;
-      phase.count();
-      if (ended) throw std::runtime_error("a line behind the trailer");
-      const bool isFirst = sealed && lineNumber == 1;
-      if (std::optional<StoredRecord> record; !isFirst && (record = recordFromPlainLine(text))) {
-        take(std::move(*record));
-        continue;
-      }
-      const Json line = Json::parse(text);
-      if (isFirst) {
-        if (!isHeaderLine(line)) throw std::runtime_error("not the header of a dump");
-      } else if (sealed && line.contains("digest")) {
-        if (line != census.toJson()) {
-          throw std::runtime_error("the trailer does not agree with the lines before it");
-        }
-        ended = true;
-      } else {
-        take(recordFromJson(line));
-      }
+namespace {
+
+class DumpReader {
+ public:
+  DumpReader(std::istream &input, bool sealed) : input_(input), sealed_(sealed) {}
+
+  std::vector<StoredRecord> read() {
+    Phase phase("reading the dump");
+    errno = 0;
+    for (std::string text; std::getline(input_, text); phase.count()) {
+      ++line_;
+      take(text);
     }
-    if (sealed && !ended) throw std::runtime_error("the dump ends without its trailer");
-  } catch (const std::exception &error) {
-    throw std::runtime_error("line " + std::to_string(lineNumber) + ": " + error.what());
+    // The end of the input and an error in it look alike.
+    if (input_.bad()) complain(std::string("the input could not be read: ") + strerror(errno));
+    if (sealed_ && !ended_) complain("the dump ends without its trailer");
+    refuseTwice();
+    return std::move(records_);
   }
-  return records;
+
+  size_t line() const { return line_; }
+
+ private:
+  [[noreturn]] static void complain(const std::string &what) { throw std::runtime_error(what); }
+
+  void take(const std::string &text) {
+    if (ended_) complain("a line after the trailer");
+    const bool isHeader = sealed_ && line_ == 1;
+    std::optional<StoredRecord> record;
+    if (!isHeader) record = recordFromPlainLine(text);
+    if (!record) {
+      const Json line = parseLine(text);
+      if (isHeader && !isHeaderLine(line)) complain("not the header of a dump");
+      if (isHeader || (!sealed_ && isHeaderLine(line))) return;
+      if (isTrailerLine(line)) return takeTrailer(line);
+      record = recordFromJson(line);
+    }
+    if (sealed_) census_.add(record->table, record->key, record->bytes);
+    records_.push_back(std::move(*record));
+    lines_.push_back(line_);
+  }
+
+  void takeTrailer(const Json &line) {
+    if (!sealed_) return;
+    if (line != census_.toJson()) complain("the trailer does not agree with the lines before it");
+    ended_ = true;
+  }
+
+  // A table has one record for each key: which of two would stay?
+  void refuseTwice() {
+    const Phase phase("comparing the keys");
+    std::vector<std::pair<size_t, const StoredRecord *>> keys;
+    keys.reserve(records_.size());
+    for (const StoredRecord &record : records_) {
+      keys.emplace_back(std::hash<std::string>()(record.key), &record);
+    }
+    std::sort(keys.begin(), keys.end(), [](const auto &a, const auto &b) {
+      if (a.first != b.first) return a.first < b.first;
+      if (a.second->table != b.second->table) return a.second->table < b.second->table;
+      const int order = a.second->key.compare(b.second->key);
+      return order != 0 ? order < 0 : a.second < b.second;
+    });
+    const auto twice =
+        std::adjacent_find(keys.begin(), keys.end(), [](const auto &a, const auto &b) {
+          return a.first == b.first && a.second->table == b.second->table &&
+                 a.second->key == b.second->key;
+        });
+    if (twice == keys.end()) return;
+    const auto lineOf = [this](const StoredRecord *record) {
+      return lines_[static_cast<size_t>(record - records_.data())];
+    };
+    line_ = lineOf((twice + 1)->second);
+    complain("a record with the key of line " + std::to_string(lineOf(twice->second)));
+  }
+
+  std::istream &input_;
+  bool sealed_;
+  bool ended_ = false;
+  Census census_;
+  std::vector<StoredRecord> records_;
+  std::vector<size_t> lines_;  // of the records
+  size_t line_ = 0;            // which is read, or at fault
+};
+
+}  // namespace
+
+std::vector<StoredRecord> readDump(std::istream &input, bool sealed) {
+  DumpReader reader(input, sealed);
+  try {
+    return reader.read();
+  } catch (const std::bad_alloc &) {
+    throw;
+  } catch (const std::exception &error) {
+    throw std::runtime_error("line " + std::to_string(reader.line()) + ": " + error.what());
+  }
 }

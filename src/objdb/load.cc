@@ -41,6 +41,9 @@ ObjdbStatus loadDatabase(const VersionPath &database, bool sealed) {
       fprintf(stderr, "objdb: \"%s\" is not empty; nothing was loaded\n", version.c_str());
       return objdbFailed;
     }
+    if (isatty(STDIN_FILENO) == 1) {
+      fputs("objdb: reading a dump from the terminal, until Ctrl-D\n", stderr);
+    }
     std::ios::sync_with_stdio(false);  // which reads character by character
     const std::vector<StoredRecord> records = readDump(std::cin, sealed);
     umask(0);  // the platform's daemons share the tables, whoever they run as

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "objdb/census.h"
 #include "objdb/commands.h"
 #include "objdb/options.h"
-#include "objdb/record_lines.h"
 
 namespace {
 

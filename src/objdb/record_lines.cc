@@ -1,21 +1,19 @@
 #include "objdb/record_lines.h"
 
-#include <gdbm.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <set>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "objdb/decoded_record.h"
 
 namespace {
-
-constexpr const char *typeNames[] = {nullptr, "Integer", "Boolean", "String", "Enumeration"};
 
 [[noreturn]] void complain(const std::string &what) {
   throw std::runtime_error(what);
@@ -57,11 +55,66 @@ std::string shown(const Json &json) {
   return json.is_structured() ? json.type_name() : json.dump();
 }
 
+template <typename Number>
+Number number(const Json &json) {
+  if (!json.is_number_integer()) complain("not a whole number: " + shown(json));
+  const bool fits = json.is_number_unsigned() ? std::in_range<Number>(json.get<uint64_t>())
+                                              : std::in_range<Number>(json.get<int64_t>());
+  if (!fits) complain("out of range: " + json.dump());
+  return json.get<Number>();
+}
+
+const std::string &stringOf(const Json &json) {
+  if (!json.is_string()) complain("not a text: " + shown(json));
+  return json.get_ref<const std::string &>();
+}
+
+const Json &arrayOf(const Json &json) {
+  if (!json.is_array()) complain("not a list: " + shown(json));
+  return json;
+}
+
+// The members of a line, each of which has to be asked for.
+class Members {
+ public:
+  explicit Members(const Json &line) : line_(line) {
+    if (!line.is_object()) complain("not a record: " + shown(line));
+  }
+
+  const Json *find(const char *name) {
+    const auto found = line_.find(name);
+    if (found == line_.end()) return nullptr;
+    ++asked_;
+    return &*found;
+  }
+  const Json &at(const char *name) {
+    const Json *found = find(name);
+    if (found == nullptr) complain(std::string("no member \"") + name + "\"");
+    return *found;
+  }
+  uint32_t id(const char *name) { return number<uint32_t>(at(name)); }
+
+  // To be called when every member that may be there has been asked for once.
+  void finish() const {
+    if (asked_ != line_.size()) complain("a member that the record has not");
+  }
+
+ private:
+  const Json &line_;
+  size_t asked_ = 0;
+};
+
 // What XDR and the keys take: characters up to the first NUL.
 std::optional<std::string> textFromJson(const Json &json) {
   if (json.is_null()) return std::nullopt;
-  std::string text =
-      json.is_object() ? fromHex(json.at("hex").get<std::string>()) : json.get<std::string>();
+  std::string text;
+  if (json.is_object()) {
+    Members members(json);
+    text = fromHex(stringOf(members.at("hex")));
+    members.finish();
+  } else {
+    text = stringOf(json);
+  }
   if (text.find('\0') != std::string::npos) complain("text with a NUL inside");
   return text;
 }
@@ -81,19 +134,6 @@ Record *zeroFilled(size_t count = 1) {
 char *mallocText(const Json &json) {
   const std::optional<std::string> text = textFromJson(json);
   return text ? taken(strdup(text->c_str())) : nullptr;
-}
-
-template <typename Number>
-Number number(const Json &json) {
-  if (!json.is_number_integer()) complain("not a whole number: " + shown(json));
-  const bool fits = json.is_number_unsigned() ? std::in_range<Number>(json.get<uint64_t>())
-                                              : std::in_range<Number>(json.get<int64_t>());
-  if (!fits) complain("out of range: " + json.dump());
-  return json.get<Number>();
-}
-
-uint32_t id(const Json &line, const char *member) {
-  return number<uint32_t>(line.at(member));
 }
 
 Json typeToJson(int32_t type) {
@@ -120,6 +160,7 @@ ValueWord wordFromJson(int32_t type, const Json &json) {
   if (type == String) {
     word.string = mallocText(json);
   } else if (type == Boolean) {
+    if (!json.is_boolean()) complain("neither true nor false: " + shown(json));
     word.number = json.get<bool>() ? 1 : 0;
   } else {
     word.number = number<int32_t>(json);
@@ -149,39 +190,40 @@ struct FreeValue {
   void operator()(NQwFieldValue *value) const { NQwDbFreeFieldValue(value); }
 };
 
-std::unique_ptr<NQwFieldValue, FreeValue> valueFromJson(const Json &line) {
+std::unique_ptr<NQwFieldValue, FreeValue> valueFromJson(Members &line) {
   std::unique_ptr<NQwFieldValue, FreeValue> value(zeroFilled<NQwFieldValue>());
   value->type = typeFromJson(line.at("type"));
-  if (!line.contains("list")) {
+  const Json *entries = line.find("list");
+  if (entries == nullptr) {
     value->value = wordFromJson(value->type, line.at("value"));
     return value;
   }
-  const Json &entries = line.at("list");
   auto *list = zeroFilled<ValueList>();
   value->isList = 1;
   value->value.list = list;
-  list->entries = zeroFilled<ValueListEntry>(entries.size() + 1);
-  for (const Json &entry : entries) {
+  list->entries = zeroFilled<ValueListEntry>(arrayOf(*entries).size() + 1);
+  for (const Json &entry : *entries) {
     list->entries[list->count++].value = wordFromJson(value->type, entry);
   }
-  if (line.contains("entryFlags")) {
+  if (const Json *flags = line.find("entryFlags"); flags != nullptr) {
+    if (arrayOf(*flags).size() != list->count) complain("not as many entryFlags as values");
     for (uint32_t i = 0; i < list->count; ++i) {
-      list->entries[i].entryFlag = number<int32_t>(line.at("entryFlags").at(i));
+      list->entries[i].entryFlag = number<int32_t>((*flags)[i]);
     }
   }
   return value;
 }
 
-StoredRecord definitionFromJson(const Json &line) {
+StoredRecord definitionFromJson(Members &line) {
   const std::optional<std::string> name = textFromJson(line.at("name"));
-  NQwFieldInfo info{id(line, "field"), name ? const_cast<char *>(name->c_str()) : nullptr,
-                    typeFromJson(line.at("type")), id(line, "flags")};
+  NQwFieldInfo info{line.id("field"), name ? const_cast<char *>(name->c_str()) : nullptr,
+                    typeFromJson(line.at("type")), line.id("flags")};
   const dbFieldInfo record{&info};
   return {fieldInfo, keyOf({info.fieldId}), encodedRecord(fieldInfo, &record)};
 }
 
-StoredRecord nameFromJson(size_t table, const Json &line) {
-  dbObject record{id(line, "object"), id(line, "field"), {}};
+StoredRecord nameFromJson(size_t table, Members &line) {
+  dbObject record{line.id("object"), line.id("field"), {}};
   const std::optional<std::string> name = textFromJson(line.at("name"));
   if (!name || name->size() > longestString)
     complain("no name, or one of more than 256 characters");
@@ -192,10 +234,14 @@ StoredRecord nameFromJson(size_t table, const Json &line) {
       encodedRecord(table, &record)};
 }
 
-StoredRecord constantsFromJson(const Json &line) {
-  const uint32_t fieldId = id(line, "field");
+StoredRecord constantsFromJson(Members &line) {
+  const uint32_t fieldId = line.id("field");
   std::vector<std::string> texts;
-  for (const Json &each : line.at("constants")) texts.push_back(textFromJson(each).value());
+  for (const Json &each : arrayOf(line.at("constants"))) {
+    std::optional<std::string> text = textFromJson(each);
+    if (!text) complain("a constant without a text");
+    texts.push_back(std::move(*text));
+  }
   std::vector<char *> names;
   names.reserve(texts.size());
   for (std::string &text : texts) names.push_back(text.data());
@@ -205,13 +251,13 @@ StoredRecord constantsFromJson(const Json &line) {
 }
 
 // The record as its members say.
-StoredRecord plainRecord(const Json &line) {
-  const auto name = line.at("table").get<std::string>();
+StoredRecord plainRecord(Members &line) {
+  const std::string &name = stringOf(line.at("table"));
   size_t table = 0;
   while (table < tableCount && name != tableFormats[table].name) ++table;
   switch (table) {
     case idKeeper: {
-      const uint32_t counter = id(line, "counter");
+      const uint32_t counter = line.id("counter");
       return {table, keyOf({0}), encodedRecord(table, &counter)};
     }
     case fieldInfo:
@@ -221,7 +267,7 @@ StoredRecord plainRecord(const Json &line) {
       return nameFromJson(table, line);
     case valueInfo: {
       const auto value = valueFromJson(line);
-      const dbObjectValue record{id(line, "object"), id(line, "field"), value.get()};
+      const dbObjectValue record{line.id("object"), line.id("field"), value.get()};
       return {table, keyOf({record.objectId, record.fieldId}), encodedRecord(table, &record)};
     }
     case enumInfo:
@@ -270,89 +316,9 @@ void addMembers(Json &line, size_t table, const void *decoded) {
   }
 }
 
-// Whether a character stands for itself in JSON, and is one of printable ASCII.
-bool isPlain(char each) {
-  return each >= ' ' && each <= '~' && each != '"' && each != '\\';
-}
-
-bool isPlain(const char *text) {
-  return text != nullptr &&
-         std::all_of(text, text + strlen(text), [](char c) { return isPlain(c); });
-}
-
-// The line of a single value or a name in plain characters; empty for any other record.
-std::string plainLine(size_t table, const void *decoded) {
-  const auto start = [table](uint32_t objectId, uint32_t fieldId) {
-    std::string line;
-    line.reserve(128);
-    line.append(R"({"table":")").append(tableFormats[table].name);
-    line.append(R"(","object":)").append(std::to_string(objectId));
-    return line.append(R"(,"field":)").append(std::to_string(fieldId));
-  };
-  if (table == objInfo || table == nameInfo) {
-    const auto *record = static_cast<const dbObject *>(decoded);
-    if (!isPlain(record->name)) return "";
-    std::string line = start(record->objectId, record->fieldId);
-    return line.append(R"(,"name":")").append(record->name).append("\"}");
-  }
-  if (table != valueInfo) return "";
-  const auto *record = static_cast<const dbObjectValue *>(decoded);
-  const NQwFieldValue &value = *record->value;
-  if (value.isList != 0 || (value.type == String && !isPlain(value.value.string))) return "";
-  std::string line = start(record->objectId, record->fieldId);
-  line.append(R"(,"type":")").append(typeNames[value.type]).append(R"(","value":)");
-  if (value.type == String) return line.append("\"").append(value.value.string).append("\"}");
-  if (value.type == Boolean) return line.append(value.value.number != 0 ? "true}" : "false}");
-  return line.append(std::to_string(value.value.number)).append("}");
-}
-
-// Reads a line from its front, as far as it is as expected.
-class PlainText {
- public:
-  explicit PlainText(std::string_view text) : rest_(text) {}
-
-  bool skip(std::string_view expected) {
-    if (!rest_.starts_with(expected)) return false;
-    rest_.remove_prefix(expected.size());
-    return true;
-  }
-
-  template <typename Number>
-  bool number(Number *result) {
-    const char *begin = rest_.data();
-    const auto [end, error] = std::from_chars(begin, begin + rest_.size(), *result);
-    const auto length = static_cast<size_t>(end - begin);
-    if (error != std::errc() || rest_.substr(0, length) != std::to_string(*result)) return false;
-    rest_.remove_prefix(length);
-    return true;
-  }
-
-  // A quoted string of printable ASCII without an escape; the room is for the longest string.
-  bool string(char *characters) {
-    if (!skip("\"")) return false;
-    const size_t length = rest_.find('"');
-    if (length > longestString) return false;
-    for (const char each : rest_.substr(0, length)) {
-      if (!isPlain(each)) return false;
-    }
-    rest_.copy(characters, length);
-    characters[length] = '\0';
-    rest_.remove_prefix(length + 1);
-    return true;
-  }
-
-  bool isEnd() { return skip("}") && rest_.empty(); }
-
- private:
-  std::string_view rest_;
-};
-
-uint64_t hashBytes(uint64_t hash, std::string_view bytes) {
-  for (const char each : bytes) hash = (hash ^ static_cast<unsigned char>(each)) * 1099511628211u;
-  return hash;
-}
-
 }  // namespace
+
+const char *const typeNames[] = {nullptr, "Integer", "Boolean", "String", "Enumeration"};
 
 std::string keyOf(std::initializer_list<uint32_t> words) {
   std::string key;
@@ -377,90 +343,29 @@ std::optional<Json> recordToJson(size_t table, std::string_view key, std::string
   return line;
 }
 
-std::optional<std::string> recordToLine(size_t table, std::string_view key,
-                                        std::string_view bytes) {
-  {
-    DecodedRecord record(table, bytes);
-    if (!record) return std::nullopt;
-    if (record.properKey() == key && record.encoding() == bytes) {
-      std::string line = plainLine(table, record.get());
-      if (!line.empty()) return line;
-    }
-  }
-  return recordToJson(table, key, bytes)->dump();
-}
-
 StoredRecord recordFromJson(const Json &line) {
-  StoredRecord record = plainRecord(line);
-  if (line.contains("key")) record.key = fromHex(line.at("key").get<std::string>());
-  if (line.contains("bytes")) record.bytes = fromHex(line.at("bytes").get<std::string>());
+  Members members(line);
+  StoredRecord record = plainRecord(members);
+  if (const Json *key = members.find("key"); key != nullptr) record.key = fromHex(stringOf(*key));
+  if (const Json *bytes = members.find("bytes"); bytes != nullptr) {
+    record.bytes = fromHex(stringOf(*bytes));
+  }
+  members.finish();
   return record;
 }
 
-std::optional<StoredRecord> recordFromPlainLine(std::string_view text) {
-  PlainText at(text);
-  if (!at.skip(R"({"table":")")) return std::nullopt;
-  size_t table = objInfo;
-  while (table <= nameInfo && !at.skip(tableFormats[table].name)) ++table;
-  uint32_t objectId = 0;
-  uint32_t fieldId = 0;
-  if (table > nameInfo || !at.skip(R"(","object":)") || !at.number(&objectId) ||
-      !at.skip(R"(,"field":)") || !at.number(&fieldId)) {
-    return std::nullopt;
-  }
-  if (table != valueInfo) {
-    dbObject record{objectId, fieldId, {}};
-    if (!at.skip(R"(,"name":)") || !at.string(record.name) || !at.isEnd()) return std::nullopt;
-    const std::string key =
-        table == objInfo ? keyOf({objectId, fieldId}) : keyOf({fieldId}) + record.name;
-    return StoredRecord{table, key, encodedRecord(table, &record)};
-  }
-  char characters[longestString + 1];
-  NQwFieldValue value{};
-  if (!at.skip(R"(,"type":")")) return std::nullopt;
-  value.type = Integer;
-  while (value.type <= Enumeration && !at.skip(typeNames[value.type])) ++value.type;
-  if (value.type > Enumeration || !at.skip(R"(","value":)")) return std::nullopt;
-  if (value.type == String) {
-    if (!at.string(characters)) return std::nullopt;
-    value.value.string = characters;
-  } else if (value.type == Boolean) {
-    value.value.number = at.skip("true") ? 1 : 0;
-    if (value.value.number == 0 && !at.skip("false")) return std::nullopt;
-  } else if (!at.number(&value.value.number)) {
-    return std::nullopt;
-  }
-  if (!at.isEnd()) return std::nullopt;
-  const dbObjectValue record{objectId, fieldId, &value};
-  return StoredRecord{table, keyOf({objectId, fieldId}), encodedRecord(table, &record)};
-}
-
-void Census::add(size_t table, std::string_view key, std::string_view bytes) {
-  ++records_[table];
-  const std::string frame =
-      keyOf({static_cast<uint32_t>(table), static_cast<uint32_t>(key.size())});
-  digest_ += hashBytes(hashBytes(hashBytes(14695981039346656037u, frame), key), bytes);
-}
-
-Json Census::toJson() const {
-  Json records = Json::object();
-  for (size_t table = 0; table < tableCount; ++table) {
-    records[tableFormats[table].name] = records_[table];
-  }
-  char digest[17];
-  snprintf(digest, sizeof digest, "%016llx", static_cast<unsigned long long>(digest_));
-  return {{"records", records}, {"digest", digest}};
-}
-
-Json headerLine() {
-  return {{"format", "objdb dump 1"},
-          {"wordBits", 8 * sizeof(void *)},
-          {"library",
-           std::to_string(gdbm_version_number[0]) + "." + std::to_string(gdbm_version_number[1])}};
-}
-
-bool isHeaderLine(const Json &line) {
-  return line.value("format", "") == headerLine().at("format");
+Json parseLine(std::string_view text) {
+  std::vector<std::set<std::string>> names;  // of the objects around the present place
+  const auto look = [&names](int, Json::parse_event_t event, const Json &parsed) {
+    if (event == Json::parse_event_t::object_start) names.emplace_back();
+    if (event == Json::parse_event_t::object_end) names.pop_back();
+    if (event == Json::parse_event_t::key &&
+        !names.back().insert(parsed.get_ref<const std::string &>()).second) {
+      complain("a member twice: " + parsed.dump());
+    }
+    return true;
+  };
+  return Json::parse(text, look);
 }
 
 std::string toHex(std::string_view bytes) {

@@ -25,45 +25,29 @@
 
 using Json = nlohmann::ordered_json;
 
+extern const char *const typeNames[];  // by FieldType; null for 0, which is none
+
 struct StoredRecord {
   size_t table;  // index into tableFormats
   std::string key;
   std::string bytes;
 };
 
-// Null when the record does not decode.
+// Nothing when the record does not decode.
 std::optional<Json> recordToJson(size_t table, std::string_view key, std::string_view bytes);
 
-// The text of that line.
-std::optional<std::string> recordToLine(size_t table, std::string_view key, std::string_view bytes);
-
-// Throws std::exception with what is wrong with the line.
+// Throws std::exception with what is wrong with the line: a member that is missing, unknown, of
+// another type or out of range.
 StoredRecord recordFromJson(const Json &line);
 
-// The same for the text of a line, if it is one of a single value or a name in plain characters,
-// exactly as a dump has it: most lines are, and neither way needs a document made of them.
-std::optional<StoredRecord> recordFromPlainLine(std::string_view text);
+// The document of a line. Throws std::exception when it is none, or has a member twice, which
+// readers of JSON resolve differently.
+Json parseLine(std::string_view text);
 
 // A key that is made of these words.
 std::string keyOf(std::initializer_list<uint32_t> words);
 
 // A record as the table's encoder takes it, encoded. Throws std::exception when it cannot be.
 std::string encodedRecord(size_t table, const void *record);
-
-// How many records each table has, and a digest of keys and records that does not depend on their
-// order: the sum of the records' 64-bit FNV-1a hashes.
-class Census {
- public:
-  void add(size_t table, std::string_view key, std::string_view bytes);
-  Json toJson() const;
-
- private:
-  std::array<uint64_t, tableCount> records_{};
-  uint64_t digest_ = 0;
-};
-
-// The line before the records.
-Json headerLine();
-bool isHeaderLine(const Json &line);
 
 std::string toHex(std::string_view bytes);
