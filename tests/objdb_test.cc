@@ -146,6 +146,8 @@ TEST_F(Objdb, NothingIsLoadedFromADumpThatWasCutOrChanged) {
   const std::string sealedTwice = sealed.substr(0, lastLine) + sealed;
   EXPECT_THAT(run("objdb load --dir /usr/NQ/copy", sealedTwice).err,
               HasSubstr("no member \"table\""));
+  EXPECT_THAT(run("objdb load --unsealed --dir /usr/NQ/copy").err,
+              HasSubstr("no record in the input"));
   const Outcome directory = run("objdb load --unsealed --dir /usr/NQ/copy </usr/NQ");
   EXPECT_EQ(directory.status, 2);
   EXPECT_THAT(directory.err, HasSubstr("the input could not be read: Is a directory"));
@@ -160,7 +162,7 @@ TEST_F(Objdb, NothingIsLoadedFromADumpThatWasCutOrChanged) {
              R"({"table":"obj_info","object":1,"field":10,"name":null})",
              "[]",
              "{",
-             "",
+             "\n",
              R"({"table":"id_keeper","counter":1,"counter":2})",
              R"({"table":"id_keeper","counter":1,"object":2})",
              R"({"table":"id_keeper","counter":1.0})",

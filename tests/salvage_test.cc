@@ -63,7 +63,14 @@ struct Damaged {
 
 void change(Damaged &database, const std::string &line) {
   const std::string rest = line.substr(2);
-  if (line[0] == '+') database.lines.push_back(rest);
+  if (line[0] == '+') {
+    const StoredRecord fresh = recordFromJson(parseLine(rest));
+    std::erase_if(database.lines, [&fresh](const std::string &each) {
+      const StoredRecord record = recordFromJson(parseLine(each));
+      return record.table == fresh.table && record.key == fresh.key;
+    });
+    database.lines.push_back(rest);
+  }
   if (line[0] == '$') database.command = rest;
   for (int id = 100; line[0] == '*' && id < 100 + std::stoi(rest); ++id) {
     database.lines.push_back(valueLine(id, 22, R"("type":"Integer","value":5)"));

@@ -26,6 +26,7 @@ class DumpReader {
     // The end of the input and an error in it look alike.
     if (input_.bad()) complain(std::string("the input could not be read: ") + strerror(errno));
     if (sealed_ && !ended_) complain("the dump ends without its trailer");
+    if (!sealed_ && records_.empty()) complain("no record in the input");
     refuseTwice();
     return std::move(records_);
   }
