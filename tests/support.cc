@@ -53,8 +53,12 @@ void load(const Lines &lines) {
 Lines dump() {
   const Outcome outcome = run("objdb dump");
   EXPECT_EQ(outcome.status, 0) << outcome.err;
+  return dumpLines(outcome.out);
+}
+
+Lines dumpLines(const std::string &output) {
   Lines lines;
-  std::istringstream stream(outcome.out);
+  std::istringstream stream(output);
   for (std::string line; std::getline(stream, line);) lines.push_back(line);
   if (lines.size() < 2) return {};
   return {lines.begin() + 1, lines.end() - 1};

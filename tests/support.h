@@ -42,6 +42,9 @@ Outcome run(const std::string &command, const std::string &input = "");
 void load(const Lines &lines);
 Lines dump();
 
+// The records of a dump without its header and trailer.
+Lines dumpLines(const std::string &output);
+
 // Four name and protocol fields and what else a small network needs: the lines of a database that
 // has no objects yet.
 const Lines &emptyNetwork();

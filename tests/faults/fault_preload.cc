@@ -1,15 +1,18 @@
 // Loaded before the C library into the process under test (and passive in the processes it starts):
-// counts the calls that change the file system, and at the one that FAULT_AT names does what
-// FAULT_HOW says:
-//   kill           stops the process
-//   forget         and makes the directory FAULT_DISK forget what was not synced (forget-entries,
-//                  forget-contents and forget-creations: only that of it). Without a stop, at the
-//                  end of the process.
-//   a path         runs the program that is there, and goes on once it has ended
+// counts the calls that change the file system below /usr/NQ, and with FAULT_LOOKS those that only
+// look at it too. At the one that FAULT_AT names it does what FAULT_HOW says:
+//   kill           ends the process
+//   stop           stops it, until the one that started it says in FAULT_COUNT to go on
+//   forget         ends it, and makes the directory FAULT_DISK forget what was not synced
+//                  (forget-entries, forget-contents and forget-creations: only that of it). Without
+//                  an end by then, at the end of the process.
 //   a number       fails the call with that error
-// With FAULT_ON the last two do so at every call from then on.
-// FAULT_NOMAP opens tables without mapping them, so that the library writes by calls. The count so
-// far is in the file that FAULT_COUNT names.
+// With FAULT_ON "stop" and a number do so at every call from then on.
+// FAULT_NOMAP opens tables without mapping them, so that the library writes by calls.
+//
+// FAULT_COUNT names a file of at least sizeof(FaultCount) bytes that tells what was counted.
+// FAULT_ALONE finds no process of the platform without looking for one: the looks start a dozen
+// processes, which take ten times as long as all else that a run over a small database does.
 //
 // Built with FAULT_ALLOCATIONS it counts and fails allocations instead.
 
@@ -22,17 +25,17 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <fstream>
 
+#include "faults/fault_count.h"
 #include "faults/synced_disk.h"
 
 namespace {
 
-long calls;
 bool passive;  // while the calls are our own
 
 bool isTarget() {
@@ -65,7 +68,9 @@ void losePower() {
 }
 
 __attribute__((constructor)) void startDisk() {
+  passive = true;
   disk();
+  passive = false;
 }
 
 __attribute__((destructor)) void endDisk() {
@@ -74,21 +79,34 @@ __attribute__((destructor)) void endDisk() {
 
 #endif
 
+// By system calls, since the functions are those that are counted here.
+FaultCount *openCount() {
+  const long fd = syscall(SYS_open, getenv("FAULT_COUNT"), O_RDWR);
+#ifdef SYS_mmap2
+  const long memory =
+      syscall(SYS_mmap2, 0, sizeof(FaultCount), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+#else
+  const long memory =
+      syscall(SYS_mmap, 0, sizeof(FaultCount), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+#endif
+  syscall(SYS_close, fd);
+  if (memory == -1) abort();
+  return reinterpret_cast<FaultCount *>(memory);
+}
+
 // Whether the call shall fail; errno is set then.
-bool fault() {
-  if (!isTarget() || passive) return false;
+bool fault(const char *call) {
+  if (passive || !isTarget()) return false;
   static const long at = atol(getenv("FAULT_AT"));
   static const char *how = getenv("FAULT_HOW");
   static const bool on = getenv("FAULT_ON") != nullptr;
-  static const int counter = static_cast<int>(
-      syscall(SYS_open, getenv("FAULT_COUNT"), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-  ++calls;
-  char text[32];
-  const int length = snprintf(text, sizeof text, "%ld\n", calls);
-  syscall(SYS_pwrite64, counter, text, length, 0L, 0L);  // on i386 an offset takes two words
-  if (calls != at && !(on && calls > at)) return false;
-  if (*how == '/') {
-    [[maybe_unused]] const int status = system(how);
+  static FaultCount *count = openCount();
+  const long number = ++count->calls;
+  if (number != at && !(on && number > at)) return false;
+  if (number == at) strncpy(count->name, call, sizeof count->name - 1);
+  if (strcmp(how, "stop") == 0) {
+    const int stop = ++count->stops;
+    while (count->starts < stop) syscall(SYS_sched_yield);
     return false;
   }
   losePower();
@@ -97,22 +115,42 @@ bool fault() {
   return true;
 }
 
-#ifndef FAULT_ALLOCATIONS
-
 template <typename Function>
 Function next(const char *name) {
   return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
-int openFile(const char *name, const char *path, int flags, mode_t mode) {
+bool isAlone() {
+  static const bool alone = isTarget() && getenv("FAULT_ALONE") != nullptr;
+  return alone;
+}
+
+#ifndef FAULT_ALLOCATIONS
+
+// A look counts when it is one at the platform's files.
+bool faultyLook(const char *call) {
+  static const bool looks = getenv("FAULT_LOOKS") != nullptr;
+  return looks && fault(call);
+}
+
+bool faultyLook(const char *call, const char *path) {
+  return (*path != '/' || strncmp(path, "/usr/NQ", 7) == 0) && faultyLook(call);
+}
+
+bool faultyLook(const char *call, int fd) {
+  return fd > 2 && faultyLook(call);
+}
+
+bool faultyOpen(const char *call, const char *path, int flags) {
   const bool changes = (flags & (O_CREAT | O_TRUNC)) != 0 && strncmp(path, "/dev/", 5) != 0;
-  if (changes && fault()) return -1;
-  return next<int (*)(const char *, int, ...)>(name)(path, flags, mode);
+  return changes ? fault(call) : faultyLook(call, path);
 }
 
 int synced(int fd, int result) {
   if (result == 0 && disk() != nullptr) {
+    passive = true;
     disk()->synced(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)));
+    passive = false;
   }
   return result;
 }
@@ -120,6 +158,7 @@ int synced(int fd, int result) {
 // The file is the one that is mapped there.
 int synced(const void *start, size_t size, int result) {
   if (result != 0 || disk() == nullptr) return result;
+  passive = true;
   const auto address = reinterpret_cast<uintptr_t>(start);
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) {
@@ -129,107 +168,227 @@ int synced(const void *start, size_t size, int result) {
     if (address < begin || address >= end) continue;
     disk()->synced(line.substr(path), offset + address - begin, offset + address - begin + size);
   }
+  passive = false;
   return result;
-}
-
-mode_t modeOf(int flags, va_list arguments) {
-  return (flags & O_CREAT) != 0 ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
 }
 
 #endif
 
 }  // namespace
 
-extern "C" {
+// Defines the function of the C library with that name. Its own C++ name keeps it apart from the
+// declarations in the headers, which differ in exceptions and, on i386, rename some to others.
+// `failure` is what it returns for a fault, when `isFault` holds.
+#define CALL(result, name, parameters, arguments, isFault, failure) \
+  extern "C" result faulty_##name parameters __asm__(#name);        \
+  result faulty_##name parameters {                                 \
+    static const auto real = next<result(*) parameters>(#name);     \
+    return (isFault) ? (failure) : real arguments;                  \
+  }
+
+CALL(FILE *, popen, (const char *command, const char *mode), (command, mode), isAlone(),
+     fopen("/dev/null", mode))
+CALL(int, pclose, (FILE * stream), (stream), isAlone(), fclose(stream))
 
 #ifdef FAULT_ALLOCATIONS
+
+extern "C" {
 
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *storage, size_t size);
 
 void *malloc(size_t size) {
-  return fault() ? nullptr : __libc_malloc(size);
+  return fault("malloc") ? nullptr : __libc_malloc(size);
 }
 
 void *calloc(size_t count, size_t size) {
-  return fault() ? nullptr : __libc_calloc(count, size);
+  return fault("calloc") ? nullptr : __libc_calloc(count, size);
 }
 
 void *realloc(void *storage, size_t size) {
-  return fault() ? nullptr : __libc_realloc(storage, size);
+  return fault("realloc") ? nullptr : __libc_realloc(storage, size);
 }
+
+}  // extern "C"
 
 #else
 
-#define OPEN(name)                                \
-  int name(const char *path, int flags, ...) {    \
-    va_list arguments;                            \
-    va_start(arguments, flags);                   \
-    const mode_t mode = modeOf(flags, arguments); \
-    va_end(arguments);                            \
-    return openFile(#name, path, flags, mode);    \
-  }
+#define CHANGE(name, parameters, arguments) CALL(int, name, parameters, arguments, fault(#name), -1)
+#define LOOK(result, name, parameters, arguments, what, failure) \
+  CALL(result, name, parameters, arguments, faultyLook(#name, what), failure)
+#define BOTH(macro, name, offset, parameters, arguments) \
+  macro(name, offset, parameters, arguments) macro(name##64, offset##64, parameters, arguments)
+
+// The mode is read when none was given, too; the system then does not look at it.
+#define OPEN(name)                                                                 \
+  CALL(int, name, (const char *path, int flags, mode_t mode), (path, flags, mode), \
+       faultyOpen(#name, path, flags), -1)
+#define OPENAT(name)                                                                           \
+  CALL(int, name, (int fd, const char *path, int flags, mode_t mode), (fd, path, flags, mode), \
+       faultyOpen(#name, path, flags), -1)
 OPEN(open)
 OPEN(open64)
+OPENAT(openat)
+OPENAT(openat64)
+// What the library's headers make of them with -D_FORTIFY_SOURCE.
+CALL(int, __open_2, (const char *path, int flags), (path, flags), faultyLook("open", path), -1)
+CALL(int, __open64_2, (const char *path, int flags), (path, flags), faultyLook("open", path), -1)
+CALL(int, __openat_2, (int fd, const char *path, int flags), (fd, path, flags),
+     faultyLook("openat", path), -1)
+CALL(int, __openat64_2, (int fd, const char *path, int flags), (fd, path, flags),
+     faultyLook("openat", path), -1)
 
-#define CALL(name, parameters, arguments)                           \
-  int name parameters noexcept {                                    \
-    return fault() ? -1 : next<int(*) parameters>(#name) arguments; \
-  }
-CALL(ftruncate, (int fd, off_t size), (fd, size))
-CALL(ftruncate64, (int fd, off64_t size), (fd, size))
-CALL(fchmod, (int fd, mode_t mode), (fd, mode))
-CALL(rename, (const char *from, const char *to), (from, to))
-CALL(unlink, (const char *path), (path))
-CALL(unlinkat, (int fd, const char *path, int flags), (fd, path, flags))
-CALL(rmdir, (const char *path), (path))
+#define FOPEN(name)                                                                             \
+  CALL(FILE *, name, (const char *path, const char *mode), (path, mode),                        \
+       *mode == 'r' ? faultyLook(#name, path) : strncmp(path, "/dev/", 5) != 0 && fault(#name), \
+       nullptr)
+FOPEN(fopen)
+FOPEN(fopen64)
+
+CHANGE(creat, (const char *path, mode_t mode), (path, mode))
+CHANGE(creat64, (const char *path, mode_t mode), (path, mode))
+CHANGE(ftruncate, (int fd, off_t size), (fd, size))
+CHANGE(ftruncate64, (int fd, off64_t size), (fd, size))
+CHANGE(truncate, (const char *path, off_t size), (path, size))
+CHANGE(truncate64, (const char *path, off64_t size), (path, size))
+CHANGE(fallocate, (int fd, int mode, off_t start, off_t size), (fd, mode, start, size))
+CHANGE(fallocate64, (int fd, int mode, off64_t start, off64_t size), (fd, mode, start, size))
+CHANGE(fchmod, (int fd, mode_t mode), (fd, mode))
+CHANGE(chmod, (const char *path, mode_t mode), (path, mode))
+CHANGE(fchmodat, (int fd, const char *path, mode_t mode, int flags), (fd, path, mode, flags))
+CHANGE(fchown, (int fd, uid_t user, gid_t group), (fd, user, group))
+CHANGE(chown, (const char *path, uid_t user, gid_t group), (path, user, group))
+CHANGE(fchownat, (int fd, const char *path, uid_t user, gid_t group, int flags),
+       (fd, path, user, group, flags))
+CHANGE(rename, (const char *from, const char *to), (from, to))
+CHANGE(renameat, (int a, const char *from, int b, const char *to), (a, from, b, to))
+CHANGE(renameat2, (int a, const char *from, int b, const char *to, unsigned flags),
+       (a, from, b, to, flags))
+CHANGE(link, (const char *from, const char *to), (from, to))
+CHANGE(linkat, (int a, const char *from, int b, const char *to, int flags), (a, from, b, to, flags))
+CHANGE(symlink, (const char *to, const char *path), (to, path))
+CHANGE(symlinkat, (const char *to, int fd, const char *path), (to, fd, path))
+CHANGE(unlink, (const char *path), (path))
+CHANGE(unlinkat, (int fd, const char *path, int flags), (fd, path, flags))
+CHANGE(remove, (const char *path), (path))
+CHANGE(rmdir, (const char *path), (path))
+CHANGE(mkdirat, (int fd, const char *path, mode_t mode), (fd, path, mode))
+CHANGE(mkostemp, (char *path, int flags), (path, flags))
+CHANGE(mkostemp64, (char *path, int flags), (path, flags))
+CHANGE(mkstemp, (char *path), (path))
+CHANGE(mkstemp64, (char *path), (path))
+CHANGE(futimens, (int fd, const void *times), (fd, times))
+CHANGE(__futimens64, (int fd, const void *times), (fd, times))
+CHANGE(utimensat, (int fd, const char *path, const void *times, int flags),
+       (fd, path, times, flags))
+CHANGE(__utimensat64, (int fd, const char *path, const void *times, int flags),
+       (fd, path, times, flags))
+CHANGE(syncfs, (int fd), (fd))
+CALL(char *, mkdtemp, (char *path), (path), fault("mkdtemp"), nullptr)
+// These return the error.
+CALL(int, posix_fallocate, (int fd, off_t start, off_t size), (fd, start, size),
+     fault("posix_fallocate"), errno)
+CALL(int, posix_fallocate64, (int fd, off64_t start, off64_t size), (fd, start, size),
+     fault("posix_fallocate64"), errno)
 
 // Making what is there changes nothing, and does not fail for want of room.
-int mkdir(const char *path, mode_t mode) noexcept {
-  if (access(path, F_OK) != 0 && fault()) return -1;
-  return next<int (*)(const char *, mode_t)>("mkdir")(path, mode);
-}
+CALL(int, mkdir, (const char *path, mode_t mode), (path, mode),
+     syscall(SYS_access, path, F_OK) != 0 && fault("mkdir"), -1)
 
-ssize_t write(int fd, const void *bytes, size_t size) {
-  if (fd > 2 && fault()) return -1;
-  return next<ssize_t (*)(int, const void *, size_t)>("write")(fd, bytes, size);
-}
+#define WRITE(name, parameters, arguments) \
+  CALL(ssize_t, name, parameters, arguments, fd > 2 && fault(#name), -1)
+WRITE(write, (int fd, const void *bytes, size_t size), (fd, bytes, size))
+WRITE(pwrite, (int fd, const void *bytes, size_t size, off_t at), (fd, bytes, size, at))
+WRITE(pwrite64, (int fd, const void *bytes, size_t size, off64_t at), (fd, bytes, size, at))
+WRITE(writev, (int fd, const void *parts, int count), (fd, parts, count))
+CALL(ssize_t, copy_file_range,
+     (int from, off64_t *a, int to, off64_t *b, size_t size, unsigned flags),
+     (from, a, to, b, size, flags), fault("copy_file_range"), -1)
+CALL(ssize_t, sendfile, (int to, int from, off_t *at, size_t size), (to, from, at, size),
+     fault("sendfile"), -1)
+CALL(ssize_t, sendfile64, (int to, int from, off64_t *at, size_t size), (to, from, at, size),
+     fault("sendfile64"), -1)
 
-int fsync(int fd) {
-  return fault() ? -1 : synced(fd, next<int (*)(int)>("fsync")(fd));
-}
+#define SYNC(name, parameters, call, ...)                      \
+  extern "C" int faulty_##name parameters __asm__(#name);      \
+  int faulty_##name parameters {                               \
+    static const auto real = next<int(*) parameters>(#name);   \
+    return fault(#name) ? -1 : synced(__VA_ARGS__, real call); \
+  }
+SYNC(fsync, (int fd), (fd), fd)
+SYNC(fdatasync, (int fd), (fd), fd)
+SYNC(msync, (void *start, size_t size, int flags), (start, size, flags), start, size)
 
-int fdatasync(int fd) {
-  return fault() ? -1 : synced(fd, next<int (*)(int)>("fdatasync")(fd));
-}
+#define STATUS(name) LOOK(int, name, (const char *path, void *status), (path, status), path, -1)
+#define FSTATUS(name) LOOK(int, name, (int fd, void *status), (fd, status), fd, -1)
+#define STATUSAT(name)                                                                            \
+  LOOK(int, name, (int fd, const char *path, void *status, int flags), (fd, path, status, flags), \
+       path, -1)
+STATUS(stat)
+STATUS(stat64)
+STATUS(__stat64_time64)
+STATUS(lstat)
+STATUS(lstat64)
+STATUS(__lstat64_time64)
+STATUS(statvfs)
+STATUS(statvfs64)
+FSTATUS(fstat)
+FSTATUS(fstat64)
+FSTATUS(__fstat64_time64)
+FSTATUS(fstatvfs)
+FSTATUS(fstatvfs64)
+STATUSAT(fstatat)
+STATUSAT(fstatat64)
+STATUSAT(__fstatat64_time64)
+LOOK(int, statx, (int fd, const char *path, int flags, unsigned mask, void *status),
+     (fd, path, flags, mask, status), path, -1)
+LOOK(int, access, (const char *path, int mode), (path, mode), path, -1)
+LOOK(int, faccessat, (int fd, const char *path, int mode, int flags), (fd, path, mode, flags), path,
+     -1)
+LOOK(off_t, lseek, (int fd, off_t at, int from), (fd, at, from), fd, -1)
+LOOK(off64_t, lseek64, (int fd, off64_t at, int from), (fd, at, from), fd, -1)
+LOOK(ssize_t, read, (int fd, void *bytes, size_t size), (fd, bytes, size), fd, -1)
+LOOK(ssize_t, __read_chk, (int fd, void *bytes, size_t size, size_t room), (fd, bytes, size, room),
+     fd, -1)
+LOOK(ssize_t, pread, (int fd, void *bytes, size_t size, off_t at), (fd, bytes, size, at), fd, -1)
+LOOK(ssize_t, pread64, (int fd, void *bytes, size_t size, off64_t at), (fd, bytes, size, at), fd,
+     -1)
+LOOK(ssize_t, __pread64_chk, (int fd, void *bytes, size_t size, off64_t at, size_t room),
+     (fd, bytes, size, at, room), fd, -1)
+LOOK(ssize_t, readlink, (const char *path, char *text, size_t size), (path, text, size), path, -1)
+LOOK(ssize_t, readlinkat, (int fd, const char *path, char *text, size_t size),
+     (fd, path, text, size), path, -1)
+LOOK(int, flock, (int fd, int operation), (fd, operation), fd, -1)
+LOOK(int, dup, (int fd), (fd), fd, -1)
+LOOK(void *, opendir, (const char *path), (path), path, nullptr)
+LOOK(void *, fdopendir, (int fd), (fd), fd, nullptr)
+CALL(void *, readdir, (void *directory), (directory), faultyLook("readdir"), nullptr)
+CALL(void *, readdir64, (void *directory), (directory), faultyLook("readdir64"), nullptr)
+LOOK(void *, mmap, (void *start, size_t size, int access, int flags, int fd, off_t at),
+     (start, size, access, flags, fd, at), fd, MAP_FAILED)
+LOOK(void *, mmap64, (void *start, size_t size, int access, int flags, int fd, off64_t at),
+     (start, size, access, flags, fd, at), fd, MAP_FAILED)
 
-int msync(void *start, size_t size, int flags) {
-  return fault()
-             ? -1
-             : synced(start, size, next<int (*)(void *, size_t, int)>("msync")(start, size, flags));
-}
+// A file is closed although the call says that what was written to it is lost.
+CALL(int, close, (int fd), (fd), fd > 2 && faultyLook("close") && real(fd) == 0, -1)
 
-int posix_fallocate64(int fd, off64_t start, off64_t size) {
-  return fault() ? errno
-                 : next<int (*)(int, off64_t, off64_t)>("posix_fallocate64")(fd, start, size);
-}
+namespace {
 
 bool isUnmapped() {
   static const bool unmapped = getenv("FAULT_NOMAP") != nullptr;
   return unmapped;
 }
 
-int gdbm_setopt(GDBM_FILE table, int option, void *value, int size) {
-  if (option == GDBM_SETMMAP && isUnmapped()) return 0;
-  return next<int (*)(GDBM_FILE, int, void *, int)>("gdbm_setopt")(table, option, value, size);
-}
+}  // namespace
 
-GDBM_FILE gdbm_open(const char *path, int block, int flags, int mode, void (*fatal)(const char *)) {
+CALL(int, gdbm_setopt, (GDBM_FILE table, int option, void *value, int size),
+     (table, option, value, size), option == GDBM_SETMMAP && isUnmapped(), 0)
+
+extern "C" GDBM_FILE gdbm_open(const char *path, int block, int flags, int mode,
+                               void (*fatal)(const char *)) {
   return next<GDBM_FILE (*)(const char *, int, int, int, void (*)(const char *))>("gdbm_open")(
       path, block, isUnmapped() ? flags | GDBM_NOMMAP : flags, mode, fatal);
 }
 
 #endif
-
-}  // extern "C"

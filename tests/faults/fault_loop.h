@@ -1,0 +1,133 @@
+// Fault loops: one command over one database, with a fault at its first call of some kind, at its
+// second, and so on until it completes; after each the tables are judged.
+//
+// To have another command tried, add a row to commands() in the test file of its program, with a
+// judge of its own where nothingIsLost says too little.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "support.h"
+
+// What the loops start from: all files below /usr/NQ/databases, kept in memory.
+class Snapshot {
+ public:
+  static Snapshot take();
+  // Puts the files back, and removes what else a run leaves (lock file, logs).
+  void putBack() const;
+
+ private:
+  struct File {
+    std::string path;
+    unsigned mode;
+    bool isDirectory;
+    std::string content;
+  };
+  std::vector<File> files_;
+};
+
+// A version of the database as its dump tells it. Not whole: it cannot be dumped.
+struct VersionLines {
+  Lines lines;
+  bool whole = false;
+  bool unfinished = false;
+  auto operator<=>(const VersionLines &) const = default;
+};
+
+// "current", when its directory is there, and every archived version, by name.
+using Versions = std::map<std::string, VersionLines>;
+Versions versionsNow();
+
+struct Round;
+
+struct Command {
+  std::string label;  // letters and digits: a part of the tests' names
+  std::vector<std::string>
+      line;  // program and arguments; "VERSION" stands for the one that is there
+  std::string input = "yes\n";
+  // Makes the databases that the command starts from out of the one that the test has loaded.
+  std::function<void()> prepare = [] {};
+  // Looks at the tables after a round, beyond nothingIsLost. May change them.
+  std::function<void(const Round &)> judge = [](const Round &) {};
+};
+
+enum class Points {
+  changes,      // calls that change the file system
+  calls,        // those, and calls that look at it or lock it
+  allocations,  // requests for memory
+};
+
+struct Fault {
+  std::string label;  // as in Command
+  std::string how;    // as fault_preload.cc has it
+  Points points = Points::changes;
+  bool on = false;     // from then on
+  bool mapped = true;  // whether the table library maps its files
+
+  bool ends() const { return how == "kill" || how.starts_with("forget"); }
+  bool fails() const { return !ends() && how != "stop"; }
+};
+
+// Every kind that ends a run or makes a call fail.
+const std::vector<Fault> &faults();
+
+struct Round {
+  const Command &command;
+  const Fault &fault;
+  long at;
+  bool reached;          // the command came to the point; if not, it ran as if there were none
+  Outcome outcome;       // of the command
+  const Outcome &clean;  // of the command without a fault
+  const Versions &before, &after;  // the command, and the command without a fault
+  Versions now;
+};
+
+// How the tests show their parameters.
+inline void PrintTo(const Command &command, std::ostream *stream) {
+  *stream << command.label;
+}
+inline void PrintTo(const Fault &fault, std::ostream *stream) {
+  *stream << fault.label;
+}
+
+// How CTest names the test of a command and a fault.
+std::string caseName(const testing::TestParamInfo<std::tuple<Command, Fault>> &test);
+
+// Whether the name of the case ends with one of these. For cases that are known to fail and wait
+// for their cure: take them out of the list with the cure.
+bool isOneOf(const std::vector<std::string> &cases, const Command &command, const Fault &fault);
+
+// The fault at point `at`; beyond the last one for none. Counts the points of the run in *points
+// and names the call at the fault in *call, where they are given.
+Outcome runWithFault(const Command &command, const Fault &fault, long at, long *points = nullptr,
+                     std::string *call = nullptr, const std::function<void()> &meanwhile = {});
+
+// The same, killed after that time, whatever it does then.
+Outcome runAndKill(const Command &command, std::chrono::nanoseconds after);
+
+// The points of a loop that has so many. Every one, or with DBSWEEP_POINTS in the environment that
+// many at even distances, which begin elsewhere with another DBSWEEP_SEED.
+std::vector<long> pointsToTry(long points);
+
+// Runs the command with the fault at every point, from the tables that are there, and judges.
+// Fails with the command, the fault and the point.
+void faultEverywhere(const Command &command, const Fault &fault);
+
+// At every point of the first command the second one runs, from start to end. Both outcomes go to
+// the judge.
+using JudgeTwo =
+    std::function<void(const Round &first, const Outcome &second, const Versions &before)>;
+void letInEverywhere(const Command &first, const Command &second, const JudgeTwo &judge);
+
+// What holds after any command and any fault: "current" is as before or as after, or the marked
+// version holds it as before; the other versions are as before or as after; every version that has
+// a name is whole; a failure is not silent, and a run that reports nothing has done all of its
+// work. The next run then names the marked version, if there is one, and objdb brings it back;
+// after that the database is ready for use.
+void nothingIsLost(const Round &round);
