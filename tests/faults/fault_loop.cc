@@ -183,7 +183,7 @@ VersionLines linesOf(const std::string &name) {
   const fs::path directory = database / name;
   const auto [found, isNew] = known.try_emplace(textOf(directory));
   if (isNew) {
-    const Outcome dumped = run("objdb dump --version " + name);
+    const Outcome dumped = runAlone({"objdb", "dump", "--version", name});
     found->second.unfinished = exists(directory / "unfinished");
     if (dumped.status == 0) {
       found->second.whole = true;
@@ -245,16 +245,16 @@ bool holdLines(const Versions &versions, const Lines &lines) {
 void expectAWayOn(const Round &round) {
   static std::unordered_map<std::string, bool> known;
   if (!known.try_emplace(textOf(database)).second) return;
-  const Command count{"count", {"dbsweep", "-d", "99"}};
+  const std::vector<std::string> count = {"dbsweep", "-d", "99"};
   const std::string marked = markedIn(round.now);
   if (!marked.empty()) {
-    const Outcome refused = runWithFault(count, {"none", "none"}, 0);
+    const Outcome refused = runAlone(count, "yes\n");
     // Where the tables are gone, the run may not get as far as to look for the version.
     ASSERT_THAT(refused.err,
                 AnyOf(EndsWith("Cannot open objects database.\n"),
                       HasSubstr("An earlier run did not finish. Its tables are kept in " +
                                 (database / marked).string() + ";")));
-    const Outcome restored = run("objdb restore " + marked);
+    const Outcome restored = runAlone({"objdb", "restore", marked});
     ASSERT_EQ(restored.status, 0) << restored.err;
     const Versions versions = versionsNow();
     ASSERT_EQ(find(versions, "current")->lines, find(round.now, marked)->lines);
@@ -263,7 +263,7 @@ void expectAWayOn(const Round &round) {
   const Versions versions = versionsNow();
   const VersionLines *current = find(versions, "current");
   if (current == nullptr || !current->whole) return;
-  const Outcome next = runWithFault(count, {"none", "none"}, 0);
+  const Outcome next = runAlone(count, "yes\n");
   ASSERT_EQ(next.status, 0) << "the next run: " << next.err;
   ASSERT_EQ(linesOf("current"), *current);
 }
@@ -371,6 +371,10 @@ Outcome runWithFault(const Command &command, const Fault &fault, long at, long *
   if (points != nullptr) *points = running.count().calls;
   if (call != nullptr) *call = running.count().name;
   return outcome;
+}
+
+Outcome runAlone(const std::vector<std::string> &line, const std::string &input) {
+  return runWithFault({"", line, input}, {"none", "none"}, 0);
 }
 
 Outcome runAndKill(const Command &command, std::chrono::nanoseconds after) {

@@ -108,6 +108,9 @@ bool isOneOf(const std::vector<std::string> &cases, const Command &command, cons
 Outcome runWithFault(const Command &command, const Fault &fault, long at, long *points = nullptr,
                      std::string *call = nullptr, const std::function<void()> &meanwhile = {});
 
+// The same without a fault, for many short runs: no shell, and no look for processes.
+Outcome runAlone(const std::vector<std::string> &line, const std::string &input = "");
+
 // The same, killed after that time, whatever it does then.
 Outcome runAndKill(const Command &command, std::chrono::nanoseconds after);
 
