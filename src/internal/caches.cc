@@ -2,7 +2,9 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <new>
 
+#include "internal/stored_values.h"
 #include "platform/strings.h"
 #include "records/codecs.h"
 
@@ -27,6 +29,11 @@ uint32_t mapsExistsFldId = 0;
 FieldValList::FieldValList(_ListNode CachedValue::*node)
     : _List(node == &CachedValue::inObject ? offsetof(CachedValue, inObject)
                                            : offsetof(CachedValue, inField)) {}
+
+void FieldValList::reorder(const std::vector<CachedValue *> &values) {
+  forget();
+  for (const CachedValue *value : values) insert(value);
+}
 
 uint32_t FieldNameTbl::hash(const void *key) const {
   return collationHash(static_cast<const char *>(key));
@@ -67,32 +74,46 @@ struct CachedObject {
   ObjCacheEntry entry{&id, &values, nullptr, nullptr};
   FieldValList values{&CachedValue::inObject};
   uint32_t id;
+  uint32_t isStored : 1;  // in the storage of its table
+  uint32_t storedValues : 31;
 };
 
-void freeCachedObject(ObjCacheEntry *entry) {
+CachedObject *inOnePiece(ObjCacheEntry *entry) {
   auto *object = reinterpret_cast<CachedObject *>(entry);
-  if (entry->values == &object->values) {
-    delete object;
-    return;
+  return entry->values == &object->values ? object : nullptr;
+}
+
+// What is stored goes with the storage, and is not even looked at.
+bool hasOnlyStoredValues(ObjCacheEntry *entry) {
+  const CachedObject *object = inOnePiece(entry);
+  return object != nullptr && static_cast<int>(object->storedValues) == entry->values->size();
+}
+
+void freeValues(FieldValList *values) {
+  for (FieldValIter walk(values); walk() != nullptr;) {
+    CachedValue *item = walk();
+    walk++;
+    freeCachedValue(item);
   }
-  // Made elsewhere, in pieces.
-  delete entry->values;
-  free(entry->objectId);
-  free(entry);
+}
+
+void freeCachedObject(ObjCacheEntry *entry) {
+  CachedObject *object = inOnePiece(entry);
+  if (object == nullptr) {  // made elsewhere, in pieces
+    delete entry->values;
+    free(entry->objectId);
+    free(entry);
+  } else if (!object->isStored) {
+    delete object;
+  }
 }
 
 }  // namespace
 
 ObjTable::~ObjTable() {
-  for (RecencyIter walk(this); walk() != nullptr;) {
-    ObjCacheEntry *entry = walk();
-    walk++;
-    for (FieldValIter value(entry->values); value() != nullptr;) {
-      CachedValue *item = value();
-      value++;
-      NQwDbFreeFieldValue(item->value);
-      free(item);
-    }
+  for (_HashIter item(this); item() != nullptr; item++) {
+    auto *entry = static_cast<ObjCacheEntry *>(item()->data());
+    if (!hasOnlyStoredValues(entry)) freeValues(entry->values);
     freeCachedObject(entry);
   }
 }
@@ -106,12 +127,26 @@ ObjCacheEntry *ObjTable::find(uint32_t objectId) {
   // The values of one object often come in a row.
   ObjCacheEntry *last = newest();
   if (last != nullptr && *last->objectId == objectId) return last;
+  ObjCacheEntry *entry = look(objectId);
+  if (entry != nullptr) promote(entry);
+  return entry;
+}
+
+ObjCacheEntry *ObjTable::look(uint32_t objectId) const {
   const _HashItem *item = _Hash::find(wordKey(objectId));
-  if (item == nullptr) return nullptr;
-  auto *entry = static_cast<ObjCacheEntry *>(item->data());
+  return item == nullptr ? nullptr : static_cast<ObjCacheEntry *>(item->data());
+}
+
+void ObjTable::announceChange(const ObjCacheEntry *entry) {
+  __builtin_prefetch(entry->next, 1);
+  __builtin_prefetch(entry->prev, 1);
+  entry->values->prefetchEnd();
+}
+
+void ObjTable::promote(ObjCacheEntry *entry) {
+  if (entry->next == &sentinel_) return;
   unlink(entry);
   linkNewest(entry);
-  return entry;
 }
 
 void ObjTable::remove(ObjCacheEntry *entry) {
@@ -123,11 +158,6 @@ void ObjTable::remove(ObjCacheEntry *entry) {
 
 int ObjTable::isIn(uint32_t objectId) const {
   return _Hash::isIn(wordKey(objectId));
-}
-
-void ObjTable::announceAgain(uint32_t objectId) const {
-  const _HashItem *item = _Hash::find(wordKey(objectId));
-  if (item != nullptr) __builtin_prefetch(item->data());
 }
 
 ObjCacheEntry *ObjTable::oldest() const {
@@ -157,13 +187,34 @@ void unlinkCachedValue(ObjCacheEntry *object, FieldCacheEntry *field, CachedValu
   }
   object->values->remove(item);
   field->values->remove(item);
+  if (isStored(item)) --inOnePiece(object)->storedValues;
 }
 
-ObjCacheEntry *newCachedObject(uint32_t objectId) {
-  auto *object = new CachedObject;
+namespace {
+
+ObjCacheEntry *enterObject(CachedObject *object, uint32_t objectId, bool isStored) {
   object->id = objectId;
+  object->isStored = isStored ? 1 : 0;
+  object->storedValues = 0;
   ObjValCache->insert(&object->entry);
   return &object->entry;
+}
+
+}  // namespace
+
+ObjCacheEntry *newCachedObject(uint32_t objectId) {
+  return enterObject(new CachedObject, objectId, false);
+}
+
+void appendStoredValue(ObjCacheEntry *object, CachedValue *item) {
+  item->objectId = object->objectId;
+  object->values->insert(item);
+  ++inOnePiece(object)->storedValues;
+}
+
+ObjCacheEntry *newStoredObject(uint32_t objectId) {
+  void *storage = ObjValCache->storage().take(sizeof(CachedObject));
+  return enterObject(new (storage) CachedObject, objectId, true);
 }
 
 void destroyCachedObject(ObjCacheEntry *object) {

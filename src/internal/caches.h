@@ -8,7 +8,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "platform/arena.h"
 #include "platform/field_values.h"
 #include "platform/hash.h"
 #include "platform/list.h"
@@ -29,6 +31,9 @@ class FieldValList : public _List {
  public:
   // Which of a value's two nodes this list uses: &CachedValue::inObject or &CachedValue::inField.
   explicit FieldValList(_ListNode CachedValue::*node);
+
+  // Brings the values, which are those of the list, in this order.
+  void reorder(const std::vector<CachedValue *> &values);
 };
 
 class FieldValIter : public _ListIter {
@@ -65,8 +70,8 @@ class FieldTable : public _Hash {
   void remove(uint32_t fieldId);                  // the entry stays the caller's
 };
 
-// Made in one piece with its id and its list by newCachedObject, or elsewhere of three: entry and id
-// from malloc, the list by new.
+// Made in one piece with its id and its list by newCachedObject, or elsewhere of three: entry and
+// id from malloc, the list by new.
 struct ObjCacheEntry {
   uint32_t *objectId;    // owned; values and name indexes point at it
   FieldValList *values;  // owned with its values
@@ -74,7 +79,8 @@ struct ObjCacheEntry {
   ObjCacheEntry *prev;   // toward the older end
 };
 
-// Object id to ObjCacheEntry, with a recency order. Owns its entries and their values.
+// Object id to ObjCacheEntry, with a recency order. Owns its entries and their values: those that a
+// load has made lie in the table's own storage (stored_values.h), all others came from malloc.
 class ObjTable : public _Hash {
  public:
   using _Hash::_Hash;
@@ -85,13 +91,19 @@ class ObjTable : public _Hash {
   void remove(ObjCacheEntry *entry);       // the entry stays the caller's
   int isIn(uint32_t objectId) const;       // without making it the newest
 
-  // Looking up objects in random order is waiting for memory. Whoever knows that it will look for
-  // an object soon announces it, and once more a little later; neither changes anything.
+  // The three steps of finding and changing an object, for a load, to which they are mostly waiting
+  // for memory. Whoever knows that it will look for an object soon starts with the first, and goes
+  // on a little later each time. The second gives the entry, or null; only the last, which makes it
+  // the newest, changes anything.
   void announce(uint32_t objectId) const { prefetch(wordKey(objectId)); }
-  void announceAgain(uint32_t objectId) const;
+  ObjCacheEntry *look(uint32_t objectId) const;
+  static void announceChange(const ObjCacheEntry *entry);
+  void promote(ObjCacheEntry *entry);
 
   ObjCacheEntry *oldest() const;  // null when empty
   ObjCacheEntry *newest() const;  // null when empty
+
+  Arena &storage() { return storage_; }
 
  private:
   friend class RecencyIter;
@@ -101,6 +113,7 @@ class ObjTable : public _Hash {
 
   // Closes the circle: its next is the oldest entry, its prev the newest.
   ObjCacheEntry sentinel_{nullptr, nullptr, &sentinel_, &sentinel_};
+  Arena storage_;
 };
 
 // Walks over the objects from the newest to the oldest. The current one must not be removed or
@@ -148,8 +161,12 @@ extern uint32_t mapsExistsFldId;
 // The item and its value become the caller's.
 void unlinkCachedValue(ObjCacheEntry *object, FieldCacheEntry *field, CachedValue *item);
 
-// Makes an object without values and enters it into ObjValCache.
+// Makes an object without values and enters it into ObjValCache; the second in the table's storage.
 ObjCacheEntry *newCachedObject(uint32_t objectId);
+ObjCacheEntry *newStoredObject(uint32_t objectId);
+
+// Appends a stored value to the list of an object that one of the two has made.
+void appendStoredValue(ObjCacheEntry *object, CachedValue *item);
 
 // Takes an object whose values are gone out of ObjValCache and frees it.
 void destroyCachedObject(ObjCacheEntry *object);

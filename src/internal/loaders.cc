@@ -2,13 +2,16 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <utility>
+#include <string_view>
 
+#include "internal/bulk_load.h"
 #include "internal/scan.h"
+#include "internal/stored_values.h"
 #include "platform/out_of_memory.h"
 #include "platform/strings.h"
 #include "records/codecs.h"
 #include "records/field_codec.h"
+#include "records/record_views.h"
 
 LoadLosses loadLosses{};
 
@@ -21,10 +24,6 @@ template <typename Copy>
 Copy *copiedOrEnd(Copy *copy) {
   if (copy == nullptr) failForWantOfMemory();
   return copy;
-}
-
-bool isAnyObject(uint32_t) {
-  return true;
 }
 
 bool isCachedObject(uint32_t objectId) {
@@ -55,41 +54,80 @@ class CutStringCount {
   uint32_t before_ = cutStrings;
 };
 
-void loadNames(ObjectDatabase *db, bool (*admits)(uint32_t objectId)) {
+// Adds a single value that was read in place.
+void addView(BulkLoad *load, const RecordView &view) {
+  FieldCacheEntry *field = FieldInfoCache->find(view.fieldId);
+  CachedValue *item = nullptr;
+  if (field == nullptr) {
+    ++loadLosses.unknownField;
+  } else {
+    item = view.hasText ? storeText(ObjValCache, view.text) : storeValue(ObjValCache, view.value);
+  }
+  load->add(view.objectId, field, item);
+}
+
+void addDecoded(BulkLoad *load, const dbObjectValue &record) {
+  FieldCacheEntry *field = FieldInfoCache->find(record.fieldId);
+  if (field == nullptr) ++loadLosses.unknownField;
+  load->add(record.objectId, field,
+            field == nullptr ? nullptr : storeValue(ObjValCache, *record.value));
+}
+
+void loadAllNames(ObjectDatabase *db) {
   const CutStringCount cut;
-  loadLosses.unreadable += forEachRecord<dbObject>(db->objInfoDb, [admits](dbObject *record) {
-    if (!admits(record->objectId)) return;
+  BulkLoad load;
+  loadLosses.unreadable += forEachStored(db->objInfoDb, [&](std::string_view bytes) {
+    RecordView view;
+    if (viewDbObject(bytes, &view)) {
+      addView(&load, view);
+      return true;
+    }
+    const auto *record = static_cast<dbObject *>(_NQ_dbm_db_decode(db->objInfoDb, bytes));
+    if (record == nullptr) return false;
+    addView(&load, {record->objectId, record->fieldId, {0, String, {}, 0}, record->name, true});
+    return true;
+  });
+  load.finish();
+}
+
+// Both data formats decode to the same records.
+void loadAllValues(ObjectDatabase *db) {
+  const CutStringCount cut;
+  BulkLoad load;
+  loadLosses.unreadable += forEachStored(db->valueInfoDb, [&](std::string_view bytes) {
+    RecordView view;
+    if (viewDbObjectValue(bytes, &view)) {
+      addView(&load, view);
+      return true;
+    }
+    auto *record = static_cast<dbObjectValue *>(_NQ_dbm_db_decode(db->valueInfoDb, bytes));
+    if (record == nullptr) return false;
+    addDecoded(&load, *record);
+    freeDbObjectValue(record);
+    return true;
+  });
+  load.finish();
+}
+
+void loadNamesWithinLimit(ObjectDatabase *db) {
+  const CutStringCount cut;
+  loadLosses.unreadable += forEachRecord<dbObject>(db->objInfoDb, [](dbObject *record) {
+    if (!isWithinLimit(record->objectId)) return;
     enterOrRelease(record->objectId, record->fieldId, newFieldValue(String, record->name));
   });
 }
 
-// Enters the value of a decoded record, which the cache takes over, or releases it.
-void enterRecord(dbObjectValue *record, bool (*admits)(uint32_t objectId)) {
-  if (admits(record->objectId)) {
-    enterOrRelease(record->objectId, record->fieldId, record->value);
-  } else {
-    NQwDbFreeFieldValue(record->value);
-  }
-  free(record);
-}
-
-// A table gives its records in no order that the caches know, so that every value is of another
-// object. A few records wait between being read and being entered, in the order in which they came,
-// while their objects are fetched from memory. Both data formats decode to the same records.
-void loadValues(ObjectDatabase *db, bool (*admits)(uint32_t objectId)) {
-  constexpr size_t ahead = 16;
+// What may have to make room for another object does not lie in the table's storage.
+void loadValuesWithinLimit(ObjectDatabase *db) {
   const CutStringCount cut;
-  dbObjectValue *waiting[ahead] = {};
-  size_t count = 0;
-  const auto take = [&](dbObjectValue *record) {
-    if (record != nullptr) ObjValCache->announce(record->objectId);
-    dbObjectValue *halfway = waiting[(count + ahead / 2) % ahead];
-    if (halfway != nullptr) ObjValCache->announceAgain(halfway->objectId);
-    std::swap(record, waiting[count++ % ahead]);
-    if (record != nullptr) enterRecord(record, admits);
-  };
-  loadLosses.unreadable += forEachRecord<dbObjectValue>(db->valueInfoDb, take);
-  for (size_t i = 0; i < ahead; ++i) take(nullptr);
+  loadLosses.unreadable += forEachRecord<dbObjectValue>(db->valueInfoDb, [](dbObjectValue *record) {
+    if (isCachedObject(record->objectId)) {
+      enterOrRelease(record->objectId, record->fieldId, record->value);
+    } else {
+      NQwDbFreeFieldValue(record->value);
+    }
+    free(record);
+  });
 }
 
 // How many names a name field's index is made for: with a limit on the cached objects, the fields
@@ -158,23 +196,23 @@ int addFieldInfo(NQwFieldInfo *info) {
 }
 
 int loadObjectNames(ObjectDatabase *db) {
-  loadNames(db, isAnyObject);
+  loadAllNames(db);
   return 1;
 }
 
 int loadObjectValues(ObjectDatabase *db) {
-  loadValues(db, isAnyObject);
+  loadAllValues(db);
   return 1;
 }
 
 int loadObjectValuesOld(ObjectDatabase *db) {
-  loadValues(db, isAnyObject);
+  loadAllValues(db);
   return 1;
 }
 
 int loadObjectsWithinLimit(ObjectDatabase *db) {
-  loadNames(db, isWithinLimit);
-  loadValues(db, isCachedObject);
+  loadNamesWithinLimit(db);
+  loadValuesWithinLimit(db);
   return 1;
 }
 

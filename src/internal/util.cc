@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "internal/loaders.h"
+#include "internal/stored_values.h"
 #include "platform/out_of_memory.h"
 #include "platform/strings.h"
 #include "records/field_codec.h"
@@ -66,8 +67,7 @@ void evict(ObjCacheEntry *entry) {
     FieldCacheEntry *field = FieldInfoCache->find(item->field->fieldId);
     if (field == nullptr) continue;
     unlinkCachedValue(entry, field, item);
-    NQwDbFreeFieldValue(item->value);
-    free(item);
+    freeCachedValue(item);
   }
   destroyCachedObject(entry);
 }

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "internal/iGetFV.h"
+#include "internal/stored_values.h"
 #include "records/value_table.h"
 #include "store/error_report.h"
 #include "store/name_table.h"
@@ -43,9 +44,8 @@ int deleteObjectEntries(uint32_t objectId, ObjCacheEntry *entry) {
       return failDeletion("Cache");
     }
     unlinkCachedValue(entry, field, item);
-    NQwDbFreeFieldValue(item->value);
+    freeCachedValue(item);
     const int deleted = deleteStoredValue(objectId, fieldId, flags, db);
-    free(item);
     if (deleted == 0) return 0;
   }
   destroyCachedObject(entry);

@@ -313,6 +313,10 @@ void *_NQ_dbm_db_getnext(NQ_dbm_db *db) {
   return decode(db->table, record.bytes);
 }
 
+void *_NQ_dbm_db_decode(NQ_dbm_db *db, std::string_view bytes) {
+  return decode(db->table, bytes);
+}
+
 DbmScan _NQ_dbm_db_scan(const NQ_dbm_db *db) {
   return db->table->scan;
 }

@@ -79,6 +79,9 @@ uint64_t _NQ_dbm_db_unreached(const NQ_dbm_db *db);
 // The same walk without the decoder: false when there is no further record.
 bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record);
 
+// What the table's decoder makes of bytes that such a walk gave.
+void *_NQ_dbm_db_decode(NQ_dbm_db *db, std::string_view bytes);
+
 // Stores bytes as they are. 0, or -1 when the library fails.
 int _NQ_dbm_db_store_raw(NQ_dbm_db *db, std::string_view key, std::string_view bytes);
 

@@ -1,0 +1,101 @@
+#include "internal/bulk_load.h"
+
+#include <algorithm>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "internal/object_walk.h"
+
+namespace {
+
+// Where a value stands: behind all that have a smaller place or came before it.
+struct Placed {
+  uint32_t place;
+  CachedValue *value;
+};
+
+void sortByPlace(std::vector<Placed> &values) {
+  const auto isBefore = [](const Placed &a, const Placed &b) { return a.place < b.place; };
+  std::stable_sort(values.begin(), values.end(), isBefore);
+}
+
+bool hasSecondValues(const std::vector<Placed> &sorted) {
+  return std::adjacent_find(sorted.begin(), sorted.end(), [](const Placed &a, const Placed &b) {
+           return a.place == b.place;
+         }) != sorted.end();
+}
+
+// A field's first value stands where its id belongs, and a later one at the end of the list as it
+// was when it came. That is behind the highest field until then, and in front of every higher one
+// that came afterwards.
+void placeSecondValues(const std::vector<CachedValue *> &asTheyCame, std::vector<Placed> &values) {
+  std::unordered_set<uint32_t> seen;
+  uint32_t highest = 0;
+  values.clear();
+  for (CachedValue *value : asTheyCame) {
+    const uint32_t fieldId = value->field->fieldId;
+    const bool isFirst = seen.insert(fieldId).second;
+    if (isFirst) highest = std::max(highest, fieldId);
+    values.push_back({isFirst ? fieldId : highest, value});
+  }
+  sortByPlace(values);
+}
+
+void order(FieldValList *list, std::vector<CachedValue *> &asTheyCame) {
+  static std::vector<Placed> values;
+  values.clear();
+  bool ascends = true;
+  for (CachedValue *value : asTheyCame) {
+    const uint32_t fieldId = value->field->fieldId;
+    ascends = ascends && (values.empty() || fieldId > values.back().place);
+    values.push_back({fieldId, value});
+  }
+  if (ascends) return;
+  sortByPlace(values);
+  if (hasSecondValues(values)) placeSecondValues(asTheyCame, values);
+  std::transform(values.begin(), values.end(), asTheyCame.begin(),
+                 [](const Placed &placed) { return placed.value; });
+  list->reorder(asTheyCame);
+}
+
+}  // namespace
+
+void BulkLoad::add(uint32_t objectId, FieldCacheEntry *field, CachedValue *item) {
+  ObjValCache->announce(objectId);
+  Waiting &next = waiting_[added_ % waiting_.size()];
+  enter(next);
+  next = {objectId, field, item, nullptr, true};
+  ++added_;
+  Waiting &second = before(distance);
+  if (second.isWaiting) second.object = ObjValCache->look(second.objectId);
+  if (second.object != nullptr) __builtin_prefetch(second.object, 1);
+  const Waiting &third = before(2 * distance);
+  if (third.object != nullptr) ObjTable::announceChange(third.object);
+}
+
+void BulkLoad::enter(Waiting &waiting) {
+  if (!std::exchange(waiting.isWaiting, false)) return;
+  ObjCacheEntry *object = waiting.object;
+  if (object != nullptr) {
+    ObjValCache->promote(object);
+  } else {
+    object = ObjValCache->find(waiting.objectId);
+    if (object == nullptr) object = newStoredObject(waiting.objectId);
+  }
+  FieldCacheEntry *field = waiting.field;
+  if (field == nullptr) return;
+  CachedValue *item = waiting.item;
+  item->field = field->info;
+  appendStoredValue(object, item);
+  field->values->insert(item);
+  const char *name = field->valueIndex == nullptr ? nullptr : singleString(item->value);
+  if (name != nullptr) field->valueIndex->insert(const_cast<char *>(name), object->objectId);
+}
+
+void BulkLoad::finish() {
+  for (size_t i = 0; i < waiting_.size(); ++i) enter(waiting_[added_++ % waiting_.size()]);
+  forEachObject(ObjValCache, [](ObjCacheEntry *object, std::vector<CachedValue *> &values) {
+    order(object->values, values);
+  });
+}

@@ -1,0 +1,48 @@
+// Entering the values of whole scans into ObjValCache.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "internal/caches.h"
+
+// Does with many values what addObjectValue does with each, in another order of steps: values are
+// appended as they come, and when all have come every object's list is put in order once. The
+// result is the same, in all orders that anybody sees.
+//
+// A table gives its records in no order that the caches know, so that every value is of another
+// object. Some wait between being added and being entered, in the order in which they came, while
+// their objects are fetched from memory.
+class BulkLoad {
+ public:
+  BulkLoad() = default;
+  BulkLoad(const BulkLoad &) = delete;
+  BulkLoad &operator=(const BulkLoad &) = delete;
+
+  // Makes the object the newest and enters the value (stored_values.h). With a null field the
+  // object is there all the same, and the item is ignored.
+  void add(uint32_t objectId, FieldCacheEntry *field, CachedValue *item);
+
+  // Enters what waits and puts the lists in order. Called once, behind the last value.
+  void finish();
+
+ private:
+  struct Waiting {
+    uint32_t objectId;
+    FieldCacheEntry *field;
+    CachedValue *item;
+    ObjCacheEntry *object;  // null while it is not known
+    bool isWaiting;
+  };
+  static constexpr size_t steps = 3;
+  static constexpr size_t distance = 8;  // between two steps
+
+  Waiting &before(size_t count) {
+    return waiting_[(added_ + waiting_.size() - count) % waiting_.size()];
+  }
+  static void enter(Waiting &waiting);
+
+  std::array<Waiting, steps * distance> waiting_{};
+  size_t added_ = 0;
+};

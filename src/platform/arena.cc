@@ -1,0 +1,60 @@
+#include "platform/arena.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+
+#include "platform/out_of_memory.h"
+
+namespace {
+
+constexpr size_t smallestBlock = size_t{32} * 1024;
+constexpr size_t largestBlock = size_t{16} * 1024 * 1024;
+
+// Large pages spare most page faults, and most searches for where a page is. Memory is touched in
+// no order here, so that both are dear.
+void useLargePages(char *start, size_t bytes) {
+  constexpr size_t largePage = size_t{2} * 1024 * 1024;
+  if (bytes < 2 * largePage) return;
+  const auto pageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t beyondPage = reinterpret_cast<uintptr_t>(start) % pageSize;
+  madvise(start - beyondPage, bytes + beyondPage, MADV_HUGEPAGE);
+}
+
+}  // namespace
+
+Arena::~Arena() {
+  while (newest_ != nullptr) {
+    Block *block = newest_;
+    newest_ = block->older;
+    free(block);
+  }
+}
+
+void *Arena::take(size_t bytes) {
+  constexpr size_t step = alignof(void *) > 8 ? alignof(void *) : 8;
+  const size_t size = (bytes + step - 1) / step * step;
+  if (size > smallestBlock / 2) return newBlock(size);
+  if (room_ < size) {
+    blockSize_ = std::clamp(blockSize_ * 2, smallestBlock, largestBlock);
+    next_ = newBlock(blockSize_);
+    room_ = blockSize_;
+    useLargePages(next_, room_);
+  }
+  char *piece = next_;
+  next_ += size;
+  room_ -= size;
+  return piece;
+}
+
+char *Arena::newBlock(size_t bytes) {
+  constexpr size_t header = (sizeof(Block) + 15) / 16 * 16;
+  auto *block = static_cast<Block *>(malloc(header + bytes));
+  if (block == nullptr) failForWantOfMemory();
+  block->older = newest_;
+  newest_ = block;
+  return reinterpret_cast<char *>(block) + header;
+}

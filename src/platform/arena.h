@@ -1,0 +1,27 @@
+// Storage in pieces that all go at one time: cut from large blocks, one behind the other.
+#pragma once
+
+#include <cstddef>
+
+class Arena {
+ public:
+  Arena() = default;
+  ~Arena();  // gives all blocks back; nothing that lies in them is destroyed
+  Arena(const Arena &) = delete;
+  Arena &operator=(const Arena &) = delete;
+
+  // Aligned for words and pointers, not zero-filled. Never null: ends in failForWantOfMemory.
+  void *take(size_t bytes);
+
+ private:
+  struct Block {
+    Block *older;
+  };
+
+  char *newBlock(size_t bytes);
+
+  Block *newest_ = nullptr;
+  char *next_ = nullptr;  // in the block that pieces are cut from
+  size_t room_ = 0;       // bytes left there
+  size_t blockSize_ = 0;  // its bytes
+};

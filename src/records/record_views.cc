@@ -1,0 +1,56 @@
+#include "records/record_views.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+
+namespace {
+
+constexpr size_t wordSize = 4;
+
+uint32_t wordAt(std::string_view bytes, size_t index) {
+  uint32_t word = 0;
+  memcpy(&word, bytes.data() + index * wordSize, wordSize);
+  return ntohl(word);
+}
+
+// The length of a string, its characters and their padding, all that there is behind `words`.
+bool viewText(std::string_view bytes, size_t words, RecordView *view) {
+  const uint32_t length = wordAt(bytes, words);
+  const size_t start = (words + 1) * wordSize;
+  if (length > longestString || bytes.size() - start < (length + 3) / wordSize * wordSize) {
+    return false;
+  }
+  view->text = bytes.substr(start, length);
+  view->hasText = true;
+  return length == 0 || memchr(view->text.data(), '\0', length) == nullptr;
+}
+
+// Both ids, each behind its version.
+bool viewIds(std::string_view bytes, RecordView *view) {
+  view->objectId = wordAt(bytes, 1);
+  view->fieldId = wordAt(bytes, 3);
+  return wordAt(bytes, 0) == 1 && wordAt(bytes, 2) == 1;
+}
+
+}  // namespace
+
+bool viewDbObject(std::string_view bytes, RecordView *view) {
+  if (bytes.size() < 5 * wordSize || !viewIds(bytes, view)) return false;
+  view->value = {0, String, {}, 0};
+  return viewText(bytes, 4, view);
+}
+
+bool viewDbObjectValue(std::string_view bytes, RecordView *view) {
+  constexpr uint32_t nullMarker = 0xFFFFFFFF;
+  if (bytes.size() < 8 * wordSize || !viewIds(bytes, view)) return false;
+  const bool isPlain = wordAt(bytes, 4) == 1 && wordAt(bytes, 5) == 0;
+  const auto type = static_cast<int32_t>(wordAt(bytes, 6));
+  const uint32_t word = wordAt(bytes, 7);
+  if (!isPlain || type < Integer || type > Enumeration) return false;
+  view->value = {0, type, {}, 0};
+  view->hasText = false;
+  if (type == String) return word == nullMarker || viewText(bytes, 7, view);
+  view->value.value.number = type == Boolean ? word != 0 : static_cast<int32_t>(word);
+  return true;
+}
