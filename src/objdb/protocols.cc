@@ -74,7 +74,7 @@ std::vector<uint32_t> selectedObjects(uint32_t fieldId) {
   std::vector<uint32_t> ids(list->objectIds, list->objectIds + list->count);
   NQwDbFreeObjectIdList(list);
   // Under a name field a deletion looks for the one object with the name.
-  if (field->valueIndex != nullptr && ids.size() > 1) ids.resize(1);
+  if (field->valueIndex != nullptr && ids.size() > 1) ids.erase(ids.begin() + 1, ids.end());
   return ids;
 }
 
