@@ -1,6 +1,6 @@
 #include "internal/object_ids.h"
 
-#include <vector>
+#include <cstdlib>
 
 #include "internal/caches.h"
 #include "internal/scan.h"
@@ -18,12 +18,10 @@ NQwObjectIdList *idsFromTable() {
     logDatabaseNotOpen();
     return nullptr;
   }
-  std::vector<uint32_t> ids;
-  forEachRecord<dbObject>(db->objInfoDb, [&ids](const dbObject *record) {
-    if (record->fieldId == commonNameField) ids.push_back(record->objectId);
+  NQwObjectIdList *list = newObjectIdList(0);
+  forEachRecord<dbObject>(db->objInfoDb, [list](const dbObject *record) {
+    if (record->fieldId == commonNameField) appendObjectId(list, record->objectId);
   });
-  NQwObjectIdList *list = newObjectIdList(ids.size());
-  for (const uint32_t id : ids) list->objectIds[list->count++] = id;
   _NQwError = NQw_NO_ERROR;
   return list;
 }
@@ -34,6 +32,17 @@ NQwObjectIdList *newObjectIdList(size_t room) {
   auto *list = static_cast<NQwObjectIdList *>(allocateOrEnd(sizeof(NQwObjectIdList)));
   if (room > 0) list->objectIds = static_cast<uint32_t *>(allocateOrEnd(room * sizeof(uint32_t)));
   return list;
+}
+
+void appendObjectId(NQwObjectIdList *list, uint32_t objectId) {
+  constexpr int32_t step = 1000;
+  if (list->count % step == 0) {
+    const auto room = static_cast<size_t>(list->count + step);
+    void *ids = realloc(list->objectIds, room * sizeof objectId);
+    if (ids == nullptr) failForWantOfMemory();
+    list->objectIds = static_cast<uint32_t *>(ids);
+  }
+  list->objectIds[list->count++] = objectId;
 }
 
 NQwObjectIdList *allObjectIds() {

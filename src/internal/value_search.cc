@@ -18,11 +18,7 @@ namespace {
 struct FreeInfo {
   void operator()(NQwFieldInfo *info) const { freeFieldInfo(info); }
 };
-struct FreeIds {
-  void operator()(NQwObjectIdList *list) const { NQwDbFreeObjectIdList(list); }
-};
 using FieldInfo = std::unique_ptr<NQwFieldInfo, FreeInfo>;
-using ObjectIds = std::unique_ptr<NQwObjectIdList, FreeIds>;
 
 // The field's definition, if the binding's value is of its type.
 FieldInfo definitionFor(ObjectDatabase *db, const NQwFieldBinding *binding) {

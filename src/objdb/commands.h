@@ -15,6 +15,12 @@ extern const Command diffCommand;
 // choice those lines alone: only a whole dump is sealed, so that nothing less is loaded for one.
 extern const Command dumpCommand;
 
+// Lists the objects that have given values.
+extern const Command findCommand;
+
+// Writes all values of objects.
+extern const Command showCommand;
+
 // Says how many objects, or which, a sweep of each protocol would delete.
 extern const Command protocolsCommand;
 

@@ -1,6 +1,7 @@
 // objdb: reads and writes the same databases as dbsweep, for what an operator needs around a sweep.
 
 #include <cerrno>
+#include <clocale>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -12,8 +13,9 @@
 namespace {
 
 const Command *const commands[] = {
-    &archiveCommand,   &checkCommand,   &diffCommand,    &dumpCommand,     &loadCommand,
-    &protocolsCommand, &restoreCommand, &salvageCommand, &versionsCommand,
+    &archiveCommand, &checkCommand, &diffCommand,      &dumpCommand,
+    &findCommand,    &loadCommand,  &protocolsCommand, &restoreCommand,
+    &salvageCommand, &showCommand,  &versionsCommand,
 };
 
 void printHelp() {
@@ -64,6 +66,7 @@ ObjdbStatus flushOutput(ObjdbStatus status) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  setlocale(LC_ALL, "");  // names and texts compare as they do in a sweep
   try {
     return flushOutput(runCommand({argv + 1, argv + argc}));
   } catch (const HelpWritten &) {

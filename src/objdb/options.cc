@@ -66,6 +66,11 @@ void Options::argument(const char *name, std::string *value, const char *descrip
   parser_->app.add_option(name, *value, description)->required()->check(whyNotGiven, "");
 }
 
+void Options::arguments(const char *name, std::vector<std::string> *values,
+                        const char *description) {
+  parser_->app.add_option(name, *values, description)->check(whyNotGiven, "");
+}
+
 void Options::directory(VersionPath *database) {
   parser_->app.add_option("--dir", database->directory, "The database directory")
       ->capture_default_str()

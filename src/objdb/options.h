@@ -25,6 +25,7 @@ class Options {
   void text(const char *name, std::optional<std::string> *value, const char *description);
   void id(const char *name, std::optional<uint32_t> *value, const char *description);
   void argument(const char *name, std::string *value, const char *description);
+  void arguments(const char *name, std::vector<std::string> *values, const char *description);
 
   // --dir alone, for commands that look at the whole database directory, and with --version.
   void directory(VersionPath *database);

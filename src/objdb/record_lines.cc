@@ -30,11 +30,15 @@ bool isUtf8(const std::string &text) {
   }
 }
 
+}  // namespace
+
 Json textToJson(const char *text) {
   if (text == nullptr) return nullptr;
   if (isUtf8(text)) return text;
   return {{"hex", toHex(text)}};
 }
+
+namespace {
 
 std::string fromHex(const std::string &hex) {
   std::string bytes;
@@ -168,6 +172,8 @@ ValueWord wordFromJson(int32_t type, const Json &json) {
   return word;
 }
 
+}  // namespace
+
 void addValue(Json &line, const NQwFieldValue &value) {
   line["type"] = typeToJson(value.type);
   if (value.isList == 0) {
@@ -185,6 +191,8 @@ void addValue(Json &line, const NQwFieldValue &value) {
   }
   if (anyFlag) line["entryFlags"] = flags;
 }
+
+namespace {
 
 struct FreeValue {
   void operator()(NQwFieldValue *value) const { NQwDbFreeFieldValue(value); }

@@ -21,6 +21,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/field_values.h"
 #include "store/tables.h"
 
 using Json = nlohmann::ordered_json;
@@ -49,5 +50,10 @@ std::string keyOf(std::initializer_list<uint32_t> words);
 
 // A record as the table's encoder takes it, encoded. Throws std::exception when it cannot be.
 std::string encodedRecord(size_t table, const void *record);
+
+// A text, null or not UTF-8 included, and the members "type" and "value" or "list" of a value, as
+// the lines have them.
+Json textToJson(const char *text);
+void addValue(Json &line, const NQwFieldValue &value);
 
 std::string toHex(std::string_view bytes);

@@ -1,9 +1,5 @@
 #include "platform/dbm_table.h"
 
-extern "C" {  // ndbm.h has no guards for C++
-#include <ndbm.h>
-}
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -18,6 +14,7 @@ extern "C" {  // ndbm.h has no guards for C++
 #include <vector>
 
 #include "platform/out_of_memory.h"
+#include "platform/read_only_dbm.h"
 #include "platform/table_lock.h"
 
 struct DbmTable {
@@ -238,15 +235,17 @@ NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, m
   table->decoder = decoder;
   table->encoder = encoder;
   forgetErrors();
-  table->dbm = dbm_open(table->path.data(), flags, static_cast<int>(mode));
+  const bool isReadOnly = (flags & O_ACCMODE) == O_RDONLY;
+  table->dbm = isReadOnly ? openReadOnlyDbm(table->path)
+                          : dbm_open(table->path.data(), flags, static_cast<int>(mode));
   if (table->dbm == nullptr) {
     checkMemory();
     delete table;
     return nullptr;
   }
   // The library would keep all blocks of keys in memory that it has met, 40 bytes a record. With
-  // few of them it is no slower: the file is mapped.
-  size_t blocks = 100;
+  // few of them it is no slower: the file is mapped. A scan needs one at a time.
+  size_t blocks = isReadOnly ? 8 : 100;
   gdbm_setopt(table->dbm->file, GDBM_SETCACHESIZE, &blocks, sizeof blocks);
   return &table->handle;
 }

@@ -49,7 +49,7 @@ struct DbmRecord {
 };
 
 // Opens DIRECTORY/NAME.dir and .pag; with O_CREAT in the flags missing files are made with the
-// mode. Null on failure.
+// mode; with O_RDONLY nothing is made or written, not even an access time. Null on failure.
 NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, mode_t mode,
                            DbmDecoder decoder, DbmEncoder encoder);
 

@@ -18,8 +18,11 @@ namespace {
 
 constexpr size_t longestText = 2048;
 
+bool dropped = false;
+
 // One write per line, so that the lines of several processes never mix.
 void appendLine(const char *path, const char *head, const char *format, va_list arguments) {
+  if (dropped) return;
   const int savedErrno = errno;
   char text[longestText];
   vsnprintf(text, sizeof text, format, arguments);
@@ -66,6 +69,10 @@ void NQuLogS(int component, int severity, const char *application, int, int, con
   va_start(arguments, format);
   appendLine("/usr/NQ/log/nqw.log", head, format, arguments);
   va_end(arguments);
+}
+
+void dropReports() {
+  dropped = true;
 }
 
 void NQuTraceS(int component, int traceClass, const char *application, int, int, const char *format,

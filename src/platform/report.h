@@ -37,3 +37,6 @@ constexpr int databaseTraceClass = 0x2000000;
 // The same for "/usr/NQ/log/nqw.trace", with the trace class in hexadecimal. Every trace is kept.
 [[gnu::format(printf, 6, 7)]] void NQuTraceS(int component, int traceClass, const char *application,
                                              int, int, const char *format, ...);
+
+// Drops every report from here on: for programs that only look and must leave nothing behind.
+void dropReports();

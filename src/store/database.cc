@@ -174,6 +174,21 @@ ObjectDatabase *openVersionDb(time_t version) {
   return nullptr;
 }
 
+ObjectDatabase *openForReading(const std::string &directory, time_t version) {
+  ObjectDatabase *db = newHandle();
+  for (size_t which = 0; db != nullptr && which < tableCount; ++which) {
+    const auto &[name, decode, encode, isLocked, isRebuilt] = tableFormats[which];
+    if (which == idKeeper) continue;
+    db->*tableHandles[which] =
+        _NQ_dbm_db_open(directory.c_str(), name, O_RDONLY, 0, decode, encode);
+    if (db->*tableHandles[which] != nullptr) continue;
+    close_nqwdb_ndbm(db);
+    return nullptr;
+  }
+  if (db != nullptr) db->version = version;
+  return db;
+}
+
 void close_nqwdb_ndbm(ObjectDatabase *db) {
   for (const auto table : tableHandles) {
     if (db->*table != nullptr) _NQ_dbm_db_close(db->*table);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string>
 
 #include "platform/dbm_table.h"
 
@@ -40,6 +41,11 @@ ObjectDatabase *open_nqwdb_ndbm_old(time_t version);
 // Opens an archived version: no id keeper, no seeding, no locks, a buffer count of 0. Null when a
 // table cannot be opened.
 ObjectDatabase *openVersionDb(time_t version);
+
+// Opens the version in that directory, whatever its name, for programs that only look: nothing is
+// created, seeded, locked or changed. No id keeper. `version` is what the handle says of itself.
+// Null when a table is not there or cannot be opened.
+ObjectDatabase *openForReading(const std::string &directory, time_t version);
 
 // Close what is open of the six tables and free the handle, but not its field list.
 void close_nqwdb_ndbm(ObjectDatabase *db);

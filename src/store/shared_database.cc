@@ -31,6 +31,14 @@ ObjectDatabase *nqwDbGetDb(time_t version) {
   return sharedDatabase;
 }
 
+void shareDatabase(ObjectDatabase *db) {
+  sharedDatabase = loadFieldList(db);
+  sharedOpened = true;
+  if (db->version == 0) return;
+  snapstruct = db;
+  _NQW_NDBM_snapshot_open = db->version;
+}
+
 ObjectDatabase *openArchiveDb(time_t version) {
   if (_NQW_NDBM_snapshot_open == version) return snapstruct;
   if (_NQW_NDBM_snapshot_open != 0) {

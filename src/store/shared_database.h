@@ -18,5 +18,10 @@ ObjectDatabase *nqwDbGetDb(time_t version);
 // cannot be opened.
 ObjectDatabase *openArchiveDb(time_t version);
 
+// For programs that only look: makes an open handle (openForReading) the one that nqwDbGetDb
+// returns for version 0, which is what every query asks for, and for the version that it was opened
+// for.
+void shareDatabase(ObjectDatabase *db);
+
 extern ObjectDatabase *snapstruct;      // the handle of the open archived version
 extern time_t _NQW_NDBM_snapshot_open;  // which one it is; 0 for none

@@ -1,0 +1,15 @@
+// Filling the caches with a part of the values, for questions that need no more.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "store/database.h"
+
+// Whether a value is asked for.
+using WantsValue = std::function<bool(uint32_t objectId, uint32_t fieldId)>;
+
+// As loadObjectValues, but only the values that are wanted are decoded and entered, with their
+// objects; what of the others cannot be read is not counted. With allObjects the others' objects
+// are entered too, and become the newest, as if their values were.
+void loadSelectedValues(ObjectDatabase *db, const WantsValue &wants, bool allObjects);
