@@ -1,9 +1,12 @@
 #include "maint/rewrite_plan.h"
 
 #include <algorithm>
+#include <bit>
+#include <set>
+#include <utility>
 #include <vector>
 
-#include "internal/caches.h"
+#include "internal/object_walk.h"
 #include "records/value_table.h"
 #include "store/name_table.h"
 
@@ -15,44 +18,103 @@ const char *nameOf(const CachedValue *item) {
   return (item->field->flags & nameFieldFlag) != 0 ? singleString(item->value) : nullptr;
 }
 
-// Whether an earlier value of the object goes to the same key, which then keeps only the later one.
-bool overwrites(const ObjCacheEntry *object, const CachedValue *item) {
-  for (FieldValIter earlier(object->values); earlier() != item; earlier++) {
-    if (earlier()->field == item->field &&
-        (nameOf(earlier()) != nullptr) == (nameOf(item) != nullptr)) {
-      return true;
-    }
-  }
-  return false;
-}
-
-struct PlannedValue {
-  uint32_t order;
-  const CachedValue *item;
-};
-
+// Values that go to the same place in a table one after the other are stored that way, which is
+// cheapest. They are planned in groups by the upper bits of that order, and each group is sorted
+// when its turn comes: until then a value takes no more than a pointer.
 struct Plan {
-  std::vector<const CachedValue *> names;  // newest object first, in the order of its list
-  std::vector<PlannedValue> values;        // in the cheapest order; of one key the later is behind
-  uint32_t overwritten = 0;                // by a later value of the object
+  std::vector<const CachedValue *> names;   // newest object first, in the order of its list
+  std::vector<const CachedValue *> values;  // group behind group, each in the order of the names
+  std::vector<size_t> groupEnds;
+  int groupShift = 0;                              // from an order to its group
+  std::vector<std::pair<uint32_t, size_t>> group;  // the order and place of each value of one
+  uint32_t overwritten = 0;                        // by a later value of the object
 };
 Plan plan;
 
-void planObject(const ObjCacheEntry *object) {
-  uint32_t highestField = 0;
-  for (FieldValIter item(object->values); item() != nullptr; item++) {
-    // Values ascend by field; only one that does not can share its field with an earlier one.
-    const uint32_t fieldId = item()->field->fieldId;
-    if (fieldId <= highestField && overwrites(object, item())) ++plan.overwritten;
-    highestField = std::max(highestField, fieldId);
-    if (nameOf(item()) != nullptr) {
-      plan.names.push_back(item());
-    } else {
-      TableKey key;
-      makeValueKey(&key, *object->objectId, fieldId);
-      plan.values.push_back({_NQ_dbm_db_order(key.bytes, key.length), item()});
-    }
+constexpr int orderBits = 31;
+constexpr size_t groupSize = 16;  // about
+
+uint32_t orderOf(const CachedValue *item) {
+  TableKey key;
+  makeValueKey(&key, *item->objectId, item->field->fieldId);
+  return _NQ_dbm_db_order(key.bytes, key.length);
+}
+
+size_t groupOf(const CachedValue *item) {
+  return orderOf(item) >> plan.groupShift;
+}
+
+// How many of the values go to the same key as an earlier one, which then keeps only the later.
+uint32_t countOverwritten(const std::vector<CachedValue *> &values) {
+  const auto descends = [](const CachedValue *a, const CachedValue *b) {
+    return a->field->fieldId >= b->field->fieldId;
+  };
+  if (std::adjacent_find(values.begin(), values.end(), descends) == values.end()) return 0;
+  std::set<std::pair<uint32_t, bool>> keys;
+  for (const CachedValue *item : values) {
+    keys.emplace(item->field->fieldId, nameOf(item) != nullptr);
   }
+  return static_cast<uint32_t>(values.size() - keys.size());
+}
+
+// Counts the values of each group, and notes the names.
+void countValues() {
+  forEachObject(ObjValCache, [](ObjCacheEntry *, const std::vector<CachedValue *> &values) {
+    plan.overwritten += countOverwritten(values);
+    for (const CachedValue *item : values) {
+      if (nameOf(item) != nullptr) {
+        plan.names.push_back(item);
+      } else {
+        ++plan.groupEnds[groupOf(item)];
+      }
+    }
+  });
+}
+
+void groupValues() {
+  const size_t largest = *std::max_element(plan.groupEnds.begin(), plan.groupEnds.end());
+  size_t count = 0;
+  for (size_t &group : plan.groupEnds) count += std::exchange(group, count);
+  plan.values.resize(count);
+  plan.group.reserve(largest);
+  // Each group's start becomes its end.
+  forEachObject(ObjValCache, [](ObjCacheEntry *, const std::vector<CachedValue *> &values) {
+    for (const CachedValue *item : values) {
+      if (nameOf(item) == nullptr) plan.values[plan.groupEnds[groupOf(item)]++] = item;
+    }
+  });
+}
+
+// The order is none that the memory knows: what comes next is fetched ahead.
+void fetchAhead(size_t i) {
+  constexpr size_t ahead = 64;
+  if (i + ahead < plan.values.size()) {
+    const CachedValue *item = plan.values[i + ahead];
+    __builtin_prefetch(item);
+    __builtin_prefetch(reinterpret_cast<const char *>(item) - sizeof(NQwFieldValue));
+  }
+  if (i + ahead / 2 < plan.values.size()) {
+    const CachedValue *item = plan.values[i + ahead / 2];
+    __builtin_prefetch(item->objectId);
+    const char *text = singleString(item->value);
+    if (text != nullptr) __builtin_prefetch(text);
+  }
+}
+
+// Stores one group: of one key the later value is behind, and stays. Returns how many fail.
+uint32_t storeGroup(ObjectDatabase *db, size_t start, size_t end) {
+  plan.group.clear();
+  for (size_t i = start; i < end; ++i) {
+    fetchAhead(i);
+    plan.group.emplace_back(orderOf(plan.values[i]), i);
+  }
+  std::sort(plan.group.begin(), plan.group.end());
+  uint32_t failed = 0;
+  for (const auto &[order, place] : plan.group) {
+    const CachedValue *item = plan.values[place];
+    if (putValueObject(db, *item->objectId, item->field->fieldId, item->value) < 0) ++failed;
+  }
+  return failed;
 }
 
 }  // namespace
@@ -62,11 +124,12 @@ void planRewrite() {
   for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
     values += static_cast<size_t>(object()->values->size());
   }
+  const int groupBits = std::min(static_cast<int>(std::bit_width(values / groupSize)), 20);
   plan = {};
-  plan.values.reserve(values);
-  for (RecencyIter object(ObjValCache); object() != nullptr; object++) planObject(object());
-  std::stable_sort(plan.values.begin(), plan.values.end(),
-                   [](const PlannedValue &a, const PlannedValue &b) { return a.order < b.order; });
+  plan.groupShift = orderBits - groupBits;
+  plan.groupEnds.resize(size_t{1} << groupBits);
+  countValues();
+  groupValues();
 }
 
 uint32_t storePlanned(ObjectDatabase *db) {
@@ -74,14 +137,10 @@ uint32_t storePlanned(ObjectDatabase *db) {
   for (const CachedValue *item : plan.names) {
     if (putNameObject(db, *item->objectId, item->field->fieldId, nameOf(item)) < 0) ++lost;
   }
-  // The order is none that the memory knows: what comes next is fetched ahead.
-  constexpr size_t ahead = 16;
-  const size_t count = plan.values.size();
-  for (size_t i = 0; i < count; ++i) {
-    if (i + ahead < count) __builtin_prefetch(plan.values[i + ahead].item);
-    if (i + ahead / 2 < count) __builtin_prefetch(plan.values[i + ahead / 2].item->value);
-    const CachedValue *item = plan.values[i].item;
-    if (putValueObject(db, *item->objectId, item->field->fieldId, item->value) < 0) ++lost;
+  size_t start = 0;
+  for (const size_t end : plan.groupEnds) {
+    lost += storeGroup(db, start, end);
+    start = end;
   }
   return lost;
 }

@@ -367,8 +367,10 @@ void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db) {
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength) {
   const auto *bytes = static_cast<const unsigned char *>(key);
   uint32_t hash = 0x238F13AFu * static_cast<uint32_t>(keyLength);
+  uint32_t shift = 0;
   for (size_t i = 0; i < keyLength; ++i) {
-    hash = (hash + (static_cast<uint32_t>(bytes[i]) << (i * 5 % 24))) & 0x7FFFFFFF;
+    hash = (hash + (static_cast<uint32_t>(bytes[i]) << shift)) & 0x7FFFFFFF;
+    shift = shift < 19 ? shift + 5 : shift - 19;
   }
   return (1103515243u * hash + 12345) & 0x7FFFFFFF;
 }

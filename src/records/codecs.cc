@@ -1,6 +1,7 @@
 #include "records/codecs.h"
 
 #include "records/field_codec.h"
+#include "records/record_views.h"
 
 void *decodeDbKey(const char *bytes, size_t length) {
   return _NQ_decodeit_xdr(bytes, length, xdr_dbkey);
@@ -31,6 +32,11 @@ void *decodeDbObjectValue(const char *bytes, size_t length) {
 }
 
 int encodeDbObjectValue(const void *record, const char **bytes, size_t *length) {
+  const XdrBuffer buffer = xdrBuffer(largestPlainRecord);
+  if (buffer.bytes == nullptr) return -1;
+  *bytes = buffer.bytes;
+  *length = writeDbObjectValue(*static_cast<const dbObjectValue *>(record), buffer.bytes);
+  if (*length > 0) return 0;
   return _NQ_encodeit_xdr(static_cast<const dbObjectValue *>(record), bytes, length,
                           xdr_dbObjectValue);
 }

@@ -7,6 +7,7 @@
 namespace {
 
 constexpr size_t wordSize = 4;
+constexpr uint32_t nullMarker = 0xFFFFFFFF;
 
 uint32_t wordAt(std::string_view bytes, size_t index) {
   uint32_t word = 0;
@@ -42,7 +43,6 @@ bool viewDbObject(std::string_view bytes, RecordView *view) {
 }
 
 bool viewDbObjectValue(std::string_view bytes, RecordView *view) {
-  constexpr uint32_t nullMarker = 0xFFFFFFFF;
   if (bytes.size() < 8 * wordSize || !viewIds(bytes, view)) return false;
   const bool isPlain = wordAt(bytes, 4) == 1 && wordAt(bytes, 5) == 0;
   const auto type = static_cast<int32_t>(wordAt(bytes, 6));
@@ -53,4 +53,30 @@ bool viewDbObjectValue(std::string_view bytes, RecordView *view) {
   if (type == String) return word == nullMarker || viewText(bytes, 7, view);
   view->value.value.number = type == Boolean ? word != 0 : static_cast<int32_t>(word);
   return true;
+}
+
+size_t writeDbObjectValue(const dbObjectValue &record, char *bytes) {
+  const NQwFieldValue *value = record.value;
+  if (value == nullptr || value->isList != 0) return 0;
+  if (value->type < Integer || value->type > Enumeration) return 0;
+  const char *text = value->type == String ? value->value.string : nullptr;
+  const size_t length = text == nullptr ? 0 : strnlen(text, longestString + 1);
+  if (length > longestString) return 0;
+
+  auto last = static_cast<uint32_t>(value->value.number);
+  if (value->type == Boolean) last = last != 0;
+  if (value->type == String) last = text == nullptr ? nullMarker : static_cast<uint32_t>(length);
+  const uint32_t words[] = {
+      1, record.objectId, 1, record.fieldId, 1, 0, static_cast<uint32_t>(value->type), last};
+  for (const uint32_t word : words) {
+    const uint32_t bigEndian = htonl(word);
+    memcpy(bytes, &bigEndian, wordSize);
+    bytes += wordSize;
+  }
+  const size_t padded = (length + 3) / wordSize * wordSize;
+  if (length > 0) {
+    memset(bytes + padded - wordSize, 0, wordSize);
+    memcpy(bytes, text, length);
+  }
+  return sizeof words + padded;
 }

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "platform/field_values.h"
+#include "records/table_records.h"
 
 // Points into the bytes that it was read from.
 struct RecordView {
@@ -18,3 +18,8 @@ struct RecordView {
 // False for every record that is not as simple, sound or not; it is the decoder's, then.
 bool viewDbObject(std::string_view bytes, RecordView *view);
 bool viewDbObjectValue(std::string_view bytes, RecordView *view);
+
+// Writes the encoding of a sound single value. Returns its length, which is never more than
+// largestPlainRecord; 0 for every other value, which is the encoder's.
+constexpr size_t largestPlainRecord = 8 * 4 + longestString;
+size_t writeDbObjectValue(const dbObjectValue &record, char *bytes);
