@@ -1,12 +1,14 @@
 #include "maint/rewrite_plan.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <set>
 #include <utility>
 #include <vector>
 
 #include "internal/object_walk.h"
+#include "maint/run.h"
 #include "records/value_table.h"
 #include "store/name_table.h"
 
@@ -27,6 +29,7 @@ struct Plan {
   std::vector<size_t> groupEnds;
   int groupShift = 0;                              // from an order to its group
   std::vector<std::pair<uint32_t, size_t>> group;  // the order and place of each value of one
+  std::array<uint64_t, 3> fileSizes{};             // of the rebuilt tables as they were
   uint32_t overwritten = 0;                        // by a later value of the object
 };
 Plan plan;
@@ -117,6 +120,10 @@ uint32_t storeGroup(ObjectDatabase *db, size_t start, size_t end) {
   return failed;
 }
 
+std::array<NQ_dbm_db *, 3> rebuiltTables(const ObjectDatabase *db) {
+  return {db->objInfoDb, db->nameInfoDb, db->valueInfoDb};
+}
+
 }  // namespace
 
 void planRewrite() {
@@ -130,13 +137,20 @@ void planRewrite() {
   plan.groupEnds.resize(size_t{1} << groupBits);
   countValues();
   groupValues();
+  const auto tables = rebuiltTables(runDb);
+  std::transform(tables.begin(), tables.end(), plan.fileSizes.begin(), _NQ_dbm_db_size);
 }
 
 uint32_t storePlanned(ObjectDatabase *db) {
+  const auto tables = rebuiltTables(db);
+  for (size_t i = 0; i < tables.size(); ++i) _NQ_dbm_db_expect(tables[i], plan.fileSizes[i]);
   uint32_t lost = plan.overwritten;
   for (const CachedValue *item : plan.names) {
     if (putNameObject(db, *item->objectId, item->field->fieldId, nameOf(item)) < 0) ++lost;
   }
+  // Their mapped files would be in memory for nothing.
+  _NQ_dbm_db_stop_buffering(db->objInfoDb);
+  _NQ_dbm_db_stop_buffering(db->nameInfoDb);
   size_t start = 0;
   for (const size_t end : plan.groupEnds) {
     lost += storeGroup(db, start, end);

@@ -10,5 +10,6 @@
 // there, since it takes memory. The plan points at the cached values.
 void planRewrite();
 
-// Stores all that is planned. Returns how many values are not in the tables afterwards.
+// Stores all that is planned, under bulk access, which ends for the tables that have all that they
+// will have. Returns how many values are not in the tables afterwards.
 uint32_t storePlanned(ObjectDatabase *db);

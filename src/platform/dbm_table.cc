@@ -27,6 +27,7 @@ struct DbmTable {
   gdbm_count_t scanned = 0;    // records that the latest scan has met
   gdbm_count_t unreached = 0;  // and that it has not, once it has ended
   bool buffering = false;
+  uint64_t expected = 0;  // bytes to reserve at first
   uint64_t reserved = 0;  // bytes of the file while it is longer than the library knows; else 0
   uint64_t shortest = 0;  // bytes of the file before that
   uint64_t roomLeft = 0;  // bytes to store before the file's end is looked at again
@@ -134,13 +135,15 @@ bool reserveAhead(DbmTable *table, size_t bytes) {
     return false;
   }
 
-  const uint64_t length = std::max(used + used / 2, smallest);
+  uint64_t length = std::max(used + used / 2, smallest);
   struct statvfs disk {};
   if (fstatvfs(fd, &disk) != 0) return false;
   // A disk that is nearly full is filled record by record: what one table reserves and does not
   // need would be missing in the next.
-  const bool isPlenty = disk.f_bavail * disk.f_frsize / 4 > length;
-  if (!isPlenty) return false;
+  const uint64_t plenty = disk.f_bavail * disk.f_frsize / 4;
+  if (plenty <= length) return false;
+  const uint64_t expected = std::exchange(table->expected, 0);
+  if (expected < plenty) length = std::max(length, expected);
   struct stat file {};
   if (table->reserved == 0 && fstat(fd, &file) != 0) return false;
   if (table->reserved == 0) table->shortest = static_cast<uint64_t>(file.st_size);
@@ -362,6 +365,15 @@ void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db) {
   db->table->buffering = false;
   cutReserved(db->table);
   mapFile(db->table, 0);
+}
+
+uint64_t _NQ_dbm_db_size(const NQ_dbm_db *db) {
+  struct stat file {};
+  return fstat(dbm_pagfno(db->table->dbm), &file) == 0 ? static_cast<uint64_t>(file.st_size) : 0;
+}
+
+void _NQ_dbm_db_expect(NQ_dbm_db *db, uint64_t size) {
+  db->table->expected = size + size / 7;  // nothing more is reserved while an eighth is left
 }
 
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength) {

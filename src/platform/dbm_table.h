@@ -111,6 +111,12 @@ NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db);
 void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t count);
 void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db);
 
+// The length of the table's file, and how long it will probably be when all is stored that is about
+// to be. Bulk access then makes it that long at once: at every later time the library writes out
+// and maps anew all that it has.
+uint64_t _NQ_dbm_db_size(const NQ_dbm_db *db);
+void _NQ_dbm_db_expect(NQ_dbm_db *db, uint64_t size);
+
 // Bulk changes are cheapest in ascending order of this number, in which their keys' places lie one
 // behind the other (the library's hash). Only a hint: any order has the same result.
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength);
