@@ -8,8 +8,7 @@
 extern FILE *tfp;
 
 // 1. Open the database as the flags ask: for a migration in the old data format, for an id list
-// alone
-//    through the shared handle, otherwise through a handle of the run's own.
+//    alone through the shared handle, otherwise through a handle of the run's own.
 // 2. Fill the caches.
 // 3. With dflag: write the number of objects to the trace file and standard error, then delete the
 //    objects in objectids; 99 in the first place asks for the number alone and ends the run.

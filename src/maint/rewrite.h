@@ -8,14 +8,15 @@
 void removeCurrentFiles();
 
 // 1. Open the current database in the current data format, which creates the removed files; when
-// that
-//    fails, say so with the way back and end the process with status 0.
+//    that fails, say so with the way back and end the process with status 0.
 // 2. Store every value of every cached object: names in obj_info and name_info, newest object first
 //    and in the order of its list; then all others in value_info, in the cheapest order.
 // 3. Wait until the tables are on the disk and close the database; runDb is null.
 // 4. Remove the kept tables, or say where they are (kept_tables.h).
 // 5. With migrate: record the migration in "/usr/NQ/conf/dbsweep.lock" (mode 0600, this process'
-// id). id_keeper, field_info and enum_info are neither removed nor written.
+//    id).
+//
+// id_keeper, field_info and enum_info are neither removed nor written.
 void rewriteDatabase(int migrate);
 
 // The lock file that says that the database has been migrated.
