@@ -25,7 +25,7 @@ class Objdb : public PlatformTest {
   }
 
   static std::string checksums() {
-    return run("cd /usr/NQ/databases && ls -lR --full-time; find . -type f | sort | xargs "
+    return run("cd /usr/NQ/databases && ls -lR --full-time nqwdb/*; find . -type f | sort | xargs "
                "sha256sum")
         .out;
   }
@@ -207,27 +207,76 @@ TEST_F(Objdb, ADumpEndsWithAnErrorAtWhatItCannotRead) {
   EXPECT_FALSE(exists(currentDir + "/enum_info.dir")) << "a reading command made a file";
 }
 
-TEST_F(Objdb, VersionsAreMadeListedAndPutBack) {
-  EXPECT_EQ(run("objdb versions").out, "");
-  const std::string first = run("objdb archive").out, second = run("objdb archive").out;
-  EXPECT_NE(first, second) << "two in one second";
-  EXPECT_EQ(run("objdb versions").out, std::min(first, second) + std::max(first, second));
-  const std::string name = first.substr(0, first.size() - 1);
-
-  std::filesystem::remove(currentDir + "/value_info.pag");
-  const std::string before = checksums();
-  EXPECT_THAT(run("objdb restore --dry-run " + name).out, HasSubstr("would put the tables of"));
-  EXPECT_EQ(run("objdb restore nothing").status, 2);
-  const Outcome held = run("flock " + currentDir + "/obj_info.pag objdb restore " + name);
-  EXPECT_EQ(held.status, 2);
-  EXPECT_THAT(held.err, HasSubstr("nothing was changed"));
-  EXPECT_EQ(checksums(), before);
-
-  EXPECT_EQ(run("objdb restore " + name).status, 0);
-  EXPECT_EQ(run("objdb dump").out, sealed);
-  std::filesystem::remove_all(currentDir);
-  EXPECT_EQ(run("objdb restore " + name).status, 0);
-  EXPECT_EQ(run("objdb dump").out, sealed);
+// Each row works in the database directory, where $V is an archived version of "current".
+TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
+  const struct {
+    const char *command;
+    int status;
+    const char *text;  // of what is said, on either output
+    int versions;      // that there are afterwards
+    bool changed = false;
+  } cases[] = {
+      {"rm current/value_info.*; objdb archive", 2, "table value_info is missing; nothing was", 1,
+       true},
+      {"rm current/value_info.dir; objdb archive", 2, "value_info.dir\": No such file", 1, true},
+      {": >current/obj_info.pag; objdb archive", 2, "the file is empty; nothing was archived", 1,
+       true},
+      {"rm -r current; objdb archive", 2, "it holds no table; nothing was archived", 1, true},
+      {"rm current/value_info.*; objdb archive --partial", 0, "", 2, true},
+      {"objdb archive --dir $PWD/current", 2, "is a version; --dir names the directory above", 1},
+      {"objdb versions --dir $PWD/nothing", 2, "no database directory", 1},
+      {"rm $V/value_info.*; objdb restore $V", 2, "not whole: table value_info is missing", 1},
+      {"rm $V/value_info.*; objdb restore --dry-run $V", 2, "nothing was changed", 1},
+      {"rm $V/value_info.pag; objdb restore --partial $V", 0, "", 2, true},
+      {"rm current/obj_info.pag; objdb restore --dry-run $V", 0, "would put the tables of", 1,
+       true},
+      {"rm current/obj_info.pag; objdb restore $V", 0, "", 2},
+      {"rm -r current; objdb restore $V", 0, "", 1},
+      {"rm $V/id_keeper.*; objdb restore $V; objdb dump --table id_keeper", 0,
+       "\"counter\":4294967295}", 2, true},
+      {"mv current x; ln -s x current; objdb restore $V", 2,
+       "current\" is no directory; nothing was", 2},
+      {"touch $V/unfinished; mkdir current/sub; objdb restore $V; ls */", 0, "sub", 2},
+      {"touch $V/unfinished; rm current/name_info.*; objdb restore $V && objdb versions", 0, "", 1},
+      {"chmod 2775 current; objdb restore $V; stat -c %a current", 0, "2775", 2},
+      {"objdb restore nothing", 2, "no version \"nothing\"", 1},
+      {"touch $V/unfinished; objdb remove $V", 2, "with --force", 1},
+      {"touch $V/unfinished; objdb remove --force $V", 0, "", 0},
+      {"mkdir $V/sub; objdb remove $V", 2, "holds more than tables", 1},
+      {"objdb remove $V", 0, "", 0},
+      {"objdb remove current", 2, "no version \"current\"", 1},
+      {"flock current/obj_info.pag objdb archive", 3, "(flock); nothing was changed", 1},
+      {"flock current/obj_info.pag objdb restore $V", 3, "(flock); nothing was changed", 1},
+      {"flock $V/obj_info.pag objdb remove $V", 3, "(flock); nothing was changed", 1},
+      {"flock $V objdb remove --force $V", 3, "(flock); nothing was changed", 1},
+      {"rm current/obj_info.pag; mkfifo current/obj_info.pag; timeout 9 objdb archive", 2,
+       "not a file", 1, true},
+      {"rm current/obj_info.pag; mkfifo current/obj_info.pag; timeout 9 objdb restore $V", 0, "",
+       2},
+      {"rm $V/obj_info.pag; mkfifo $V/obj_info.pag; timeout 9 objdb restore $V", 2, "not a file",
+       1},
+      {"rm $V/obj_info.pag; objdb versions", 1, "not whole: could not open table", 1},
+      {"objdb archive; touch -d 2001-01-01 $V; mv $V 01122025.000000; objdb versions | tail -1 | "
+       "grep -c 2026-; objdb versions --json | jq .time",
+       0, "2025-12-01T00:00:00", 2},
+      {"touch $V/unfinished; objdb versions", 1, " unfinished", 1},
+      {"objdb versions --digest --json | jq -r .digest >x; objdb dump | grep -c $(cat x)", 0, "1\n",
+       1},
+  };
+  ASSERT_EQ(run("objdb archive").status, 0);
+  saveTables();
+  for (const auto &each : cases) {
+    SCOPED_TRACE(each.command);
+    putTablesBack();
+    const Outcome outcome = run("cd " + root + "; V=$(ls | grep -v current); " + each.command);
+    EXPECT_EQ(outcome.status, each.status) << outcome.err;
+    EXPECT_THAT(outcome.out + outcome.err, HasSubstr(each.text));
+    EXPECT_EQ(run("objdb versions | wc -l").out, std::to_string(each.versions) + "\n");
+    EXPECT_EQ(run("ls -A " + root + " | grep -c '^[.]'").out, "0\n") << "something is left behind";
+    if (!each.changed) {
+      EXPECT_EQ(run("objdb dump").out, sealed);
+    }
+  }
 }
 
 // What a terminal has been sent while the command ran, the timer of the progress line being helped

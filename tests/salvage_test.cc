@@ -207,7 +207,7 @@ TEST_F(Salvage, WhyItCannotLookIsSaidInWords) {
       {"objdb salvage ../nqwdb/current", 2, "no version"},
       {"flock obj_info.pag objdb check", 3, "(flock)"},
       {"flock -s obj_info.pag objdb check", 0, ""},
-      {"flock obj_info.pag objdb salvage current", 2, "could not lock"},
+      {"flock obj_info.pag objdb salvage current", 3, "held by process "},
       {"rm enum_info.dir; objdb dump", 2, "enum_info.dir\": No such file"},
       {"mv obj_info.pag x; ln -s x obj_info.pag; objdb check", 1, ""},
       {"rm *; objdb salvage current", 2, "nothing can be read"},

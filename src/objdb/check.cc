@@ -307,7 +307,7 @@ class Check {
 
 ObjdbStatus checkDatabase(const VersionPath &database, bool json) {
   OpenFailures failures;
-  TableReaders tables = openTables(database.path(), &failures);
+  TableReaders tables = openTables(database.path(), TableReader::Demand::lockedTable, &failures);
   Findings findings(json);
   for (size_t table = 0; table < tableCount; ++table) {
     if (tables[table] != nullptr) continue;

@@ -38,5 +38,8 @@ extern const Command loadCommand;
 // Puts the tables of a version in place of "current".
 extern const Command restoreCommand;
 
+// Removes an archived version.
+extern const Command removeCommand;
+
 // Makes an archived version of every record that can still be read of a version.
 extern const Command salvageCommand;

@@ -50,8 +50,8 @@ class Filter {
   Filter(const VersionPath &database, const DumpChoice &choice) : choice_(choice) {
     if (!choice.field) return;
     OpenFailure failure;
-    const auto fields = TableReader::open(database.path(), tableFormats[fieldInfo].name,
-                                          TableReader::Demand::wholeTable, &failure);
+    const auto fields =
+        TableReader::open(database.path(), fieldInfo, TableReader::Demand::lockedTable, &failure);
     DbmRecord record;
     while (fields != nullptr && fields->next(&record)) {
       const std::optional<Json> line = recordToJson(fieldInfo, record.key, record.bytes);

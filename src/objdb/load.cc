@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -5,66 +6,83 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <vector>
 
+#include "objdb/changes.h"
 #include "objdb/commands.h"
 #include "objdb/dump_reader.h"
 #include "objdb/options.h"
-#include "objdb/record_lines.h"
 #include "objdb/table_writer.h"
 #include "platform/files.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+// Makes the directory and those above it that are missing, for everybody as the platform does, and
+// waits until their entries are on the disk.
+bool makeDirectories(const std::string &directory, std::string *error) {
+  if (access(directory.c_str(), F_OK) == 0) return true;
+  const size_t slash = directory.find_last_of('/');
+  const std::string above = slash == std::string::npos ? "." : directory.substr(0, slash);
+  if (!above.empty() && !makeDirectories(above, error)) return false;
+  if (mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
+    return failAttempt("make", directory, error);
+  }
+  const std::string entry = above.empty() ? "/" : above;
+  return syncDirectory(entry) == 0 || failAttempt("sync", entry, error);
+}
 
-// Makes the six tables in a directory. False when a store or a sync fails.
-bool buildTables(const fs::path &directory, const std::vector<StoredRecord> &records) {
+// A version that holds anything is not loaded over.
+void refuseTaken(const std::string &version) {
+  const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(version.c_str()), closedir);
+  if (entries == nullptr && errno == ENOENT) return;
+  bool isEmpty = entries != nullptr;
+  while (isEmpty) {
+    const dirent *entry = readdir(entries.get());
+    if (entry == nullptr) return;
+    isEmpty = strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0;
+  }
+  throw CommandFailure("\"" + version + "\" is not empty; nothing was loaded");
+}
+
+// Makes the six tables in the work directory and compares what they hold with the records.
+bool buildTables(WorkDirectory *work, const std::vector<StoredRecord> &records,
+                 std::string *error) {
   std::array<RecordViews, tableCount> tables;
+  Census census;
   for (const StoredRecord &record : records) {
     tables[record.table].emplace_back(record.key, record.bytes);
+    census.add(record.table, record.key, record.bytes);
   }
   for (size_t table = 0; table < tableCount; ++table) {
-    if (!writeTable(directory, table, tables[table])) return false;
+    if (!writeTable(work->path(), table, tables[table])) {
+      return failAttempt("write", tableFile(table, pageSuffix), error);
+    }
   }
-  return syncDirectory(directory) == 0;
+  if (surveyVersion(work->path()).census.toJson() == census.toJson()) return true;
+  *error = "the tables do not hold what was written to them";
+  return false;
 }
 
 ObjdbStatus loadDatabase(const VersionPath &database, bool sealed) {
-  const fs::path version = database.path();
-  const fs::path aside =
-      fs::path(database.directory) / (".load." + std::to_string(static_cast<long>(getpid())));
-  try {
-    if (fs::exists(version) && !fs::is_empty(version)) {
-      fprintf(stderr, "objdb: \"%s\" is not empty; nothing was loaded\n", version.c_str());
-      return objdbFailed;
-    }
-    if (isatty(STDIN_FILENO) == 1) {
-      fputs("objdb: reading a dump from the terminal, until Ctrl-D\n", stderr);
-    }
-    std::ios::sync_with_stdio(false);  // which reads character by character
-    const std::vector<StoredRecord> records = readDump(std::cin, sealed);
-    umask(0);  // the platform's daemons share the tables, whoever they run as
-    fs::create_directories(aside);
-    if (!buildTables(aside, records)) {
-      fprintf(stderr, "objdb: could not write the tables in \"%s\": %s\n", aside.c_str(),
-              strerror(errno));
-      fs::remove_all(aside);
-      return objdbFailed;
-    }
-    fs::rename(aside, version);
-    if (syncDirectory(version.parent_path()) != 0) {
-      fprintf(stderr, "objdb: could not sync \"%s\": %s\n", version.parent_path().c_str(),
-              strerror(errno));
-      return objdbFailed;
-    }
-  } catch (const std::exception &error) {
-    fprintf(stderr, "objdb: nothing was loaded: %s\n", error.what());
-    std::error_code ignored;
-    fs::remove_all(aside, ignored);
-    return objdbFailed;
+  refuseTaken(database.path());
+  if (isatty(STDIN_FILENO) == 1) {
+    fputs("objdb: reading a dump from the terminal, until Ctrl-D\n", stderr);
+  }
+  std::ios::sync_with_stdio(false);  // which reads character by character
+  const std::vector<StoredRecord> records = readDump(std::cin, sealed);
+  umask(0);  // the platform's daemons share the tables, whoever they run as
+  std::string error;
+  struct stat like {};
+  if (!makeDirectories(database.directory, &error)) throw std::runtime_error(error);
+  requireDatabase(database.directory);
+  removeLeftovers(database.directory);
+  const auto work = WorkDirectory::make(database.directory, &error);
+  if (work == nullptr || !buildTables(work.get(), records, &error) ||
+      (stat(database.directory.c_str(), &like) != 0 &&
+       !failAttempt("look at", database.directory, &error)) ||
+      !work->publishOver(database.name, like, &error)) {
+    throw std::runtime_error(error);
   }
   return objdbFine;
 }
@@ -76,7 +94,13 @@ ObjdbStatus runLoad(Options &options) {
   options.flag("--unsealed", &unsealed,
                "Take lines without a dump's header and trailer, which tell that none is missing");
   options.parse();
-  return loadDatabase(database, !unsealed);
+  try {
+    return loadDatabase(database, !unsealed);
+  } catch (const CommandFailure &) {
+    throw;
+  } catch (const std::runtime_error &error) {
+    throw CommandFailure(std::string("nothing was loaded: ") + error.what());
+  }
 }
 
 }  // namespace

@@ -13,9 +13,9 @@
 namespace {
 
 const Command *const commands[] = {
-    &archiveCommand, &checkCommand, &diffCommand,      &dumpCommand,
-    &findCommand,    &loadCommand,  &protocolsCommand, &restoreCommand,
-    &salvageCommand, &showCommand,  &versionsCommand,
+    &archiveCommand, &checkCommand,   &diffCommand,      &dumpCommand,
+    &findCommand,    &loadCommand,    &protocolsCommand, &removeCommand,
+    &restoreCommand, &salvageCommand, &showCommand,      &versionsCommand,
 };
 
 void printHelp() {

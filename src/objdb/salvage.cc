@@ -14,6 +14,7 @@
 #include <map>
 #include <set>
 
+#include "objdb/changes.h"
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
 #include "objdb/options.h"
@@ -153,7 +154,7 @@ class Salvage {
     std::set<std::string> undecodable;
     std::vector<Stray> strays;
     OpenFailure failure;
-    const auto reader = TableReader::open(source_, name, TableReader::Demand::pageFile, &failure);
+    const auto reader = TableReader::open(source_, table, TableReader::Demand::pageFile, &failure);
     if (reader == nullptr) {
       fprintf(stderr, "objdb: %s\n", failure.reason.c_str());
     } else {
@@ -213,7 +214,7 @@ class Salvage {
     gdbm_recover(file, &unlimited, GDBM_RCVR_FORCE);
     gdbm_close(file);
     OpenFailure ignored;
-    return TableReader::open(directory, recoveryName, TableReader::Demand::pageFile, &ignored);
+    return TableReader::openNamed(directory, recoveryName, TableReader::Demand::pageFile, &ignored);
   }
 
   // The copy, and what the library has left beside it.
@@ -267,7 +268,7 @@ class Salvage {
       _NQ_dbm_db_close(seeded.fieldInfoDb);
       OpenFailure ignored;
       const auto reader =
-          TableReader::open(directory, recoveryName, TableReader::Demand::pageFile, &ignored);
+          TableReader::openNamed(directory, recoveryName, TableReader::Demand::pageFile, &ignored);
       std::set<std::string> none;
       std::vector<Stray> noStrays;
       if (reader != nullptr) take(fieldInfo, *reader, &none, &noStrays);
@@ -409,15 +410,13 @@ ObjdbStatus salvageDatabase(const std::string &directory, const std::string &nam
     return fail("no version \"" + name + "\" in \"" + directory + "\"");
   }
   std::string error;
-  // Whoever else makes or removes a version holds the locks of "current".
-  const auto current = lockVersion(directory + "/current", &error);
-  const auto locked = current == nullptr ? nullptr : lockVersion(source, &error);
-  if (locked == nullptr) return fail(error);
+  const auto lock = lockOrFail(source);
+  removeLeftovers(directory);
   umask(0);  // the platform's daemons share the tables, whoever they run as
   Salvage salvage(source);
   Version made;
-  const auto fill = [&salvage](const std::string &aside, std::string *why) {
-    return salvage.fill(aside, why);
+  const auto fill = [&salvage](WorkDirectory *work, std::string *why) {
+    return salvage.fill(work->path(), why);
   };
   if (!makeVersion(directory, fill, &made, &error)) return fail(error);
   printf("%s\n", made.name.c_str());

@@ -18,8 +18,6 @@
 
 namespace {
 
-constexpr int fileFlags = O_NOFOLLOW | O_NONBLOCK;  // whatever stands there, it does not wait
-
 // The words at the head of a .pag file that say which library can read it.
 struct PageHead {
   uint32_t magic;
@@ -122,17 +120,25 @@ struct TableReader::State {
   Datum key;
   Datum bytes;
   Datum fetched;
+  TableStructure structure;
 };
 
-std::unique_ptr<TableReader> TableReader::open(const std::string &directory, const char *name,
+std::unique_ptr<TableReader> TableReader::open(const std::string &directory, size_t table,
                                                Demand demand, OpenFailure *failure) {
-  const std::string path = directory + "/" + name;
+  return openNamed(directory, tableFormats[table].name, demand, failure);
+}
+
+std::unique_ptr<TableReader> TableReader::openNamed(const std::string &directory,
+                                                    const std::string &name, Demand demand,
+                                                    OpenFailure *failure) {
+  const std::string path = pathIn(directory, name);
   const auto fail = [failure](const std::string &file, const std::string &why,
                               OpenFailure::Kind kind) {
     *failure = {"could not open table \"" + file + "\": " + why, kind};
     return nullptr;
   };
   const auto failByErrno = [&fail](const std::string &file) {
+    if (errno == EINVAL) return fail(file, "not a file", OpenFailure::damaged);
     const bool isDamage = errno != EACCES && errno != EMFILE && errno != ENOMEM;
     return fail(file, strerror(errno), isDamage ? OpenFailure::damaged : OpenFailure::unavailable);
   };
@@ -141,34 +147,35 @@ std::unique_ptr<TableReader> TableReader::open(const std::string &directory, con
                 OpenFailure::unavailable};
     return nullptr;
   }
-  if (demand == Demand::wholeTable) {
-    const Descriptor file(openQuietly(path + ".dir", fileFlags));
-    if (file.get() < 0) return failByErrno(path + ".dir");
+  if (demand != Demand::pageFile) {
+    const Descriptor file(openRegular(path + directorySuffix, O_RDONLY));
+    if (!file.isOpen()) return failByErrno(path + directorySuffix);
     const std::string why = whyNotDirectoryFile(file.get());
-    if (!why.empty()) return fail(path + ".dir", why, OpenFailure::damaged);
+    if (!why.empty()) return fail(path + directorySuffix, why, OpenFailure::damaged);
   }
-  const std::string pages = path + ".pag";
-  Descriptor fd(openQuietly(pages, fileFlags));
+  const std::string pages = path + pageSuffix;
+  Descriptor fd(openRegular(pages, O_RDONLY));
   struct stat status {};
   PageHead head{};
-  if (fd.get() < 0 || fstat(fd.get(), &status) != 0) return failByErrno(pages);
-  if (!S_ISREG(status.st_mode)) return fail(pages, "not a file", OpenFailure::damaged);
-  if (demand == Demand::wholeTable && flock(fd.get(), LOCK_SH | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK)
-      return fail(pages, "held by " + lockHolder(status), OpenFailure::inUse);
-    return fail(pages, strerror(errno), OpenFailure::unavailable);
+  if (!fd.isOpen() || fstat(fd.get(), &status) != 0) return failByErrno(pages);
+  if (demand == Demand::lockedTable && flock(fd.get(), LOCK_SH | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK) return fail(pages, strerror(errno), OpenFailure::unavailable);
+    return fail(pages, "held by " + lockHolder(status), OpenFailure::inUse);
   }
   if (pread(fd.get(), &head, sizeof head, 0) < 0) return failByErrno(pages);
+  // Before the library looks, which believes what it reads.
+  TableStructure structure = readStructure(fd.get());
   constexpr int flags = GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR;
   GDBM_FILE file = gdbm_fd_open(fd.release(), pages.c_str(), 0, flags, nullptr);
   if (file == nullptr) return fail(pages, whyNotOpened(head), OpenFailure::damaged);
   auto state = std::make_unique<State>(file);
   constexpr uint64_t bytesPerRecord = 24;  // at least: its place in a bucket
   state->mostRecords = static_cast<uint64_t>(status.st_size) / bytesPerRecord;
+  state->structure = std::move(structure);
   return std::unique_ptr<TableReader>(new TableReader(std::move(state), name));
 }
 
-TableReader::TableReader(std::unique_ptr<State> state, const char *name)
+TableReader::TableReader(std::unique_ptr<State> state, const std::string &name)
     : state_(std::move(state)), name_(name) {}
 
 TableReader::~TableReader() = default;
@@ -177,9 +184,7 @@ bool TableReader::next(DbmRecord *record) {
   State &state = *state_;
   if (state.ended) return false;
   if (!state.started) {
-    gdbm_count_t all = 0;
-    if (showsProgress()) gdbm_count(state.file, &all);
-    phase_.emplace("reading " + name_, all);
+    phase_.emplace("reading " + name_, showsProgress() ? count().value_or(0) : 0);
   }
   gdbm_errno = GDBM_NO_ERROR;
   state.key.take(state.started ? gdbm_nextkey(state.file, state.key.get())
@@ -195,11 +200,14 @@ bool TableReader::next(DbmRecord *record) {
   state.ended = true;
   phase_.reset();
   failed_ = state.key.get().dptr != nullptr || gdbm_errno != GDBM_ITEM_NOT_FOUND;
-  gdbm_count_t counted = 0;
-  if (gdbm_count(state.file, &counted) == 0 || countAfresh(gdbm_fdesc(state.file), &counted)) {
-    counted_ = counted;
-  }
+  counted_ = count();
   return false;
+}
+
+std::optional<uint64_t> TableReader::count() const {
+  gdbm_count_t counted = 0;
+  if (gdbm_count(state_->file, &counted) == 0 || countAfresh(fd(), &counted)) return counted;
+  return std::nullopt;
 }
 
 std::string_view TableReader::fetch(std::string_view key) {
@@ -208,22 +216,30 @@ std::string_view TableReader::fetch(std::string_view key) {
   return state_->fetched.view();
 }
 
+const TableStructure &TableReader::structure() const {
+  return state_->structure;
+}
+
+int TableReader::fd() const {
+  return gdbm_fdesc(state_->file);
+}
+
 bool TableReader::needsRecovery() const {
   return gdbm_needs_recovery(state_->file) != 0;
 }
 
-TableReaders openTables(const std::string &directory, OpenFailures *failures) {
+TableReaders openTables(const std::string &directory, TableReader::Demand demand,
+                        OpenFailures *failures) {
   TableReaders tables;
   for (size_t table = 0; table < tableCount; ++table) {
-    tables[table] = TableReader::open(directory, tableFormats[table].name,
-                                      TableReader::Demand::wholeTable, &(*failures)[table]);
+    tables[table] = TableReader::open(directory, table, demand, &(*failures)[table]);
   }
   return tables;
 }
 
 TableReaders openAllTables(const std::string &directory) {
   OpenFailures failures;
-  TableReaders tables = openTables(directory, &failures);
+  TableReaders tables = openTables(directory, TableReader::Demand::lockedTable, &failures);
   std::vector<const OpenFailure *> different;
   for (size_t table = 0; table < tableCount; ++table) {
     const OpenFailure &failure = failures[table];

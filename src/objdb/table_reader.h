@@ -16,6 +16,8 @@
 #include "objdb/command.h"
 #include "objdb/progress.h"
 #include "objdb/record_lines.h"
+#include "platform/table_structure.h"
+#include "store/tables.h"
 
 // Why a table could not be opened, in words.
 struct OpenFailure {
@@ -36,13 +38,18 @@ struct OpenFailure {
 class TableReader {
  public:
   enum class Demand {
-    wholeTable,  // both files have to be what the library itself would open; takes a shared lock
-    pageFile,    // the .pag file alone, and the lock is the caller's business
+    lockedTable,  // both files have to be what the library itself would open; takes a shared lock
+    table,        // the same, but the lock is the caller's business
+    pageFile,     // the .pag file alone
   };
 
-  // Opens DIRECTORY/NAME. Null when that cannot be done.
-  static std::unique_ptr<TableReader> open(const std::string &directory, const char *name,
+  // Opens a table of a version, or files of another name in its directory. Null when that cannot be
+  // done.
+  static std::unique_ptr<TableReader> open(const std::string &directory, size_t table,
                                            Demand demand, OpenFailure *failure);
+  static std::unique_ptr<TableReader> openNamed(const std::string &directory,
+                                                const std::string &name, Demand demand,
+                                                OpenFailure *failure);
   ~TableReader();
   TableReader(const TableReader &) = delete;
   TableReader &operator=(const TableReader &) = delete;
@@ -55,16 +62,26 @@ class TableReader {
   // The bytes under a key, valid until the next call; null when there are none.
   std::string_view fetch(std::string_view key);
 
+  // What the file says about itself, which the library has not been asked for.
+  const TableStructure &structure() const;
+
+  // The page file.
+  int fd() const;
+
+  // How many records there are by the library's count, which reads none of them.
+  std::optional<uint64_t> count() const;
+
   // Once the scan has ended: how many records it read; how many there are, if the library can tell;
-  // whether that agrees and nothing failed; whether the library wants the table recovered.
+  // whether that agrees, the structure is sound and nothing failed; whether the library wants the
+  // table recovered.
   uint64_t recordsRead() const { return read_; }
   std::optional<uint64_t> counted() const { return counted_; }
-  bool isComplete() const { return !failed_ && counted_ == read_; }
+  bool isComplete() const { return !failed_ && counted_ == read_ && structure().isSound(); }
   bool needsRecovery() const;
 
  private:
   struct State;
-  explicit TableReader(std::unique_ptr<State> state, const char *name);
+  explicit TableReader(std::unique_ptr<State> state, const std::string &name);
 
   std::unique_ptr<State> state_;
   std::string name_;
@@ -74,11 +91,12 @@ class TableReader {
   bool failed_ = false;
 };
 
-// All six, locked together so that they belong together, or null where one cannot be opened; then
-// *failures says why in the same place.
+// All six, locked together if that is demanded so that they belong together, or null where one
+// cannot be opened; then *failures says why in the same place.
 using TableReaders = std::array<std::unique_ptr<TableReader>, tableCount>;
 using OpenFailures = std::array<OpenFailure, tableCount>;
-TableReaders openTables(const std::string &directory, OpenFailures *failures);
+TableReaders openTables(const std::string &directory, TableReader::Demand demand,
+                        OpenFailures *failures);
 
 // The same for commands that need all of them: throws CommandFailure when one cannot be opened, the
 // reasons of further ones on standard error before that.

@@ -1,93 +1,96 @@
-// The kept and archived versions: what there is, making one, going back to one.
-
-#include "store/versions.h"
-
+#include <algorithm>
 #include <cstdio>
+#include <ctime>
 
+#include "objdb/changes.h"
 #include "objdb/commands.h"
 #include "objdb/options.h"
 
 namespace {
 
-ObjdbStatus refuse(const std::string &why) {
-  fprintf(stderr, "objdb: %s; nothing was changed\n", why.c_str());
-  return objdbFailed;
-}
+struct ListedVersion {
+  Version version;
+  time_t time;
+  Survey survey;
+};
 
-ObjdbStatus fail(const std::string &why) {
-  fprintf(stderr, "objdb: %s\n", why.c_str());
-  return objdbFailed;
-}
-
-ObjdbStatus printVersions(const VersionPath &database) {
-  bool unfinished = false;
-  for (const Version &version : listVersions(database.directory)) {
-    printf("%s%s\n", version.name.c_str(), version.unfinished ? " unfinished" : "");
-    unfinished = unfinished || version.unfinished;
+// The time that names a version, of either data format; 0 for another name.
+time_t timeOf(const std::string &name) {
+  for (const char *format : {"%d%m%Y.%H%M%S", "%d%m%y.%H%M%S"}) {
+    tm parts{};
+    parts.tm_isdst = -1;
+    const char *end = strptime(name.c_str(), format, &parts);
+    if (end != nullptr && *end == '\0') return mktime(&parts);
   }
-  return unfinished ? objdbFindings : objdbFine;
+  return 0;
 }
 
-ObjdbStatus archiveDatabase(const VersionPath &database) {
-  std::string error;
-  const auto lock = lockVersion(database.directory + "/current", &error);
-  if (lock == nullptr) return refuse(error);
-  Version made;
-  if (!makeVersion(database.directory, false, &made, &error)) return fail(error);
-  printf("%s\n", made.name.c_str());
-  return objdbFine;
+std::string shownTime(time_t time) {
+  if (time == 0) return "-";
+  tm parts{};
+  localtime_r(&time, &parts);
+  char text[32];
+  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  return text;
 }
 
-ObjdbStatus restoreDatabase(const VersionPath &database, bool dryRun) {
-  for (const Version &version : listVersions(database.directory)) {
-    if (version.name != database.name) continue;
-    std::string error;
-    const auto lock = lockVersion(database.directory + "/current", &error);
-    if (lock == nullptr) return refuse(error);
-    if (dryRun) {
-      printf("would put the tables of \"%s\" in place of \"%s/current\"%s\n",
-             version.directory.c_str(), database.directory.c_str(),
-             version.unfinished ? " and take its mark \"unfinished\" away" : "");
-      return objdbFine;
-    }
-    removeLeftovers(database.directory);
-    return restoreVersion(database.directory, version, &error) ? objdbFine : fail(error);
+std::string stateOf(const ListedVersion &each) {
+  std::string state = each.version.unfinished ? "unfinished" : "";
+  if (each.survey.isWhole) return state.empty() ? "whole" : state;
+  return state + (state.empty() ? "" : ", ") + "not whole: " + each.survey.whatIsWrong;
+}
+
+void print(const ListedVersion &each, bool digest, bool json) {
+  const Survey &survey = each.survey;
+  if (json) {
+    Json line{{"version", each.version.name},
+              {"time", shownTime(each.time)},
+              {"bytes", survey.bytes},
+              {"records", survey.records},
+              {"unfinished", each.version.unfinished},
+              {"whole", survey.isWhole}};
+    if (!survey.isWhole) line["reason"] = survey.whatIsWrong;
+    if (digest) line["digest"] = survey.census.digest();
+    puts(line.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+    return;
   }
-  return refuse("no version \"" + database.name + "\" in \"" + database.directory + "\"");
+  printf("%s %s %llu bytes %llu records %s%s%s\n", each.version.name.c_str(),
+         shownTime(each.time).c_str(), static_cast<unsigned long long>(survey.bytes),
+         static_cast<unsigned long long>(survey.records),
+         digest ? survey.census.digest().c_str() : "", digest ? " " : "", stateOf(each).c_str());
+}
+
+ObjdbStatus listByAge(const std::string &directory, bool digest, bool json) {
+  requireDatabase(directory);
+  std::vector<ListedVersion> list;
+  for (const Version &version : listVersions(directory)) {
+    list.push_back({version, timeOf(version.name),
+                    digest ? surveyVersion(version.directory) : surveyQuickly(version.directory)});
+  }
+  // By name within a second of two data formats.
+  std::stable_sort(list.begin(), list.end(),
+                   [](const ListedVersion &a, const ListedVersion &b) { return a.time < b.time; });
+  ObjdbStatus status = objdbFine;
+  for (const ListedVersion &each : list) {
+    print(each, digest, json);
+    if (each.version.unfinished || !each.survey.isWhole) status = objdbFindings;
+  }
+  return status;
 }
 
 ObjdbStatus runVersions(Options &options) {
   VersionPath database;
+  bool digest = false;
+  bool json = false;
   options.directory(&database);
+  options.flag("--digest", &digest, "Read all records, and tell the digest that a dump ends with");
+  options.flag("--json", &json, "List the versions as lines of JSON");
   options.parse();
-  return printVersions(database);
-}
-
-ObjdbStatus runArchive(Options &options) {
-  VersionPath database;
-  options.directory(&database);
-  options.parse();
-  return archiveDatabase(database);
-}
-
-ObjdbStatus runRestore(Options &options) {
-  VersionPath database;
-  bool dryRun = false;
-  options.directory(&database);
-  options.argument("VERSION", &database.name, "The version, as 'objdb versions' names it");
-  options.flag("--dry-run", &dryRun, "Only say what would be done");
-  options.parse();
-  return restoreDatabase(database, dryRun);
+  return listByAge(database.directory, digest, json);
 }
 
 }  // namespace
 
 const Command versionsCommand{"versions",
                               "List the archived versions and those that a run has left unfinished",
-                              "objdb versions", runVersions};
-
-const Command archiveCommand{"archive", "Make an archived version of the current tables",
-                             "objdb archive", runArchive};
-
-const Command restoreCommand{"restore", "Put the tables of a version in place of the current ones",
-                             "objdb restore 22112026.231500", runRestore};
+                              "objdb versions --digest", runVersions};

@@ -157,16 +157,17 @@ bool unlinkFromCurrent(const WorkDirectory &version, size_t table, std::string *
   return true;
 }
 
-bool makeVersion(const std::string &database, bool unfinished, Version *made, std::string *error) {
+bool copyTables(WorkDirectory *work, const std::string &from,
+                const std::array<bool, tableCount> &leftOut, std::string *error) {
   VersionContent content;
-  content.unfinished = unfinished;
-  return keepCurrent(database, content, made, error) != nullptr;
+  content.leftOut = leftOut;
+  return keepTables(work, from, content, error);
 }
 
 bool makeVersion(const std::string &database, const FillVersion &fill, Version *made,
                  std::string *error) {
   const std::unique_ptr<WorkDirectory> work = WorkDirectory::make(database, error);
-  return work != nullptr && fill(work->path(), error) &&
+  return work != nullptr && fill(work.get(), error) &&
          publishByTime(work.get(), database, made, error);
 }
 
@@ -176,21 +177,56 @@ bool finishVersion(const Version &version, std::string *error) {
   return syncDirectory(version.directory) == 0 || failAttempt("sync", version.directory, error);
 }
 
-bool restoreVersion(const std::string &database, const Version &version, std::string *error) {
+bool makeCurrent(const std::string &database, WorkDirectory *work, Version *before,
+                 std::string *error) {
+  *before = {};
   const std::string current = pathIn(database, currentName);
-  const std::unique_ptr<WorkDirectory> work = WorkDirectory::make(database, error);
-  if (work == nullptr || !keepTables(work.get(), version.directory, {}, error)) return false;
   struct stat like {};
-  if (stat(isThere(current) ? current.c_str() : version.directory.c_str(), &like) != 0) {
-    return failAttempt("look at", current, error);
+  if (lstat(current.c_str(), &like) != 0) {
+    if (errno != ENOENT || stat(database.c_str(), &like) != 0) {
+      return failAttempt("look at", current, error);
+    }
+    return work->publish(currentName, like, error);
   }
-  // Between the two there is no "current"; the version still has its mark then.
-  std::unique_ptr<WorkDirectory> before;
-  if (isThere(current)) {
-    before = WorkDirectory::take(database, currentName, error);
-    if (before == nullptr) return false;
+  Version fresh{};
+  if (!publishByTime(work, database, &fresh, error)) return false;
+  if (!work->exchange(currentName, error)) {
+    std::string ignored;
+    work->retract(&ignored);
+    return false;
   }
-  return work->publish(currentName, like, error) && finishVersion(version, error);
+  *before = fresh;
+  error->clear();  // names that were taken
+  if (syncDirectory(database) != 0) failAttempt("sync", database, error);
+  return true;
+}
+
+bool holdsTablesAlone(const std::string &directory) {
+  const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory.c_str()), closedir);
+  if (entries == nullptr) return false;
+  while (const dirent *entry = readdir(entries.get())) {
+    const std::string name = entry->d_name;
+    bool known = name == "." || name == ".." || name == unfinishedMark;
+    for (size_t table = 0; table < tableCount && !known; ++table) {
+      known = name == tableFile(table, directorySuffix) || name == tableFile(table, pageSuffix);
+    }
+    struct stat status {};
+    const std::string path = pathIn(directory, name);
+    if (!known ||
+        (name[0] != '.' && lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool removeVersion(const std::string &database, const Version &version, std::string *error) {
+  if (!holdsTablesAlone(version.directory)) {
+    *error = "\"" + version.directory + "\" holds more than tables";
+    return false;
+  }
+  const auto work = WorkDirectory::take(database, version.name, error);
+  return work != nullptr && work->remove(error);
 }
 
 class VersionLock {
@@ -205,7 +241,13 @@ std::shared_ptr<VersionLock> lockVersion(const std::string &directory, std::stri
     if (!tableFormats[table].isLocked || !isThere(path)) continue;
     auto held = std::make_unique<TableLock>();
     if (!held->acquire(path.c_str())) {
+      const int reason = errno;
+      if (reason == EINVAL || reason == ELOOP) continue;  // what is no table file, nobody has open
       failAttempt("lock", path, error);
+      if (reason == EWOULDBLOCK) {
+        *error = "table \"" + path + "\" is held by " + lockHolder(path);
+      }
+      errno = reason;
       return nullptr;
     }
     lock->locks.push_back(std::move(held));

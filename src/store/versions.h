@@ -52,21 +52,34 @@ bool bytesToRebuild(const std::string &database, uint64_t *bytes, std::string *e
 // A page file of the version that is linked becomes a copy: before the file is written over.
 bool unlinkFromCurrent(const WorkDirectory &version, size_t table, std::string *error);
 
-// Makes a version of copies; or one whose files `fill` makes, in the empty directory that it is
-// given, and on the disk when it returns.
-bool makeVersion(const std::string &database, bool unfinished, Version *made, std::string *error);
-using FillVersion = std::function<bool(const std::string &directory, std::string *error)>;
+// Makes a version whose files `fill` makes, in the empty directory that it is given, and on the
+// disk when it returns.
+using FillVersion = std::function<bool(WorkDirectory *work, std::string *error)>;
 bool makeVersion(const std::string &database, const FillVersion &fill, Version *made,
                  std::string *error);
+
+// Copies the tables of a version but those left out, and waits until they are on the disk. A table
+// that is not there is not copied; half of one is an error.
+bool copyTables(WorkDirectory *work, const std::string &from,
+                const std::array<bool, tableCount> &leftOut, std::string *error);
 
 // Takes the mark away; the version stays as an archived one.
 bool finishVersion(const Version &version, std::string *error);
 
-// Puts a copy of the version's tables in place of "current", takes the mark away, and only then
-// removes what was there before. Cut short anywhere, it can be done again. The version stays.
-bool restoreVersion(const std::string &database, const Version &version, std::string *error);
+// Makes the work directory's tables those of "current", at once: it becomes a version first, and
+// then the two exchange their names, so that "current" is always there and whole, and what it was
+// is a version, *before, from then on. Where there is no "current", it takes that name, and
+// *before has none. True once "current" is the new one, though *error says what failed after that.
+bool makeCurrent(const std::string &database, WorkDirectory *work, Version *before,
+                 std::string *error);
+
+// Removes a version with its files. False, and nothing is changed, when something else is in it.
+bool removeVersion(const std::string &database, const Version &version, std::string *error);
+
+// Whether a directory holds nothing but what a version does: files of tables, and the mark.
+bool holdsTablesAlone(const std::string &directory);
 
 // Locks the tables of a version against other processes, as far as they are there, for as long as
-// the result lives. Null when one is held.
+// the result lives. Null, with errno EWOULDBLOCK and the process in *error, when one is held.
 class VersionLock;
 std::shared_ptr<VersionLock> lockVersion(const std::string &directory, std::string *error);

@@ -129,9 +129,18 @@ bool WorkDirectory::link(const std::string &from, const std::string &as) {
 }
 
 bool WorkDirectory::publish(const std::string &name, const struct stat &like, std::string *error) {
+  return publishAs(name, RENAME_NOREPLACE, like, error);
+}
+
+bool WorkDirectory::publishOver(const std::string &name, const struct stat &like,
+                                std::string *error) {
+  return publishAs(name, 0, like, error);
+}
+
+bool WorkDirectory::publishAs(const std::string &name, unsigned flags, const struct stat &like,
+                              std::string *error) {
   if (fsync(fd()) != 0) return failAttempt("sync", name_, error);
-  if (renameat2(database_.get(), name_.c_str(), database_.get(), name.c_str(), RENAME_NOREPLACE) !=
-      0) {
+  if (renameat2(database_.get(), name_.c_str(), database_.get(), name.c_str(), flags) != 0) {
     return failAttempt("name", name, error);
   }
   const std::string workedAs = std::exchange(name_, name);
@@ -168,6 +177,32 @@ bool WorkDirectory::retract(std::string *error) {
   name_ = fresh;
   published_ = false;
   if (fsync(database_.get()) != 0) return failAttempt("sync", named, error);
+  return true;
+}
+
+bool WorkDirectory::exchange(const std::string &name, std::string *error) {
+  struct stat other {};
+  // The names of what is no directory are not exchanged: a link leads to files that are elsewhere.
+  if (fstatat(database_.get(), name.c_str(), &other, AT_SYMLINK_NOFOLLOW) != 0) {
+    return failAttempt("look at", name, error);
+  }
+  if (!S_ISDIR(other.st_mode)) {
+    errno = ENOTDIR;
+    return failAttempt("exchange", name, error);
+  }
+  if (renameat2(database_.get(), name_.c_str(), database_.get(), name.c_str(), RENAME_EXCHANGE) !=
+      0) {
+    return failAttempt("exchange", name, error);
+  }
+  name_ = name;
+  return true;
+}
+
+bool WorkDirectory::remove(std::string *error) {
+  if (removeFiles(fd()) != 0 || unlinkat(database_.get(), name_.c_str(), AT_REMOVEDIR) != 0) {
+    return failAttempt("remove", name_, error);
+  }
+  published_ = true;  // nothing is left for the destructor
   return true;
 }
 

@@ -46,12 +46,24 @@ class WorkDirectory {
   // name is taken; on any other failure it is a work directory again.
   bool publish(const std::string &name, const struct stat &like, std::string *error);
 
+  // The same where a directory without entries may stand, whose place it takes.
+  bool publishOver(const std::string &name, const struct stat &like, std::string *error);
+
+  // Exchanges the names of this published directory and of another one, at once.
+  bool exchange(const std::string &name, std::string *error);
+
   // Takes a published directory's name away again; the destructor will remove it.
   bool retract(std::string *error);
+
+  // Removes it now. False, and *error says why, when that fails.
+  bool remove(std::string *error);
 
  private:
   WorkDirectory(Descriptor database, Descriptor directory, std::string name)
       : database_(std::move(database)), directory_(std::move(directory)), name_(std::move(name)) {}
+
+  bool publishAs(const std::string &name, unsigned flags, const struct stat &like,
+                 std::string *error);
 
   // Whether the directory still stands under that name.
   bool hasName(const std::string &name) const;

@@ -1,0 +1,105 @@
+// Puts the tables of a version in place of "current":
+//
+// 1. The tables of both are locked, and the version is read: is it whole?
+// 2. Its tables are copied into a work directory, which gets an id keeper if the version has none,
+//    and are compared with the version.
+// 3. The work directory becomes a version, and exchanges its name with "current". From here on the
+//    new tables are the current ones, and what they replace is a version.
+// 4. The mark of an unfinished version goes, and then what that run had made of the tables.
+//
+// Cut short before 3, nothing has changed but that there may be a version more; cut short after it,
+// a marked version is still there to be restored once more.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "objdb/changes.h"
+#include "objdb/commands.h"
+#include "objdb/options.h"
+#include "objdb/table_writer.h"
+
+namespace {
+
+// The counter that the current tables and the version agree with.
+bool addIdKeeper(WorkDirectory *work, const std::string &current, uint32_t highestId,
+                 std::string *error) {
+  const uint32_t counter = std::max(surveyVersion(current).counter, lowestCounter(highestId));
+  const std::string key = keyOf({0});
+  const std::string bytes = encodedRecord(idKeeper, &counter);
+  return writeTable(work->path(), idKeeper, {{key, bytes}}) ||
+         failAttempt("write", tableFile(idKeeper, pageSuffix), error);
+}
+
+// A link leads to files that lie elsewhere, which an exchange of names would not reach.
+void refuseLink(const std::string &current) {
+  struct stat status {};
+  if (lstat(current.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+    throw CommandFailure("\"" + current + "\" is no directory; nothing was changed");
+  }
+}
+
+// What an unfinished run had made of the tables goes; whatever else somebody has put there stays.
+bool removeReplaced(const std::string &database, Version *replaced, std::string *error) {
+  if (replaced->name.empty() || !holdsTablesAlone(replaced->directory)) return true;
+  if (!removeVersion(database, *replaced, error)) return false;
+  replaced->name.clear();
+  return true;
+}
+
+ObjdbStatus putInPlace(const std::string &database, const Version &version, WorkDirectory *work) {
+  std::string error;
+  Version replaced;
+  if (!makeCurrent(database, work, &replaced, &error)) {
+    throw CommandFailure(error + "; nothing was changed");
+  }
+  if (error.empty() && version.unfinished && finishVersion(version, &error)) {
+    removeReplaced(database, &replaced, &error);
+  }
+  if (!replaced.name.empty()) puts(replaced.name.c_str());
+  if (error.empty()) return objdbFine;
+  throw CommandFailure("the tables of \"" + version.name + "\" are in place, but: " + error);
+}
+
+ObjdbStatus restoreTables(const VersionPath &database, bool partial, bool dryRun) {
+  requireDatabase(database.directory);
+  const Version version = requireVersion(database);
+  const std::string current = pathIn(database.directory, currentName);
+  refuseLink(current);
+  const auto currentLock = lockOrFail(current);
+  const auto versionLock = lockOrFail(version.directory);
+  if (!dryRun) removeLeftovers(database.directory);
+  const Survey source = surveyVersion(version.directory);
+  if (!source.isThere || (!source.isWhole && !partial)) {
+    throw CommandFailure("version \"" + version.name + "\" is not whole: " + source.whatIsWrong +
+                         "; nothing was changed");
+  }
+  std::string error;
+  const auto work = WorkDirectory::make(database.directory, &error);
+  if (work == nullptr || !copyCompared(work.get(), version.directory, source, &error) ||
+      (!source.hasIdKeeper && !addIdKeeper(work.get(), current, source.highestId, &error))) {
+    throw CommandFailure(error + "; nothing was changed");
+  }
+  if (!dryRun) return putInPlace(database.directory, version, work.get());
+  printf("would put the tables of \"%s\" in place of \"%s\"%s\n", version.directory.c_str(),
+         current.c_str(), version.unfinished ? " and take its mark \"unfinished\" away" : "");
+  return objdbFine;
+}
+
+ObjdbStatus runRestore(Options &options) {
+  VersionPath database;
+  bool partial = false;
+  bool dryRun = false;
+  options.directory(&database);
+  options.argument("VERSION", &database.name, "The version, as 'objdb versions' names it");
+  options.flag("--partial", &partial, "Even if the version is not whole");
+  options.flag("--dry-run", &dryRun, "Only try all that can be tried");
+  options.parse();
+  return restoreTables(database, partial, dryRun);
+}
+
+}  // namespace
+
+const Command restoreCommand{"restore", "Put the tables of a version in place of the current ones",
+                             "objdb restore 22112026.231500", runRestore};
