@@ -55,11 +55,11 @@ void forEachKeyedObject(ObjectDatabase *db, Take take) {
 }  // namespace
 
 AskedDatabase::AskedDatabase(const VersionPath &version, std::optional<uint32_t> mostObjects) {
-  for (const TableFormat &table : tableFormats) {
-    if (!table.isLocked) continue;
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (!tableFormats[table].isLocked) continue;
     OpenFailure failure;
     locks_.push_back(
-        TableReader::open(version.path(), table.name, TableReader::Demand::wholeTable, &failure));
+        TableReader::open(version.path(), table, TableReader::Demand::lockedTable, &failure));
     if (locks_.back() == nullptr) throw failure.asFailure();
   }
   const time_t time = versionOf(version.name);
