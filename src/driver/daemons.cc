@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "maint/run.h"
+#include "platform/exit_status.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <new>
 
 #include "driver/daemons.h"
@@ -15,6 +16,7 @@
 #include "maint/rewrite.h"
 #include "maint/run.h"
 #include "platform/out_of_memory.h"
+#include "platform/report.h"
 #include "platform/strings.h"
 
 namespace {
@@ -28,31 +30,47 @@ bool confirmed() {
   return scanf("%79s", answer) == 1 && strncmp_new(answer, "yes", 3) == 0;
 }
 
-void announce(const char *phase) {
+void sayPhase(const char *phase) {
   fprintf(stderr, "DEBUG: %s...\n", phase);
 }
 
 void run(const Options &options) {
-  announce("checking daemons");
+  sayPhase("checking daemons");
   checkDaemons();
 
   std::set_new_handler(nqwDbOutOfMemory);
-  announce("connect to object database");
+  sayPhase("connect to object database");
   loadAndPurge(options.dflag, options.pflag, options.mflag);
   if (options.dflag != 0 && options.mflag == 0 && options.pflag == 0) return;
 
   installSignalHandlers(cleanupCaches);
-  announce("save clear files in dbdir");
+  sayPhase("save clear files in dbdir");
   removeCurrentFiles();
   blockSignals();
-  announce("restore db contents");
+  sayPhase("restore db contents");
   rewriteDatabase(options.mflag);
   unblockSignals();
+}
+
+// What no new-handler could end: before it is installed, or where even a failure takes memory.
+[[noreturn]] void endUncaught() {
+  const std::exception_ptr caught = std::current_exception();
+  if (caught != nullptr) {
+    try {
+      std::rethrow_exception(caught);
+    } catch (const std::bad_alloc &) {
+    } catch (...) {
+      abort();
+    }
+  }
+  nqwDbOutOfMemory();
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+  std::set_terminate(endUncaught);
+  std::atexit(sayLastWords);
   openStandardStreams();
   setlocale(LC_ALL, "");
   const char *programName = programNameOf(argc > 0 ? argv[0] : "dbsweep");

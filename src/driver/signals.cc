@@ -2,7 +2,8 @@
 
 #include <unistd.h>
 
-#include "maint/run.h"
+#include "platform/exit_status.h"
+#include "platform/report.h"
 
 void (*cleanupRoutine)(int signal) = nullptr;
 sigset_t blockedSignals;
@@ -36,6 +37,12 @@ void signalHandler(int signal) {
   if (cleanupRoutine == nullptr) return;
   if (ending != 0) _exit(exitRefused);
   ending = 1;
+  sayLastWords();
+  // The alarm has to come through also when it was what called us.
+  sigset_t alarmAlone;
+  sigemptyset(&alarmAlone);
+  sigaddset(&alarmAlone, SIGALRM);
+  sigprocmask(SIG_UNBLOCK, &alarmAlone, nullptr);
   alarm(10);
   cleanupRoutine(signal);
   _exit(exitRefused);

@@ -1,8 +1,8 @@
 // Signals from the removal of the tables on. Until then the system's defaults hold.
 //
 // Keyboard interrupts, quit, broken pipes and termination requests are ignored, so that they cannot
-// break off the rewrite; SIGHUP and SIGSEGV are held during it; every other signal that can be
-// caught runs the cleanup and then ends the process.
+// break off the rewrite. SIGHUP and SIGSEGV are held during it (and all signals while the tables
+// are kept). Every other signal that can be caught runs the cleanup and then ends the process.
 #pragma once
 
 #include <signal.h>
@@ -16,10 +16,11 @@ extern sigset_t blockedSignals;
 // Records the cleanup and sets the disposition of every signal from 1 to 63 that has one. 0.
 int installSignalHandlers(void (*cleanup)(int signal));
 
-// Runs the cleanup once and ends the process with status 1, without exit handlers; a further signal
-// during the cleanup, or a cleanup that is stuck for ten seconds, ends it at once. The cleanup
-// frees memory and closes the database, which may meet the code it interrupted half way: what comes
-// of it is of no use to anybody any more, and the process never goes back to that code.
+// Says the last words of the run (platform/report.h), runs the cleanup once and ends the process
+// with status 1, without exit handlers. A further signal during the cleanup, or a cleanup that is
+// stuck for ten seconds, ends it at once. The cleanup frees memory and closes the database, and may
+// meet the code that it interrupted half way: what comes of it is of no use to anybody any more,
+// and the process never goes back to that code.
 void signalHandler(int signal);
 
 // Hold and release blockedSignals: around the rewrite. 0, or -1.

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "maint/run.h"
+#include "platform/exit_status.h"
 
 void openStandardStreams() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {

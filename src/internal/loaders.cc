@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <string_view>
 
 #include "internal/bulk_load.h"
@@ -13,7 +14,7 @@
 #include "records/field_codec.h"
 #include "records/record_views.h"
 
-LoadLosses loadLosses{};
+LoadLosses loadLosses;
 
 namespace {
 
@@ -42,16 +43,19 @@ bool isWithinLimit(uint32_t objectId) {
   return true;
 }
 
-// Counts the strings that were cut while it lives.
-class CutStringCount {
+// Tells of each record, right after its decoding, whether that dropped anything. A value under an
+// unknown field is counted when it is not entered.
+class LossWatch {
  public:
-  CutStringCount() = default;
-  ~CutStringCount() { loadLosses.cutString += cutStrings - before_; }
-  CutStringCount(const CutStringCount &) = delete;
-  CutStringCount &operator=(const CutStringCount &) = delete;
+  void look(uint32_t objectId, uint32_t fieldId) {
+    const uint32_t before = std::exchange(seen_, cutStrings + recordsWithRest);
+    if (seen_ != before && FieldInfoCache->find(fieldId) != nullptr) {
+      loadLosses.leftOut.push_back(objectId);
+    }
+  }
 
  private:
-  uint32_t before_ = cutStrings;
+  uint32_t seen_ = cutStrings + recordsWithRest;
 };
 
 // Adds a single value that was read in place.
@@ -59,7 +63,7 @@ void addView(BulkLoad *load, const RecordView &view) {
   FieldCacheEntry *field = FieldInfoCache->find(view.fieldId);
   CachedValue *item = nullptr;
   if (field == nullptr) {
-    ++loadLosses.unknownField;
+    loadLosses.leftOut.push_back(view.objectId);
   } else {
     item = view.hasText ? storeText(ObjValCache, view.text) : storeValue(ObjValCache, view.value);
   }
@@ -68,13 +72,13 @@ void addView(BulkLoad *load, const RecordView &view) {
 
 void addDecoded(BulkLoad *load, const dbObjectValue &record) {
   FieldCacheEntry *field = FieldInfoCache->find(record.fieldId);
-  if (field == nullptr) ++loadLosses.unknownField;
+  if (field == nullptr) loadLosses.leftOut.push_back(record.objectId);
   load->add(record.objectId, field,
             field == nullptr ? nullptr : storeValue(ObjValCache, *record.value));
 }
 
 void loadAllNames(ObjectDatabase *db) {
-  const CutStringCount cut;
+  LossWatch losses;
   BulkLoad load;
   loadLosses.unreadable += forEachStored(db->objInfoDb, [&](std::string_view bytes) {
     RecordView view;
@@ -84,6 +88,7 @@ void loadAllNames(ObjectDatabase *db) {
     }
     const auto *record = static_cast<dbObject *>(_NQ_dbm_db_decode(db->objInfoDb, bytes));
     if (record == nullptr) return false;
+    losses.look(record->objectId, record->fieldId);
     addView(&load, {record->objectId, record->fieldId, {0, String, {}, 0}, record->name, true});
     return true;
   });
@@ -92,7 +97,7 @@ void loadAllNames(ObjectDatabase *db) {
 
 // Both data formats decode to the same records.
 void loadAllValues(ObjectDatabase *db) {
-  const CutStringCount cut;
+  LossWatch losses;
   BulkLoad load;
   loadLosses.unreadable += forEachStored(db->valueInfoDb, [&](std::string_view bytes) {
     RecordView view;
@@ -102,6 +107,7 @@ void loadAllValues(ObjectDatabase *db) {
     }
     auto *record = static_cast<dbObjectValue *>(_NQ_dbm_db_decode(db->valueInfoDb, bytes));
     if (record == nullptr) return false;
+    losses.look(record->objectId, record->fieldId);
     addDecoded(&load, *record);
     freeDbObjectValue(record);
     return true;
@@ -110,8 +116,9 @@ void loadAllValues(ObjectDatabase *db) {
 }
 
 void loadNamesWithinLimit(ObjectDatabase *db) {
-  const CutStringCount cut;
-  loadLosses.unreadable += forEachRecord<dbObject>(db->objInfoDb, [](dbObject *record) {
+  LossWatch losses;
+  loadLosses.unreadable += forEachRecord<dbObject>(db->objInfoDb, [&](const dbObject *record) {
+    losses.look(record->objectId, record->fieldId);
     if (!isWithinLimit(record->objectId)) return;
     enterOrRelease(record->objectId, record->fieldId, newFieldValue(String, record->name));
   });
@@ -119,8 +126,9 @@ void loadNamesWithinLimit(ObjectDatabase *db) {
 
 // What may have to make room for another object does not lie in the table's storage.
 void loadValuesWithinLimit(ObjectDatabase *db) {
-  const CutStringCount cut;
-  loadLosses.unreadable += forEachRecord<dbObjectValue>(db->valueInfoDb, [](dbObjectValue *record) {
+  LossWatch losses;
+  loadLosses.unreadable += forEachRecord<dbObjectValue>(db->valueInfoDb, [&](dbObjectValue *record) {
+    losses.look(record->objectId, record->fieldId);
     if (isCachedObject(record->objectId)) {
       enterOrRelease(record->objectId, record->fieldId, record->value);
     } else {
@@ -237,7 +245,7 @@ int addObjectValue(uint32_t objectId, uint32_t fieldId, NQwFieldValue *value) {
 
 void enterOrRelease(uint32_t objectId, uint32_t fieldId, NQwFieldValue *value) {
   if (addObjectValue(objectId, fieldId, value) != 0) return;
-  ++loadLosses.unknownField;
+  loadLosses.leftOut.push_back(objectId);
   NQwDbFreeFieldValue(value);
 }
 

@@ -5,15 +5,17 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "internal/caches.h"
 #include "store/database.h"
 
 // What the loaders met that is not in the caches, since the start of the process.
 struct LoadLosses {
-  uint32_t unreadable;    // records that do not decode or were not reached
-  uint32_t unknownField;  // values under a field id that no definition has
-  uint32_t cutString;     // strings of objects with a NUL inside, cut there
+  uint32_t unreadable = 0;  // records that do not decode or were not reached
+  // The object of each value that a rewrite would drop or change: under a field id that no
+  // definition has, a text with a NUL inside, bytes after the end of the record.
+  std::vector<uint32_t> leftOut;
 };
 extern LoadLosses loadLosses;
 

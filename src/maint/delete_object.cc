@@ -1,8 +1,12 @@
 #include "maint/delete_object.h"
 
 #include <cstdlib>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "internal/iGetFV.h"
+#include "internal/loaders.h"
 #include "internal/stored_values.h"
 #include "records/value_table.h"
 #include "store/error_report.h"
@@ -53,9 +57,85 @@ int deleteObjectEntries(uint32_t objectId, ObjCacheEntry *entry) {
 }
 
 int deleteStoredValue(uint32_t objectId, uint32_t fieldId, uint32_t flags, ObjectDatabase *db) {
-  const char *name = (flags & nameFieldFlag) != 0 ? getObjectName(db, objectId, fieldId) : nullptr;
+  const bool isNameField = (flags & nameFieldFlag) != 0;
+  const char *name = isNameField ? getObjectName(db, objectId, fieldId) : nullptr;
+  if (isNameField && name == nullptr && _NQ_dbm_db_look_failed(db->objInfoDb)) {
+    return failDeletion("Database");
+  }
   // A name field's value that is no name (a number, a list) stands in value_info like any other.
   const int deleted = name != nullptr ? delNameObject(db, objectId, fieldId, name)
                                       : delValueObject(db, objectId, fieldId);
   return deleted != 0 ? 1 : failDeletion("Database");
+}
+
+namespace {
+
+// A name of an object that is about to be deleted, and to which object it leads.
+struct Name {
+  uint32_t fieldId;
+  std::string text;
+  uint32_t leadsTo;
+};
+
+std::vector<Name> namesOf(const ObjCacheEntry *object, ObjectDatabase *db) {
+  std::vector<Name> names;
+  for (FieldValIter item(object->values); item() != nullptr; item++) {
+    const NQwFieldInfo *field = item()->field;
+    const char *text = singleString(item()->value);
+    if ((field->flags & nameFieldFlag) == 0 || text == nullptr) continue;
+    names.push_back({field->fieldId, text, getNameObjectId(db, field->fieldId, text)});
+  }
+  return names;
+}
+
+bool bears(const CachedValue *item, const std::string &name) {
+  const char *text = singleString(item->value);
+  return text != nullptr && name == text;
+}
+
+// The object that the name is to lead to; null when none bears it any more.
+const uint32_t *newBearer(const Name &name) {
+  std::set<const uint32_t *> bearers;
+  const FieldCacheEntry *field = FieldInfoCache->find(name.fieldId);
+  for (FieldValIter item(field->values); item() != nullptr; item++) {
+    if (!bears(item(), name.text)) continue;
+    if (*item()->objectId == name.leadsTo) return item()->objectId;
+    bearers.insert(item()->objectId);
+  }
+  if (bearers.empty()) return nullptr;
+  const uint32_t *oldest = nullptr;
+  for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
+    if (bearers.contains(object()->objectId)) oldest = object()->objectId;
+  }
+  return oldest;
+}
+
+bool enterAgain(const Name &name, ObjectDatabase *db) {
+  const uint32_t *bearer = newBearer(name);
+  return bearer == nullptr || putNameObject(db, *bearer, name.fieldId, name.text.c_str()) >= 0;
+}
+
+// Every record under a key of the object and of a field that there is.
+bool deleteByKeys(uint32_t objectId, ObjectDatabase *db) {
+  for (_HashIter each(FieldInfoCache); each() != nullptr; each++) {
+    const NQwFieldInfo *field = static_cast<const FieldCacheEntry *>(each()->data())->info;
+    if (deleteStoredValue(objectId, field->fieldId, field->flags, db) == 0) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int deleteObjectInPlace(uint32_t objectId) {
+  ObjectDatabase *db = nqwDbGetDb(0);
+  const ObjCacheEntry *object = ObjValCache->find(objectId);
+  std::vector<Name> names;
+  if (object != nullptr && db != nullptr) names = namesOf(object, db);
+  if (_nqwDbDeleteObject(objectId) != 0) return -1;
+  if (db == nullptr) return 0;
+  if (loadLosses.unreadable > 0 && !deleteByKeys(objectId, db)) return -1;
+  for (const Name &name : names) {
+    if (!enterAgain(name, db)) return -1;
+  }
+  return 0;
 }

@@ -2,23 +2,26 @@
 
 #include <signal.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 
+#include "maint/outcome.h"
 #include "maint/run.h"
 #include "platform/files.h"
 #include "platform/out_of_memory.h"
+#include "platform/report.h"
 #include "store/directory.h"
 #include "store/versions.h"
 
 namespace {
 
-bool kept = false;
 Version keptVersion;
-std::unique_ptr<WorkDirectory> keptDirectory;
+std::unique_ptr<WorkDirectory> keptDirectory;  // null: nothing is kept
 
 std::string databaseDirectory() {
   const char *path = dbPath("", nullptr);
@@ -32,8 +35,8 @@ std::string databaseDirectory() {
   exit(exitRefused);
 }
 
-// Holds all signals back while it lives. Whoever has interrupted the run by then gets it ended, and
-// before that the chance to leave nothing behind.
+// Holds all signals back while it lives. A signal that arrives meanwhile ends the run, but only
+// after we have cleaned up.
 class SignalsHeld {
  public:
   SignalsHeld() {
@@ -54,7 +57,7 @@ class SignalsHeld {
       struct sigaction action {};
       sigaction(number, nullptr, &action);
       if (sigismember(&pending, number) == 1 && sigismember(&before_, number) == 0 &&
-          action.sa_handler == SIG_DFL) {
+          action.sa_handler != SIG_IGN) {
         return true;
       }
     }
@@ -65,11 +68,24 @@ class SignalsHeld {
   sigset_t before_{};
 };
 
-bool hasRoom(const std::string &database, std::string *error) {
+VersionContent contentOf(KeepBy how) {
+  VersionContent content;
+  content.unfinished = true;
+  content.linksRebuilt = how == KeepBy::linking;
+  for (size_t table = 0; table < tableCount; ++table) {
+    content.leftOut[table] = std::find(outcome.missing.begin(), outcome.missing.end(),
+                                       tableFormats[table].name) != outcome.missing.end();
+  }
+  return content;
+}
+
+// For the version, and for the new tables of a run that rebuilds them.
+bool hasRoom(const std::string &database, const VersionContent &content, std::string *error) {
   uint64_t needed = 0;
-  uint64_t available = 0;
   uint64_t rebuilt = 0;
-  if (!bytesToKeep(database, {}, &needed, error) || !bytesToRebuild(database, &rebuilt, error)) {
+  uint64_t available = 0;
+  if (!bytesToKeep(database, content, &needed, error) ||
+      (content.linksRebuilt && !bytesToRebuild(database, &rebuilt, error))) {
     return false;
   }
   needed += rebuilt;
@@ -78,29 +94,30 @@ bool hasRoom(const std::string &database, std::string *error) {
     return false;
   }
   if (available >= needed) return true;
-  *error = "No space left on device";
+  *error = std::string(strerror(ENOSPC)) + ": " + std::to_string(needed) + " bytes are needed, " +
+           std::to_string(available) + " are free";
   return false;
 }
 
-void makeCopy() {
+// Nothing is kept afterwards if a signal is about to end the run.
+void makeVersionOnce(KeepBy how) {
   const std::string database = databaseDirectory();
+  const VersionContent content = contentOf(how);
   std::string error;
   const SignalsHeld held;
   removeLeftovers(database);
-  VersionContent content;
-  content.unfinished = true;
-  if (hasRoom(database, &error)) {
+  if (hasRoom(database, content, &error)) {
     keptDirectory = keepCurrent(database, content, &keptVersion, &error);
   }
-  if (keptDirectory == nullptr) {
-    endUnkept(keptVersion.directory.empty() ? database : keptVersion.directory, error);
-  }
+  if (keptDirectory == nullptr) endUnkept(database, error);
   if (held.interrupted()) {
     keptDirectory->retract(&error);
     keptDirectory.reset();
-    return;  // to the signal that ends the run
+    return;
   }
-  kept = true;
+  prepareLastWords("The run did not finish. The previous tables are kept in " +
+                   keptVersion.directory + "; restore them with 'objdb restore " +
+                   keptVersion.name + "'.");
 }
 
 }  // namespace
@@ -110,37 +127,46 @@ void refuseUnfinished() {
     if (!version.unfinished) continue;
     fprintf(stderr,
             "dbsweep: An earlier run did not finish. Its tables are kept in %s; restore them with "
-            "'objdb restore' first.\n",
-            version.directory.c_str());
+            "'objdb restore %s' first.\n",
+            version.directory.c_str(), version.name.c_str());
     cleanupCaches(1);
     exit(exitRefused);
   }
 }
 
-void keepTables() {
-  // Without the handler an exhausted memory comes back here, and the copy does not stay half made.
+void keepTables(KeepBy how) {
+  // Without the handler an exhausted memory comes back here, and nothing stays half made.
   const std::new_handler handler = std::set_new_handler(nullptr);
   try {
-    while (!kept) makeCopy();
+    // Once more only for a signal that was pending and did not end the run after all.
+    while (keptDirectory == nullptr) makeVersionOnce(how);
   } catch (const std::bad_alloc &) {
-    removeLeftovers(databaseDirectory());
     nqwDbOutOfMemory();
   }
   std::set_new_handler(handler);
 }
 
-void settleKeptTables(const RewriteOutcome &outcome) {
-  if (!kept) return;
+void keepCopyOf(size_t table) {
   std::string error;
-  if (outcome.unread == 0 && outcome.unwritten == 0 && outcome.synced &&
-      keptDirectory->retract(&error)) {
-    keptDirectory.reset();
-    return;
+  if (!unlinkFromCurrent(*keptDirectory, table, &error)) endUnkept(keptVersion.directory, error);
+}
+
+void settleKeptTables() {
+  if (keptDirectory == nullptr) return;
+  std::string reasons = reasonsToKeep();
+  std::string error;
+  if (reasons.empty()) {
+    keptDirectory->retract(&error);
+    if (!keptDirectory->isPublished()) {
+      keptDirectory.reset();
+      forgetLastWords();
+      return;
+    }
+    reasons = keptVersion.directory + " could not be removed";
   }
   finishVersion(keptVersion, &error);
-  fprintf(stderr,
-          "dbsweep: %u records could not be read and %u could not be written; the previous tables "
-          "are kept in %s\n",
-          outcome.unread, outcome.unwritten, keptVersion.directory.c_str());
+  forgetLastWords();
+  fprintf(stderr, "dbsweep: The previous tables are kept in %s: %s.\n",
+          keptVersion.directory.c_str(), reasons.c_str());
   runStatus = exitRefused;
 }

@@ -1,24 +1,28 @@
-// The way back: from before a rewriting run's first change of a table file until its new tables are
-// complete on the disk, a marked copy of the old ones stands beside them (versions.h).
+// The way back: from before a run's first change of a table file until its result is proved on the
+// disk, a marked version beside "current" holds the tables as they were (store/versions.h).
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 
-// Ends the process with status 1 when an earlier run has not finished. The database must be open,
-// so that of two live runs the second is told that it cannot open it.
+// How the version gets its files. A run that will remove the old files of the object tables links
+// them, which costs next to nothing; one that changes tables in place needs a copy of all.
+enum class KeepBy { linking, copying };
+
+// Ends the process with status 1 when an earlier run has not finished. Called once the database is
+// open, so that of two live runs the second is told that it cannot open it.
 void refuseUnfinished();
 
-// Makes the copy; a second call does nothing. Ends the process with status 1, and nothing is
-// changed or left behind, when it cannot be made or there is no room for it and the new tables.
-void keepTables();
+// Makes the version, without the tables that were missing (outcome.h), and prepares the last words
+// of the run (platform/report.h). A second call does nothing. Ends the process with status 1, and
+// nothing is changed or left behind, when it cannot be made or there is no room for it and for the
+// new tables.
+void keepTables(KeepBy how);
 
-// What the end of a rewrite depends on.
-struct RewriteOutcome {
-  uint32_t unread;     // records that could not be read
-  uint32_t unwritten;  // values that were left out or could not be stored
-  bool synced;         // every old file is gone, every new one is on the disk
-};
+// Before a page file that could not be removed is written over: gives the version a copy of it in
+// place of the link. Ends the process with status 1 when that fails; the version stays, marked.
+void keepCopyOf(size_t table);
 
-// Removes the copy after a rewrite that lost nothing. After any other it takes the mark away, says
-// where the copy is, and the run ends with status 1.
-void settleKeptTables(const RewriteOutcome &outcome);
+// The end of a run that has kept its tables, successful or not: with nothing in outcome.h the
+// version goes. Otherwise its mark alone goes, the run says where the version is and why it is
+// there, and ends with status 1.
+void settleKeptTables();

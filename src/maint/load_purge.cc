@@ -1,19 +1,30 @@
 #include "maint/load_purge.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <string>
+#include <unordered_set>
+#include <vector>
 
 #include "internal/iListO.h"
 #include "internal/loaders.h"
+#include "internal/protocol.h"
 #include "internal/util.h"
 #include "maint/delete_object.h"
 #include "maint/kept_tables.h"
+#include "maint/outcome.h"
+#include "maint/proof.h"
 #include "maint/run.h"
 #include "platform/out_of_memory.h"
 #include "platform/report.h"
+#include "store/directory.h"
 #include "store/shared_database.h"
+#include "store/tables.h"
 
 FILE *tfp = nullptr;
 
@@ -33,7 +44,56 @@ constexpr uint32_t countOnly = 99;
   endWith(exitNormal, "dbsweep: Cannot open objects database.\n");
 }
 
+// An earlier run that did not finish is named before anything else is said, but not while another
+// run is still at work.
+[[noreturn]] void endWithoutDirectory(int status) {
+  refuseUnfinished();
+  exit(status);
+}
+
+bool isEmptyFile(const std::string &path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return errno == ENOENT;
+  return status.st_size == 0;
+}
+
+// The tables that every database has and this one has not, as long as the open has not made them.
+std::vector<size_t> absentTables() {
+  std::vector<size_t> absent;
+  const char *directory = dbPath(nullptr, nullptr);
+  if (directory == nullptr) return absent;
+  for (const size_t table : {idKeeper, fieldInfo, objInfo, valueInfo}) {
+    if (isEmptyFile(tablePath(directory, table, pageSuffix))) absent.push_back(table);
+  }
+  return absent;
+}
+
+bool hasRecords(size_t table) {
+  uint64_t records = 0;
+  return !_NQ_dbm_db_count(tableOf(runDb, table), &records) || records > 0;
+}
+
+// Absent tables count as missing when there is something that they belong to. An obj_info without
+// records beside names that lead to objects was made by an earlier run in the place of one that had
+// gone missing.
+void noteMissing(std::vector<size_t> absent) {
+  const auto isAbsent = [&](size_t table) {
+    return std::find(absent.begin(), absent.end(), table) != absent.end();
+  };
+  if (!isAbsent(objInfo) && !hasRecords(objInfo) && hasRecords(nameInfo)) {
+    absent.push_back(objInfo);
+  }
+  bool othersHaveRecords = false;
+  for (size_t table = 0; table < tableCount && !absent.empty(); ++table) {
+    othersHaveRecords = othersHaveRecords || (!isAbsent(table) && hasRecords(table));
+  }
+  if (!othersHaveRecords) return;
+  for (const size_t table : absent) outcome.missing.emplace_back(tableFormats[table].name);
+}
+
 void openForRun(int dflag, int pflag, int mflag) {
+  const std::vector<size_t> absent = absentTables();
+  directoryFailure = endWithoutDirectory;
   if (mflag != 0) {
     runDb = open_nqwdb_ndbm_old(0);
   } else if (dflag != 0 && pflag == 0) {
@@ -41,8 +101,10 @@ void openForRun(int dflag, int pflag, int mflag) {
   } else {
     runDb = open_nqwdb_ndbm(0);
   }
+  if (runDb != nullptr || !isHeldByAnother()) refuseUnfinished();
   if (runDb == nullptr) endUnopened();
-  refuseUnfinished();
+  directoryFailure = nullptr;
+  noteMissing(absent);
   if (runDb->fieldList == nullptr) loadFieldList(runDb);
 }
 
@@ -79,85 +141,127 @@ void writeCount(FILE *stream, int32_t count) {
   fprintf(stream, "dbsweep: Total number of objects in DB is %d\n", count);
 }
 
+// Every line goes out at its end, so that the file tells what was done whenever the run ends.
 void openTraceFile() {
-  const int fd = open(traceFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const int fd = open(traceFile, flags, 0644);
   tfp = fd < 0 ? nullptr : fdopen(fd, "w");
   if (tfp == nullptr) endWith(exitRefused, "dbsweep: Cann't open log file for writing\n");
+  setvbuf(tfp, nullptr, _IOLBF, BUFSIZ);
 }
 
-// With `keeps` the tables are kept before the first deletion.
-void deleteListed(bool keeps) {
-  openTraceFile();
+void closeTraceFile() {
+  const bool failed = ferror(tfp) != 0;
+  if (fclose(tfp) != 0 || failed) {
+    fputs("dbsweep: Cannot write the log file\n", stderr);
+    runStatus = exitRefused;
+  }
+  tfp = nullptr;
+}
+
+// Under bulk access the tables stay as they are: what is deleted goes with their files.
+void deleteFromCachesAlone() {
+  if (purgedDb != nullptr) return;
+  purgedDb = nqwDbGetDb(0);
+  if (purgedDb != nullptr) startBuffering(purgedDb);
+}
+
+void deleteListed(int (*deleteObject)(uint32_t objectId)) {
+  for (int32_t i = 0; i < numofobj; ++i) {
+    if (deleteObject(objectids[i]) == -1) {
+      ++outcome.undeleted;
+      writeNotDeleted(tfp, objectids[i]);
+      continue;
+    }
+    writeDeleted(tfp, objectids[i]);
+    writeDeleted(stderr, objectids[i]);
+  }
+}
+
+// Deletes from the tables. What the library might write over in a damaged one counts as not read.
+void deleteListedInPlace() {
+  for (size_t table = 0; table < tableCount; ++table) {
+    const bool changes = tableFormats[table].isRebuilt;
+    if (changes && !_NQ_dbm_db_check_space(tableOf(runDb, table)) && outcome.unread == 0) {
+      outcome.unread = 1;
+    }
+  }
+  keepTables(KeepBy::copying);
+  const RecordCounts before = countRecords(runDb);
+  deleteListed(deleteObjectInPlace);
+  const RecordCounts expected = expectedRecords(runDb, before);
+  outcome.unsynced = !syncTables(runDb);
+  closeRunDb();
+  outcome.incomplete = !areComplete(dbPath(nullptr, nullptr), expected);
+  settleKeptTables();
+}
+
+void countObjects() {
   NQwObjectIdList *objects = listObjects(nullptr);
   if (objects == nullptr) endUnopened();
   writeCount(tfp, objects->count);
   writeCount(stderr, objects->count);
-  if (objectids[0] != countOnly) {
-    if (keeps) keepTables();
-    for (int32_t i = 0; i < numofobj; ++i) {
-      if (_nqwDbDeleteObject(objectids[i]) == -1) {
-        writeNotDeleted(tfp, objectids[i]);
-        continue;
-      }
-      writeDeleted(tfp, objectids[i]);
-      writeDeleted(stderr, objectids[i]);
-    }
-  }
-  fclose(tfp);
-  tfp = nullptr;
   NQwDbFreeObjectIdList(objects);
 }
 
-bool onlyCounts(int dflag) {
-  return dflag != 0 && objectids[0] == countOnly;
-}
-
-// Id 0 is no field, even where a damaged definition claims it.
-bool protocolHasField() {
-  const uint32_t fieldId = fieldNameToId(protocolName);
-  const FieldCacheEntry *field = fieldId == 0 ? nullptr : FieldInfoCache->find(fieldId);
-  return field != nullptr && field->info->type == Boolean;
-}
-
 void reportUnread() {
-  if (loadLosses.unreadable == 0) return;
-  fprintf(stderr, "dbsweep: %u records could not be read; objects among them were not deleted.\n",
-          loadLosses.unreadable);
+  if (outcome.unread == 0) return;
+  fprintf(stderr, "dbsweep: %u records could not be read.\n", outcome.unread);
   runStatus = exitRefused;
 }
 
-NQwFieldBinding *newProtocolQuery() {
-  auto *query = static_cast<NQwFieldBinding *>(allocateOrEnd(sizeof(NQwFieldBinding)));
-  constexpr int32_t isTrue = 1;
-  query->fieldId = fieldNameToId(protocolName);
-  query->value = newFieldValue(Boolean, &isTrue);
-  return query;
-}
-
-void deleteProtocol() {
-  NQwFieldBinding *query = newProtocolQuery();
-  NQwObjectIdList *ids = protocolHasField() ? objectsWithFieldValue(query) : nullptr;
-  NQwDbFreeFieldValue(query->value);
-  free(query);
-  if (ids == nullptr && _NQwError == NQw_DB_OPEN_FAILED) endUnopened();
-  if (ids == nullptr) {
+// The second and last thing that a run says when it cannot tell which objects to delete.
+[[noreturn]] void endWithoutProtocol(int definitions) {
+  if (definitions > 1) {
+    fprintf(stderr, "dbsweep: %d fields are named \"%s\", nothing was deleted by protocol.\n",
+            definitions, protocolName);
+  } else {
     fprintf(stderr,
             "dbsweep: No Boolean field \"%s\" in the objects database, nothing was deleted by "
             "protocol.\n",
             protocolName);
-    cleanupCaches(1);
-    exit(exitRefused);
   }
-  keepTables();
-  purgedDb = nqwDbGetDb(0);
-  if (purgedDb != nullptr) startBuffering(purgedDb);
+  cleanupCaches(1);
+  exit(exitRefused);
+}
+
+uint32_t protocolFieldOrEnd() {
+  const ProtocolField field = findProtocolField(protocolName);
+  if (field.fieldId == 0) endWithoutProtocol(field.definitions);
+  return field.fieldId;
+}
+
+NQwFieldBinding *newProtocolQuery(uint32_t fieldId) {
+  auto *query = static_cast<NQwFieldBinding *>(allocateOrEnd(sizeof(NQwFieldBinding)));
+  constexpr int32_t isTrue = 1;
+  query->fieldId = fieldId;
+  query->value = newFieldValue(Boolean, &isTrue);
+  return query;
+}
+
+NQwObjectIdList *objectsOfProtocol(uint32_t fieldId) {
+  NQwFieldBinding *query = newProtocolQuery(fieldId);
+  NQwObjectIdList *ids = objectsWithFieldValue(query);
+  NQwDbFreeFieldValue(query->value);
+  free(query);
+  if (ids == nullptr) endUnopened();
+  return ids;
+}
+
+void deleteProtocol(uint32_t fieldId) {
+  NQwObjectIdList *ids = objectsOfProtocol(fieldId);
+  deleteFromCachesAlone();
   int deleted = 0;
+  std::unordered_set<uint32_t> seen;  // an object may have two values that match
   for (int32_t i = 0; i < ids->count; ++i) {
-    if (_nqwDbDeleteObject(ids->objectIds[i]) == 0) {
-      writeDeleted(stderr, ids->objectIds[i]);
+    const uint32_t objectId = ids->objectIds[i];
+    if (!seen.insert(objectId).second) continue;
+    if (_nqwDbDeleteObject(objectId) == 0) {
+      writeDeleted(stderr, objectId);
       ++deleted;
     } else {
-      writeNotDeleted(stderr, ids->objectIds[i]);
+      ++outcome.undeleted;
+      writeNotDeleted(stderr, objectId);
     }
   }
   if (ids->count > 0) {
@@ -171,14 +275,25 @@ void deleteProtocol() {
 void loadAndPurge(int dflag, int pflag, int mflag) {
   openForRun(dflag, pflag, mflag);
   fillCaches(mflag);
+  outcome.unread = loadLosses.unreadable;
+  const bool onlyCounts = dflag != 0 && objectids[0] == countOnly;
   const bool rewrites = pflag != 0 || mflag != 0;
-  const bool keeps = rewrites && (pflag == 0 || protocolHasField());
-  if (dflag != 0) deleteListed(keeps);
-  if (!rewrites || onlyCounts(dflag)) reportUnread();
-  if (onlyCounts(dflag)) {
+  const uint32_t protocol = pflag != 0 && !onlyCounts ? protocolFieldOrEnd() : 0;
+  if (dflag != 0) {
+    openTraceFile();
+    countObjects();
+    if (rewrites && !onlyCounts) {
+      deleteFromCachesAlone();
+      deleteListed(_nqwDbDeleteObject);
+    } else if (!onlyCounts) {
+      deleteListedInPlace();
+    }
+    closeTraceFile();
+  }
+  if (onlyCounts) {
+    reportUnread();
     cleanupCaches(1);
     exit(runStatus);
   }
-  if (pflag != 0) deleteProtocol();
-  if (keeps) keepTables();
+  if (pflag != 0) deleteProtocol(protocol);
 }

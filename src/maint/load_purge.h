@@ -7,14 +7,17 @@
 // The trace file "/usr/NQ/log/objectsdb.trace", open only while a list of ids is deleted.
 extern FILE *tfp;
 
-// 1. Open the database as the flags ask: for a migration in the old data format, for an id list
-//    alone through the shared handle, otherwise through a handle of the run's own.
+// 1. Open the database as the flags ask.
+//    For a migration in the old data format, for an id list alone through the shared handle,
+//    otherwise through a handle of the run's own.
 // 2. Fill the caches.
-// 3. With dflag: write the number of objects to the trace file and standard error, then delete the
-//    objects in objectids; 99 in the first place asks for the number alone and ends the run.
-// 4. With pflag: delete every object whose Boolean field `protocolName` is true.
-// A run that will rewrite the tables keeps them just before its first change of one
-// (kept_tables.h). A run with dflag alone works on the tables and says whether it could read all of
-// them; otherwise the rewrite that follows makes the deletions last. Failures that end the run
-// print their message and exit here, mostly with status 0.
+// 3. Refuse a protocol that has no field, before anything is deleted.
+// 4. With dflag: write the number of objects to the trace file and to standard error, then delete
+//    the objects in objectids. 99 in the first place asks for the number alone and ends the run.
+// 5. With pflag: delete every object whose Boolean field `protocolName` is true.
+//
+// A run that will rewrite the tables deletes from the caches alone: the table layer holds the
+// deletions back until the files go. A run with dflag alone works on the tables; it keeps them
+// before and proves them afterwards (kept_tables.h). Failures that end the run print their message
+// and exit here, mostly with status 0.
 void loadAndPurge(int dflag, int pflag, int mflag);

@@ -12,9 +12,10 @@
 
 #include "internal/loaders.h"
 #include "maint/kept_tables.h"
+#include "maint/outcome.h"
+#include "maint/proof.h"
 #include "maint/rewrite_plan.h"
 #include "maint/run.h"
-#include "platform/files.h"
 #include "platform/out_of_memory.h"
 #include "platform/report.h"
 #include "store/directory.h"
@@ -23,9 +24,6 @@
 const char migrationLockFile[] = "/usr/NQ/conf/dbsweep.lock";
 
 namespace {
-
-constexpr const char *filesInCurDir[] = {"name_info.dir", "name_info.pag",  "obj_info.dir",
-                                         "obj_info.pag",  "value_info.dir", "value_info.pag"};
 
 constexpr size_t directorySize = 512;
 constexpr size_t filePathSize = 1024;
@@ -55,17 +53,33 @@ bool removeFile(const char *directory, const char *name) {
   return gone;
 }
 
-// Set by the removal and used by the rewrite: whether the old files are gone, and the locks that
-// keep other processes out while no handle is open.
-bool filesRemoved = false;
+// Set by the removal and used by the rewrite: keeps other processes out while no handle is open.
 std::shared_ptr<VersionLock> heldLocks;
 
-bool syncTables() {
-  bool synced = filesRemoved;
-  for (NQ_dbm_db *table : {runDb->objInfoDb, runDb->valueInfoDb, runDb->nameInfoDb}) {
-    if (_NQ_dbm_db_sync(table) != 0) synced = false;
+// Values of objects that remain and that the new tables will not have as they were read.
+uint32_t countLeftOut() {
+  uint32_t count = 0;
+  for (const uint32_t objectId : loadLosses.leftOut) {
+    if (ObjValCache->isIn(objectId) != 0) ++count;
   }
-  return syncDirectory(dbPath(nullptr, nullptr)) == 0 && synced;
+  return count;
+}
+
+void removeTable(const char *directory, size_t table) {
+  for (const char *suffix : tableSuffixes) {
+    const std::string name = tableFile(table, suffix);
+    if (removeFile(directory, name.c_str())) continue;
+    outcome.unremoved.push_back(pathIn(directory, name));
+    keepCopyOf(table);
+  }
+}
+
+[[noreturn]] void endUnopened(int) {
+  if (_NQwError == NQw_NO_MEMORY) nqwDbOutOfMemory();
+  fprintf(stderr, "dbsweep: Cannot open objects database.\n");
+  fprintf(stderr, "\t\tRestore databases from archive and run the\n");
+  fprintf(stderr, "\t\tnecessary Corvane commands to restart.\n");
+  exit(exitNormal);
 }
 
 void recordMigration() {
@@ -80,34 +94,29 @@ void recordMigration() {
 
 void removeCurrentFiles() {
   const char *directory = currentDirectory();
-  planRewrite();
+  outcome.leftOut = planRewrite() + countLeftOut();
   std::string ignored;
   heldLocks = lockVersion(directory, &ignored);
+  keepTables(KeepBy::linking);
   closeRunDb();
-  filesRemoved = true;
-  for (const char *name : filesInCurDir) {
-    if (!removeFile(directory, name)) filesRemoved = false;
-  }
-  // From a file that could not be removed, what was purged has to go one by one.
+  for (const size_t table : {nameInfo, objInfo, valueInfo}) removeTable(directory, table);
+  // From a file that could not be removed, what was deleted has to go one by one.
   if (purgedDb != nullptr) stopBuffering(std::exchange(purgedDb, nullptr));
 }
 
 void rewriteDatabase(int migrate) {
+  directoryFailure = endUnopened;
   runDb = open_nqwdb_ndbm(0);
   heldLocks.reset();
-  if (runDb == nullptr) {
-    if (_NQwError == NQw_NO_MEMORY) nqwDbOutOfMemory();
-    fprintf(stderr, "dbsweep: Cannot open objects database.\n");
-    fprintf(stderr, "\t\tRestore databases from archive and run the\n");
-    fprintf(stderr, "\t\tnecessary Corvane commands to restart.\n");
-    exit(exitNormal);
-  }
-  uint32_t lost = loadLosses.unknownField + loadLosses.cutString;
+  if (runDb == nullptr) endUnopened(exitNormal);
+  const RecordCounts before = countRecords(runDb);
   startBuffering(runDb);
-  lost += storePlanned(runDb);
+  outcome.unwritten = storePlanned(runDb);
   stopBuffering(runDb);
-  const bool synced = syncTables();
+  const RecordCounts expected = expectedRecords(runDb, before);
+  outcome.unsynced = !syncTables(runDb);
   closeRunDb();
-  settleKeptTables({loadLosses.unreadable, lost, synced});
+  outcome.incomplete = !areComplete(currentDirectory(), expected);
+  settleKeptTables();
   if (migrate != 0) recordMigration();
 }

@@ -126,7 +126,7 @@ std::array<NQ_dbm_db *, 3> rebuiltTables(const ObjectDatabase *db) {
 
 }  // namespace
 
-void planRewrite() {
+uint32_t planRewrite() {
   size_t values = 0;
   for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
     values += static_cast<size_t>(object()->values->size());
@@ -139,12 +139,13 @@ void planRewrite() {
   groupValues();
   const auto tables = rebuiltTables(runDb);
   std::transform(tables.begin(), tables.end(), plan.fileSizes.begin(), _NQ_dbm_db_size);
+  return plan.overwritten;
 }
 
 uint32_t storePlanned(ObjectDatabase *db) {
   const auto tables = rebuiltTables(db);
   for (size_t i = 0; i < tables.size(); ++i) _NQ_dbm_db_expect(tables[i], plan.fileSizes[i]);
-  uint32_t lost = plan.overwritten;
+  uint32_t lost = 0;
   for (const CachedValue *item : plan.names) {
     if (putNameObject(db, *item->objectId, item->field->fieldId, nameOf(item)) < 0) ++lost;
   }

@@ -4,14 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/exit_status.h"
 #include "store/database.h"
-
-// The exit statuses of the program; nothing else is ever used.
-enum ExitStatus {
-  exitNormal = 0,   // normal runs, and most fatal conditions
-  exitRefused = 1,  // not the super-user, or something that the run needs cannot be had
-  exitUsage = 255,  // behind the usage text
-};
 
 // What to delete; filled from the command line.
 constexpr int32_t mostObjectIds = 50;
@@ -28,8 +22,8 @@ extern ExitStatus runStatus;
 // Null before the load and whenever the run holds no open database.
 extern ObjectDatabase *runDb;
 
-// The handle through which a protocol's objects are deleted, under bulk access until the files of
-// the object tables have been removed; else null.
+// The handle through which a run deletes that will rewrite the tables: under bulk access, so that
+// the tables do not change, until their files have been removed; else null.
 extern ObjectDatabase *purgedDb;
 
 // Closes runDb with its field list and sets it to null.

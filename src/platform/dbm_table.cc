@@ -2,20 +2,26 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platform/descriptor.h"
+#include "platform/files.h"
+#include "platform/held_deletions.h"
 #include "platform/out_of_memory.h"
 #include "platform/read_only_dbm.h"
+#include "platform/report.h"
+#include "platform/table_growth.h"
 #include "platform/table_lock.h"
+#include "platform/table_structure.h"
 
 struct DbmTable {
   NQ_dbm_db handle{0, this};
@@ -24,155 +30,142 @@ struct DbmTable {
   DbmDecoder decoder = nullptr;
   DbmEncoder encoder = nullptr;
   DbmScan scan = DbmScan::complete;
-  gdbm_count_t scanned = 0;    // records that the latest scan has met
-  gdbm_count_t unreached = 0;  // and that it has not, once it has ended
+  bool isSound = true;     // what the structure of the file said when the latest scan began
+  uint64_t records = 0;    // that there were then
+  uint64_t scanned = 0;    // that the scan has met
+  uint64_t unreached = 0;  // that it has not, once it has ended
+  bool lookFailed = false;
+  int64_t added = 0;
   bool buffering = false;
-  uint64_t expected = 0;  // bytes to reserve at first
-  uint64_t reserved = 0;  // bytes of the file while it is longer than the library knows; else 0
-  uint64_t shortest = 0;  // bytes of the file before that
-  uint64_t roomLeft = 0;  // bytes to store before the file's end is looked at again
-  bool wasCut = false;    // the file is shorter than the library may believe
-  std::string deletions;  // held back: keys, each behind its length as a size_t
-  bool failed = false;    // something that was held back or reserved could not be settled
+  TableGrowth growth;
+  HeldDeletions deletions{hashOf};
+  bool failed = false;  // something that was held back or reserved could not be settled
+  int reported = 0;     // failures that the log has
   TableLock lock;
+
+  static uint32_t hashOf(std::string_view key) { return _NQ_dbm_db_order(key.data(), key.size()); }
 };
 
 namespace {
 
-datum toDatum(const void *bytes, size_t length) {
-  return {const_cast<char *>(static_cast<const char *>(bytes)), static_cast<int>(length)};
+constexpr char directorySuffix[] = ".dir";
+constexpr char pageSuffix[] = ".pag";
+
+datum toDatum(std::string_view bytes) {
+  return {const_cast<char *>(bytes.data()), static_cast<int>(bytes.size())};
 }
 
 std::string_view toView(datum item) {
   return {item.dptr, static_cast<size_t>(item.dsize)};
 }
 
-// Before every call that may take memory: what tells afterwards whether it failed for want of it.
+// Call before anything that may allocate; failIfOutOfMemory then knows why it failed.
 void forgetErrors() {
   errno = 0;
   gdbm_errno = GDBM_NO_ERROR;
 }
 
-// Behind every such call that has failed. The library does not always say so itself: a scan may end
+// After every such call that has failed. The library does not always say so itself: a scan may end
 // and an open fail without its error for exhausted memory.
-void checkMemory() {
+void failIfOutOfMemory() {
   if (gdbm_errno == GDBM_ITEM_NOT_FOUND) return;
   if (gdbm_errno == GDBM_MALLOC_ERROR || errno == ENOMEM) failForWantOfMemory();
 }
 
+std::string inHex(std::string_view bytes) {
+  std::string digits;
+  for (const char each : bytes) {
+    constexpr char all[] = "0123456789abcdef";
+    digits += all[static_cast<unsigned char>(each) >> 4];
+    digits += all[static_cast<unsigned char>(each) & 15];
+  }
+  return digits;
+}
+
+std::string reasonOfFailure() {
+  const int error = errno;
+  std::string reason = gdbm_errno == GDBM_NO_ERROR ? "" : gdbm_strerror(gdbm_errno);
+  if (error != 0) reason += (reason.empty() ? "" : ": ") + std::string(strerror(error));
+  return reason.empty() ? "no reason given" : reason;
+}
+
+// The one place that tells of a failure of the library: what was tried, on which table and key, and
+// why it failed. A damaged table may fail a million times; the first few say enough.
+void reportFailure(DbmTable *table, const char *attempt, std::string_view key = {}) {
+  constexpr int most = 20;
+  if (table->reported++ >= most) return;
+  const std::string where = key.empty() ? "" : ", key " + inHex(key.substr(0, 64));
+  NQuLogS(databaseComponent, severityError, "nqw", 1, 0, "Could not %s table \"%s\"%s: %s.%s",
+          attempt, table->path.c_str(), where.c_str(), reasonOfFailure().c_str(),
+          table->reported == most ? " Further failures on this table are not listed." : "");
+}
+
 void settleDeletions(DbmTable *table);
 
+// The stored bytes; null when there are none, and then lookFailed tells absence from failure.
 datum fetch(DbmTable *table, datum key) {
-  settleDeletions(table);
+  table->lookFailed = false;
+  if (table->deletions.contains(toView(key))) return {};
   forgetErrors();
   const datum stored = dbm_fetch(table->dbm, key);
-  if (stored.dptr == nullptr) checkMemory();
+  if (stored.dptr == nullptr) {
+    failIfOutOfMemory();
+    table->lookFailed = gdbm_errno != GDBM_ITEM_NOT_FOUND;
+    if (table->lookFailed) reportFailure(table, "read", toView(key));
+  }
   return stored;
 }
 
 void *decode(const DbmTable *table, std::string_view bytes) {
   forgetErrors();
   void *record = table->decoder(bytes.data(), bytes.size());
-  if (record == nullptr) checkMemory();
+  if (record == nullptr) failIfOutOfMemory();
   return record;
 }
 
-// The end of a scan and a failure in it look alike, and a damaged table may end a scan early
-// without any error: only the library's own count tells.
-bool hasReachedEnd(DbmTable *table) {
-  const bool failed = dbm_error(table->dbm) != 0;
-  forgetErrors();
-  gdbm_count_t records = 0;
-  if (gdbm_count(table->dbm->file, &records) != 0) {
-    checkMemory();
-    records = 0;
-  }
-  const bool complete = !failed && records == table->scanned;
-  table->unreached = records > table->scanned ? records - table->scanned : !complete;
-  return complete;
+bool isSound(const DbmTable *table, const TableStructure &structure) {
+  if (structure.isSound()) return true;
+  NQuLogS(databaseComponent, severityError, "nqw", 1, 0, "Table \"%s\" is damaged: %s.",
+          table->path.c_str(), structure.detail.c_str());
+  return false;
 }
 
-// Where the library's next new block will be: up to there the file is in use. 0 when the file does
-// not begin like the tables of GNU dbm 1.23 that the library makes on this machine.
-uint64_t endOfBlocks(int fd) {
-  constexpr uint32_t magic32 = 0x13579ACD;  // offsets of 4 bytes
-  constexpr uint32_t magic64 = 0x13579ACF;  // offsets of 8 bytes
-  char header[40];
-  if (pread(fd, header, sizeof header, 0) != sizeof header) return 0;
-  uint32_t magic = 0;
-  memcpy(&magic, header, sizeof magic);
-  uint64_t end = 0;
-  if (magic == magic64) memcpy(&end, header + 32, sizeof end);
-  if (magic == magic32) {
-    uint32_t shortEnd = 0;
-    memcpy(&shortEnd, header + 28, sizeof shortEnd);
-    end = shortEnd;
-  }
-  return end;
+// What there is to scan, before the library is believed: a damaged directory would hide records
+// from it, or lead it in a circle.
+void lookAtStructure(DbmTable *table) {
+  const TableStructure structure = readStructure(dbm_pagfno(table->dbm));
+  table->isSound = isSound(table, structure);
+  table->records = structure.records;
+  if (table->isSound) return;
+  forgetErrors();
+  gdbm_count_t counted = 0;
+  if (gdbm_count(table->dbm->file, &counted) != 0) failIfOutOfMemory();
+  table->records = std::max<uint64_t>(structure.records, counted);
+}
+
+// The end of a scan and a failure in it look alike, and a damaged table may end a scan early
+// without any error: only the count tells.
+void endScan(DbmTable *table, bool failed) {
+  const bool complete = !failed && table->isSound && table->records == table->scanned;
+  table->unreached = table->records > table->scanned ? table->records - table->scanned : !complete;
+  table->scan = complete ? DbmScan::complete : DbmScan::broken;
 }
 
 void mapFile(const DbmTable *table, int on) {
   gdbm_setopt(table->dbm->file, GDBM_SETMMAP, &on, sizeof on);
 }
 
-// Makes the file longer ahead of what is about to be stored. True when it has, and then the library
-// learns the new length only from a store that it makes with its map off.
-bool reserveAhead(DbmTable *table, size_t bytes) {
-  constexpr uint64_t smallest = uint64_t{256} * 1024;
-  constexpr size_t placeOfKey = 64;  // in the blocks that hold the keys, which may be half empty
-  if (!table->buffering || table->wasCut) return false;
-  bytes += placeOfKey;
-  if (bytes <= table->roomLeft) {
-    table->roomLeft -= bytes;
-    return false;
-  }
-  table->roomLeft = smallest;  // also where nothing can be reserved
-  const int fd = dbm_pagfno(table->dbm);
-  const uint64_t used = endOfBlocks(fd);
-  if (used == 0) return false;
-  if (used + used / 8 < table->reserved) {
-    table->roomLeft = (table->reserved - used) / 2;
-    return false;
-  }
-
-  uint64_t length = std::max(used + used / 2, smallest);
-  struct statvfs disk {};
-  if (fstatvfs(fd, &disk) != 0) return false;
-  // A disk that is nearly full is filled record by record: what one table reserves and does not
-  // need would be missing in the next.
-  const uint64_t plenty = disk.f_bavail * disk.f_frsize / 4;
-  if (plenty <= length) return false;
-  const uint64_t expected = std::exchange(table->expected, 0);
-  if (expected < plenty) length = std::max(length, expected);
-  struct stat file {};
-  if (table->reserved == 0 && fstat(fd, &file) != 0) return false;
-  if (table->reserved == 0) table->shortest = static_cast<uint64_t>(file.st_size);
-  table->reserved = length;  // a failure may have made the file longer too
-  if (posix_fallocate(fd, 0, static_cast<off_t>(length)) != 0) return false;
-  table->roomLeft = (length - used) / 2;
-  return true;
-}
-
-// Cuts the file to what is in use, but never below what it was: a damaged header may say anything.
-// The map stays off for good: the library would take the old length for the file's, and touch pages
-// that are gone.
-void cutReserved(DbmTable *table) {
-  if (table->reserved == 0) return;
+void trimReserved(DbmTable *table) {
+  if (!table->growth.isReserved()) return;
   mapFile(table, 0);
-  const int fd = dbm_pagfno(table->dbm);
-  const uint64_t used = endOfBlocks(fd);
-  const auto length = static_cast<off_t>(std::max(used, table->shortest));
-  if (used == 0 || ftruncate(fd, length) != 0) table->failed = true;
-  table->wasCut = true;
-  table->reserved = 0;
-  table->roomLeft = 0;
+  if (!table->growth.trim(dbm_pagfno(table->dbm))) table->failed = true;
 }
 
 // One change of the table through the library, with room made for it.
 template <typename Change>
 int changeTable(DbmTable *table, size_t bytes, Change change) {
   forgetErrors();
-  const bool longer = reserveAhead(table, bytes);
+  const bool longer = table->buffering && table->growth.reserve(dbm_pagfno(table->dbm), bytes);
   if (longer) mapFile(table, 0);
   const int result = change();
   const int error = errno;
@@ -180,89 +173,147 @@ int changeTable(DbmTable *table, size_t bytes, Change change) {
   if (longer) mapFile(table, 1);
   errno = error;
   gdbm_errno = libraryError;
-  if (result != 0) checkMemory();
+  if (result < 0) failIfOutOfMemory();
   return result;
 }
 
-int storeBytes(DbmTable *table, const void *key, size_t keyLength, const char *bytes,
-               size_t length) {
+int storeBytes(DbmTable *table, std::string_view key, std::string_view bytes) {
   settleDeletions(table);
-  return changeTable(table, keyLength + length,
-                     [=] {
-                       return dbm_store(table->dbm, toDatum(key, keyLength), toDatum(bytes, length),
-                                        DBM_REPLACE);
-                     }) == 0
-             ? 0
-             : -1;
+  const auto store = [&](int mode) {
+    return changeTable(table, key.size() + bytes.size(),
+                       [&] { return dbm_store(table->dbm, toDatum(key), toDatum(bytes), mode); });
+  };
+  int stored = store(DBM_INSERT);
+  if (stored == 0) ++table->added;
+  if (stored > 0) stored = store(DBM_REPLACE);
+  if (stored == 0) return 0;
+  reportFailure(table, "store in", key);
+  return -1;
 }
 
 // 0 when the key is gone, also when it was never there.
-int deleteKey(DbmTable *table, const void *key, size_t keyLength) {
-  const int deleted = changeTable(table, keyLength,
-                                  [=] { return dbm_delete(table->dbm, toDatum(key, keyLength)); });
-  return deleted == 0 || gdbm_errno == GDBM_ITEM_NOT_FOUND ? 0 : -1;
+int deleteKey(DbmTable *table, std::string_view key) {
+  const int deleted =
+      changeTable(table, key.size(), [&] { return dbm_delete(table->dbm, toDatum(key)); });
+  if (deleted == 0) --table->added;
+  if (deleted == 0 || gdbm_errno == GDBM_ITEM_NOT_FOUND) return 0;
+  reportFailure(table, "delete from", key);
+  return -1;
 }
 
-void holdDeletion(DbmTable *table, const void *key, size_t keyLength) {
-  table->deletions.append(reinterpret_cast<const char *>(&keyLength), sizeof keyLength);
-  table->deletions.append(static_cast<const char *>(key), keyLength);
+// Whether the file still stands where it was opened. One that has lost its place there belongs to
+// others, if it is anywhere.
+bool isInPlace(const DbmTable *table) {
+  struct stat opened {};
+  struct stat named {};
+  const std::string pages = table->path + pageSuffix;
+  if (fstat(dbm_pagfno(table->dbm), &opened) != 0) return true;
+  if (stat(pages.c_str(), &named) != 0) return errno != ENOENT;
+  return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-// Deletes what was held back, before anything else looks at the table. Nobody will look at a file
-// that has no name any more.
+// Deletes what was held back, or forgets it when the file has lost its place.
 void settleDeletions(DbmTable *table) {
   if (table->deletions.empty()) return;
-  const std::string held = std::exchange(table->deletions, {});
-  struct stat file {};
-  if (fstat(dbm_pagfno(table->dbm), &file) == 0 && file.st_nlink == 0) return;
+  const HeldDeletions held = std::exchange(table->deletions, HeldDeletions(DbmTable::hashOf));
+  if (!isInPlace(table)) return;
   std::vector<std::pair<uint32_t, std::string_view>> keys;
-  for (size_t at = 0; at < held.size();) {
-    size_t length = 0;
-    memcpy(&length, held.data() + at, sizeof length);
-    const std::string_view key(held.data() + at + sizeof length, length);
+  for (const std::string_view key : held.keys()) {
     keys.emplace_back(_NQ_dbm_db_order(key.data(), key.size()), key);
-    at += sizeof length + length;
   }
   std::sort(keys.begin(), keys.end());
   for (const auto &[order, key] : keys) {
-    if (deleteKey(table, key.data(), key.size()) != 0) table->failed = true;
+    if (deleteKey(table, key) != 0) table->failed = true;
   }
+}
+
+// The file as it stands under a name before the library opens it: it has to be a regular one, since
+// the library would wait for a FIFO and follow anybody's link. False, with errno, when it is not,
+// or when it is missing and will not be made.
+bool lookAtFile(const std::string &path, bool makes, struct stat *status) {
+  *status = {};
+  const Descriptor file(openRegular(path, O_RDONLY));
+  if (file.isOpen()) return fstat(file.get(), status) == 0;
+  struct stat named {};
+  return makes && errno == ENOENT && lstat(path.c_str(), &named) != 0 && errno == ENOENT;
+}
+
+// Whether what the library has opened is that file, or a new one in its place.
+bool isThatFile(int fd, const std::string &path, const struct stat &status) {
+  struct stat opened {};
+  struct stat named {};
+  if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) return false;
+  if (status.st_ino != 0) return opened.st_ino == status.st_ino && opened.st_dev == status.st_dev;
+  return lstat(path.c_str(), &named) == 0 && opened.st_ino == named.st_ino &&
+         opened.st_dev == named.st_dev;
+}
+
+bool openToRead(DbmTable *table) {
+  forgetErrors();
+  table->dbm = openReadOnlyDbm(table->path);
+  if (table->dbm == nullptr) failIfOutOfMemory();
+  return table->dbm != nullptr;
+}
+
+bool openToChange(DbmTable *table, int flags, mode_t mode) {
+  const std::string directory = table->path + directorySuffix;
+  const std::string pages = table->path + pageSuffix;
+  const bool makes = (flags & O_CREAT) != 0;
+  struct stat directoryStatus {};
+  struct stat pageStatus {};
+  forgetErrors();
+  if (!lookAtFile(directory, makes, &directoryStatus) || !lookAtFile(pages, makes, &pageStatus)) {
+    return false;
+  }
+  forgetErrors();
+  table->dbm = dbm_open(table->path.data(), flags, static_cast<int>(mode));
+  if (table->dbm == nullptr) {
+    failIfOutOfMemory();
+    return false;
+  }
+  if (isThatFile(dbm_pagfno(table->dbm), pages, pageStatus) &&
+      isThatFile(dbm_dirfno(table->dbm), directory, directoryStatus)) {
+    return true;
+  }
+  dbm_close(table->dbm);
+  errno = ESTALE;
+  return false;
 }
 
 }  // namespace
 
 NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, mode_t mode,
                            DbmDecoder decoder, DbmEncoder encoder) {
-  auto *table = new DbmTable;
+  auto table = std::make_unique<DbmTable>();
   table->path = std::string(directory) + "/" + name;
   table->decoder = decoder;
   table->encoder = encoder;
-  forgetErrors();
   const bool isReadOnly = (flags & O_ACCMODE) == O_RDONLY;
-  table->dbm = isReadOnly ? openReadOnlyDbm(table->path)
-                          : dbm_open(table->path.data(), flags, static_cast<int>(mode));
-  if (table->dbm == nullptr) {
-    checkMemory();
-    delete table;
+  if (isReadOnly ? !openToRead(table.get()) : !openToChange(table.get(), flags, mode)) {
+    reportFailure(table.get(), "open");
     return nullptr;
   }
   // The library would keep all blocks of keys in memory that it has met, 40 bytes a record. With
   // few of them it is no slower: the file is mapped. A scan needs one at a time.
   size_t blocks = isReadOnly ? 8 : 100;
   gdbm_setopt(table->dbm->file, GDBM_SETCACHESIZE, &blocks, sizeof blocks);
-  return &table->handle;
+  return &table.release()->handle;
 }
 
 void _NQ_dbm_db_close(NQ_dbm_db *db) {
   settleDeletions(db->table);
-  cutReserved(db->table);
+  trimReserved(db->table);
   dbm_close(db->table->dbm);
   delete db->table;
 }
 
 void *_NQ_dbm_db_get(NQ_dbm_db *db, const void *key, size_t keyLength) {
-  const datum stored = fetch(db->table, toDatum(key, keyLength));
+  const datum stored = fetch(db->table, toDatum({static_cast<const char *>(key), keyLength}));
   return stored.dptr == nullptr ? nullptr : decode(db->table, toView(stored));
+}
+
+bool _NQ_dbm_db_look_failed(const NQ_dbm_db *db) {
+  return db->table->lookFailed;
 }
 
 int _NQ_dbm_db_store(NQ_dbm_db *db, const void *key, size_t keyLength, const void *record) {
@@ -271,36 +322,55 @@ int _NQ_dbm_db_store(NQ_dbm_db *db, const void *key, size_t keyLength, const voi
   forgetErrors();
   const int encoded = db->table->encoder(record, &bytes, &length);
   if (encoded < 0) {
-    checkMemory();
+    failIfOutOfMemory();
     return encoded;
   }
-  return storeBytes(db->table, key, keyLength, bytes, length);
+  return storeBytes(db->table, {static_cast<const char *>(key), keyLength}, {bytes, length});
 }
 
 int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength) {
-  if (!db->table->buffering) return deleteKey(db->table, key, keyLength);
-  holdDeletion(db->table, key, keyLength);
+  const std::string_view bytes(static_cast<const char *>(key), keyLength);
+  if (!db->table->buffering) return deleteKey(db->table, bytes);
+  db->table->deletions.add(bytes);
   return 0;
+}
+
+bool _NQ_dbm_db_count(NQ_dbm_db *db, uint64_t *records) {
+  const TableStructure structure = readStructure(dbm_pagfno(db->table->dbm));
+  *records = structure.records;
+  return isSound(db->table, structure);
+}
+
+bool _NQ_dbm_db_check_space(NQ_dbm_db *db) {
+  return isSound(db->table, readStructureAndSpace(dbm_pagfno(db->table->dbm)));
+}
+
+int64_t _NQ_dbm_db_added(const NQ_dbm_db *db) {
+  return db->table->added;
 }
 
 bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record) {
   DbmTable *table = db->table;
   if (db->first != 1 && table->scan != DbmScan::underWay) return false;
-  forgetErrors();
-  dbm_clearerr(table->dbm);
   datum key{};
   if (db->first == 1) {
     settleDeletions(table);
+    lookAtStructure(table);
     db->first = 0;
     table->scan = DbmScan::underWay;
     table->scanned = 0;
+    forgetErrors();
+    dbm_clearerr(table->dbm);
     key = dbm_firstkey(table->dbm);
   } else {
+    forgetErrors();
+    dbm_clearerr(table->dbm);
     key = dbm_nextkey(table->dbm);
   }
-  if (key.dptr == nullptr) {
-    checkMemory();
-    table->scan = hasReachedEnd(table) ? DbmScan::complete : DbmScan::broken;
+  if (key.dptr == nullptr) failIfOutOfMemory();
+  const bool goesOn = key.dptr != nullptr && table->scanned < table->records;
+  if (!goesOn) {
+    endScan(table, key.dptr != nullptr || dbm_error(table->dbm) != 0);
     return false;
   }
   ++table->scanned;
@@ -328,15 +398,19 @@ uint64_t _NQ_dbm_db_unreached(const NQ_dbm_db *db) {
 }
 
 int _NQ_dbm_db_store_raw(NQ_dbm_db *db, std::string_view key, std::string_view bytes) {
-  return storeBytes(db->table, key.data(), key.size(), bytes.data(), bytes.size());
+  return storeBytes(db->table, key, bytes);
 }
 
 // The library never syncs the .dir file, and does not open a table whose .dir is empty.
 int _NQ_dbm_db_sync(NQ_dbm_db *db) {
   settleDeletions(db->table);
+  forgetErrors();
   DBM *dbm = db->table->dbm;
-  const bool synced = gdbm_sync(dbm->file) == 0 && fsync(dbm_dirfno(dbm)) == 0;
-  return synced && !db->table->failed ? 0 : -1;
+  if (gdbm_sync(dbm->file) != 0 || fsync(dbm_dirfno(dbm)) != 0) {
+    reportFailure(db->table, "sync");
+    return -1;
+  }
+  return db->table->failed ? -1 : 0;
 }
 
 NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db) {
@@ -357,13 +431,13 @@ NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db) {
 void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t) {
   DbmTable *table = db->table;
   table->buffering = true;
-  if (!table->wasCut) mapFile(table, 1);
+  if (!table->growth.wasTrimmed()) mapFile(table, 1);
 }
 
 void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db) {
   settleDeletions(db->table);
   db->table->buffering = false;
-  cutReserved(db->table);
+  trimReserved(db->table);
   mapFile(db->table, 0);
 }
 
@@ -373,7 +447,7 @@ uint64_t _NQ_dbm_db_size(const NQ_dbm_db *db) {
 }
 
 void _NQ_dbm_db_expect(NQ_dbm_db *db, uint64_t size) {
-  db->table->expected = size + size / 7;  // nothing more is reserved while an eighth is left
+  db->table->growth.expect(size);
 }
 
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength) {
@@ -390,6 +464,6 @@ uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength) {
 void _NQ_dbm_db_disable_lock_on_access(NQ_dbm_db *) {}
 
 int _NQ_lock_dbm_db(NQ_dbm_db *db, int) {
-  const std::string file = db->table->path + ".pag";
+  const std::string file = db->table->path + pageSuffix;
   return db->table->lock.acquire(file.c_str(), dbm_pagfno(db->table->dbm)) ? 0 : -1;
 }

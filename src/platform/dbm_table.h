@@ -5,8 +5,10 @@
 // - a table that is created is not 0 bytes long once it is open;
 // - every store is written through to the file, and each handle caches directory and buckets of its
 //   own: never write one table through two handles;
-// - for want of memory it fails like for any other reason, which would make a sound record look
-//   absent or damaged: here it never gets that far, see failForWantOfMemory;
+// - when memory runs out it fails without saying so, and a sound record would look absent or
+//   damaged; this layer checks for it first, see failForWantOfMemory;
+// - it trusts its file. This layer looks at the structure of the file before every scan, and opens
+//   nothing but regular files (openRegular);
 // - deleting the current key of a scan ends the scan: collect first, delete after.
 #pragma once
 
@@ -26,8 +28,8 @@ using DbmEncoder = int (*)(const void *record, const char **bytes, size_t *lengt
 // How the latest scan of a handle stands.
 enum class DbmScan {
   underWay,  // the last _NQ_dbm_db_getnext took a record from the file, decodable or not
-  complete,  // as many records have been read as the library counts
-  broken,    // it ended early: there are records that were not reached
+  complete,  // the structure is sound, and as many records were read as it has
+  broken,    // the table is damaged: there are records that were not reached
 };
 
 struct NQ_dbm_db {
@@ -49,7 +51,8 @@ struct DbmRecord {
 };
 
 // Opens DIRECTORY/NAME.dir and .pag; with O_CREAT in the flags missing files are made with the
-// mode; with O_RDONLY nothing is made or written, not even an access time. Null on failure.
+// mode; with O_RDONLY nothing is made or written, not even an access time. Null on failure, which
+// the platform's log tells with its reason, as it does every failure below.
 NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, mode_t mode,
                            DbmDecoder decoder, DbmEncoder encoder);
 
@@ -58,6 +61,10 @@ void _NQ_dbm_db_close(NQ_dbm_db *db);
 
 // The decoded record; null when the key is absent or the decoder returns null.
 void *_NQ_dbm_db_get(NQ_dbm_db *db, const void *key, size_t keyLength);
+
+// Whether the latest look (or record of a scan) found nothing because the library failed, and not
+// because nothing is there.
+bool _NQ_dbm_db_look_failed(const NQ_dbm_db *db);
 
 // Encodes and stores the record in place of any that has the key. 0; the encoder's own result when
 // it fails; -1 when the library fails.
@@ -92,22 +99,25 @@ int _NQ_dbm_db_sync(NQ_dbm_db *db);
 // the item proper: the list takes the items over, the wrappers are freed. Null for an empty table.
 NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db);
 
-// Brackets bulk access. The count bounds the records that the layer may hold back in memory (all
-// ones: no bound); after stop all changes are in the files.
+// Counts the records by the structure of the file, which must be up to date: no deletions held
+// back. False, and the log says why, when the structure is not sound.
+bool _NQ_dbm_db_count(NQ_dbm_db *db, uint64_t *records);
+
+// The same, and looks at the free space: before a table is changed in place (table_structure.h).
+bool _NQ_dbm_db_check_space(NQ_dbm_db *db);
+
+// How many records the table has gained through this handle: new keys stored less keys deleted.
+int64_t _NQ_dbm_db_added(const NQ_dbm_db *db);
+
+// Brackets bulk access; after stop all changes are in the files. The count, which would bound what
+// may be held back in memory, has no effect: stores are never held back, and deletions have to be.
 //
-// Stores are never held back. What makes many of them slow is that the library unmaps and maps the
-// whole file each time it grows, and every page faults anew. So while buffering, the first change
-// and then one now and again make the file longer ahead, by half of what it holds, and stop cuts it
-// to what it holds. A million stores of 48 bytes in random order take a seventh of the time that
-// way, and in the order of _NQ_dbm_db_order a sixteenth; sorting them in batches as small as the
-// usual count gained nothing. Taking the space ahead also makes a full disk an error and not a
-// signal. The library asks for the recovery of a table whose file a killed process has left long;
-// closing the table cuts it too.
-//
-// The keys of deletions are held back, about 16 bytes each, and deleted in that order before
-// anything else is done with the table: a store, a look, a stop. When the file has no name any more
-// by then they are forgotten, since nobody can see it. A deletion while buffering is therefore
-// always a success; one that cannot be carried out later makes the next sync fail.
+// While buffering, the file grows in advance (table_growth.h), and keys that are deleted are held
+// back (held_deletions.h): a look does not find them any more, and the file does not change. A
+// store, a scan, a sync and the stop carry them out first, in the order of _NQ_dbm_db_order. If the
+// file has lost its place in the directory by then, they are forgotten: it is not the table any
+// more. A deletion while buffering is therefore always a success; one that cannot be carried out
+// later makes the next sync fail.
 void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t count);
 void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db);
 

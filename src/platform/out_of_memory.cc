@@ -5,11 +5,13 @@
 #include <cstdlib>
 #include <new>
 
+#include "platform/exit_status.h"
+
 void nqwDbOutOfMemory() {
   // write and not stdio: nothing here may want memory.
   static constexpr char message[] = "dbsweep: Out of memory.";
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, message, sizeof message - 1);
-  std::exit(0);
+  std::exit(exitNormal);
 }
 
 void failForWantOfMemory() {

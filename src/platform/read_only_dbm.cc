@@ -1,7 +1,6 @@
 #include "platform/read_only_dbm.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,25 +8,11 @@
 
 #include "platform/files.h"
 
-namespace {
-
-// The descriptor, or -1. Whatever stands there, the open does not wait.
-int openFile(const std::string &path) {
-  const int fd = openQuietly(path, O_NOFOLLOW | O_NONBLOCK);
-  struct stat status {};
-  if (fd < 0 || (fstat(fd, &status) == 0 && S_ISREG(status.st_mode))) return fd;
-  close(fd);
-  errno = EINVAL;
-  return -1;
-}
-
-}  // namespace
-
 DBM *openReadOnlyDbm(const std::string &path) {
   const std::string pages = path + ".pag";
-  const int directory = openFile(path + ".dir");
+  const int directory = openRegular(path + ".dir", O_RDONLY);
   if (directory < 0) return nullptr;
-  const int fd = openFile(pages);
+  const int fd = openRegular(pages, O_RDONLY);
   constexpr int flags = GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR;
   GDBM_FILE file = fd < 0 ? nullptr : gdbm_fd_open(fd, pages.c_str(), 0, flags, nullptr);
   // Put together as dbm_open does it, from storage that dbm_close frees.

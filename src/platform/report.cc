@@ -1,6 +1,7 @@
 #include "platform/report.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,34 +19,55 @@ namespace {
 
 constexpr size_t longestText = 2048;
 
+constexpr char logFile[] = "/usr/NQ/log/nqw.log";
+constexpr char traceFile[] = "/usr/NQ/log/nqw.trace";
+
 bool dropped = false;
 
-// One write per line, so that the lines of several processes never mix.
-void appendLine(const char *path, const char *head, const char *format, va_list arguments) {
-  if (dropped) return;
-  const int savedErrno = errno;
-  char text[longestText];
-  vsnprintf(text, sizeof text, format, arguments);
+struct Line {
+  char bytes[2 * longestText + 256];
+  size_t length = 0;
+};
 
-  char line[2 * longestText + 256];
-  size_t length = static_cast<size_t>(snprintf(line, 256, "%s", head));
+// The head as it is, the text with its line ends escaped.
+void formatLine(Line *line, const char *head, const char *text) {
+  line->length = static_cast<size_t>(snprintf(line->bytes, 256, "%s", head));
   for (const char *p = text; *p != '\0'; ++p) {
     if (*p == '\n' || *p == '\r') {
-      line[length++] = '\\';
-      line[length++] = *p == '\n' ? 'n' : 'r';
+      line->bytes[line->length++] = '\\';
+      line->bytes[line->length++] = *p == '\n' ? 'n' : 'r';
     } else {
-      line[length++] = *p;
+      line->bytes[line->length++] = *p;
     }
   }
-  line[length++] = '\n';
+  line->bytes[line->length++] = '\n';
+}
 
-  const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644);
+// One write per line, so that the lines of several processes never mix.
+void appendLine(const char *path, const Line &line) {
+  const int savedErrno = errno;
+  const int fd =
+      open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
   if (fd >= 0) {
-    [[maybe_unused]] const ssize_t written = write(fd, line, length);
+    [[maybe_unused]] const ssize_t written = write(fd, line.bytes, line.length);
     close(fd);
   }
   errno = savedErrno;
 }
+
+void report(const char *path, const char *head, const char *format, va_list arguments) {
+  if (dropped) return;
+  const int savedErrno = errno;
+  char text[longestText];
+  vsnprintf(text, sizeof text, format, arguments);
+  Line line;
+  formatLine(&line, head, text);
+  appendLine(path, line);
+  errno = savedErrno;
+}
+
+Line lastWords;
+volatile sig_atomic_t hasLastWords = 0;
 
 // "2026-11-22 23:59:59 4711 85 ", the part of the head that log and trace share.
 int formatStamp(char *buffer, size_t size, int component) {
@@ -57,22 +79,44 @@ int formatStamp(char *buffer, size_t size, int component) {
   return snprintf(buffer, size, "%s %d %d ", stamp, static_cast<int>(getpid()), component);
 }
 
+// The part of the head that is the log's alone.
+void formatLogHead(char *head, size_t size, int component, int severity, const char *application) {
+  const int length = formatStamp(head, size, component);
+  snprintf(head + length, size - static_cast<size_t>(length), "%d %s ", severity, application);
+}
+
 }  // namespace
 
 void NQuLogS(int component, int severity, const char *application, int, int, const char *format,
              ...) {
   char head[256];
-  const int length = formatStamp(head, sizeof head, component);
-  snprintf(head + length, sizeof head - static_cast<size_t>(length), "%d %s ", severity,
-           application);
+  formatLogHead(head, sizeof head, component, severity, application);
   va_list arguments;
   va_start(arguments, format);
-  appendLine("/usr/NQ/log/nqw.log", head, format, arguments);
+  report(logFile, head, format, arguments);
   va_end(arguments);
 }
 
 void dropReports() {
   dropped = true;
+}
+
+void prepareLastWords(const std::string &text) {
+  hasLastWords = 0;
+  char head[256];
+  formatLogHead(head, sizeof head, databaseComponent, severityError, "nqw");
+  formatLine(&lastWords, head, text.substr(0, longestText - 1).c_str());
+  hasLastWords = 1;
+}
+
+void forgetLastWords() {
+  hasLastWords = 0;
+}
+
+void sayLastWords() {
+  if (hasLastWords == 0) return;
+  hasLastWords = 0;
+  appendLine(logFile, lastWords);
 }
 
 void NQuTraceS(int component, int traceClass, const char *application, int, int, const char *format,
@@ -83,6 +127,6 @@ void NQuTraceS(int component, int traceClass, const char *application, int, int,
            static_cast<unsigned>(traceClass), application);
   va_list arguments;
   va_start(arguments, format);
-  appendLine("/usr/NQ/log/nqw.trace", head, format, arguments);
+  report(traceFile, head, format, arguments);
   va_end(arguments);
 }

@@ -1,6 +1,8 @@
 // The client library's error code and the platform's two report sinks.
 #pragma once
 
+#include <string>
+
 // 0 means no error; the next failing (or explicitly clearing) operation overwrites it, so read it
 // right after the call that failed.
 extern int _NQwError;
@@ -34,7 +36,16 @@ constexpr int databaseTraceClass = 0x2000000;
 [[gnu::format(printf, 6, 7)]] void NQuLogS(int component, int severity, const char *application,
                                            int, int, const char *format, ...);
 
-// The same for "/usr/NQ/log/nqw.trace", with the trace class in hexadecimal. Every trace is kept.
+// Last words: a line for that log, ready in memory for an end that leaves no time, no memory or no
+// stack to make one. Preparing replaces what was prepared before. Saying writes it, once, with
+// calls that are safe in a signal handler. Severity 8, application "nqw"; the line has the time at
+// which it was prepared.
+void prepareLastWords(const std::string &text);
+void forgetLastWords();
+void sayLastWords();
+
+// Like NQuLogS for "/usr/NQ/log/nqw.trace", with the trace class in hexadecimal. Every trace is
+// kept.
 [[gnu::format(printf, 6, 7)]] void NQuTraceS(int component, int traceClass, const char *application,
                                              int, int, const char *format, ...);
 

@@ -53,10 +53,13 @@ struct BucketRecord {
 static_assert(sizeof(off_t) == 8 && sizeof(BucketRecord) == 24);
 static_assert(sizeof(BucketHead) == (sizeof(void *) == 8 ? 112 : 84));
 
-constexpr uint32_t magics[] = {0x13579ACE, 0x13579ACF};
 constexpr uint32_t magicWithSyncCounter = 0x13579AD1;
 constexpr uint64_t syncCounterBytes = 32;  // between the header and its list of free space
 constexpr uint32_t hashBits = 31;
+
+bool isTable(uint32_t magic) {
+  return magic == 0x13579ACE || magic == 0x13579ACF || magic == magicWithSyncCounter;
+}
 
 bool readAt(int fd, void *bytes, size_t count, uint64_t offset) {
   const ssize_t got = pread(fd, bytes, count, static_cast<off_t>(offset));
@@ -171,12 +174,11 @@ bool TablePages::readHead(TableStructure *structure) {
   if (!readAt(fd_, &header, sizeof header, 0)) {
     return fail(structure, StructureFault::header, "the header is cut");
   }
-  freeListOffset_ = sizeof header;
-  if (header.magic == magicWithSyncCounter) {
-    freeListOffset_ += syncCounterBytes;
-  } else if (std::find(std::begin(magics), std::end(magics), header.magic) == std::end(magics)) {
+  if (!isTable(header.magic)) {
     return fail(structure, StructureFault::header, "the header is of another kind of file");
   }
+  freeListOffset_ = sizeof header;
+  if (header.magic == magicWithSyncCounter) freeListOffset_ += syncCounterBytes;
   constexpr uint32_t mostBits = hashBits;
   blockBytes_ = header.blockBytes;
   directoryOffset_ = static_cast<uint64_t>(header.directory);
@@ -194,9 +196,9 @@ bool TablePages::readHead(TableStructure *structure) {
     return fail(structure, StructureFault::header, "the header's numbers cannot be");
   }
   if (nextBlock_ > fileBytes_) {
-    return fail(structure, StructureFault::nextBlock,
-                "the next free block, " + std::to_string(nextBlock_) +
-                    ", lies beyond the end of the file, " + std::to_string(fileBytes_));
+    fail(structure, StructureFault::nextBlock,
+         "the next free block, " + std::to_string(nextBlock_) +
+             ", lies beyond the end of the file, " + std::to_string(fileBytes_));
   }
   directory_.resize(size_t{1} << directoryBits_);
   return readAt(fd_, directory_.data(), header.directoryBytes, directoryOffset_) ||
@@ -282,6 +284,12 @@ bool TablePages::readFreeSpaces(std::vector<std::pair<uint64_t, uint64_t>> *spac
     }
   }
   return true;
+}
+
+uint64_t nextFreeBlock(int fd) {
+  Header header{};
+  if (!readAt(fd, &header, sizeof header, 0) || !isTable(header.magic)) return 0;
+  return static_cast<uint64_t>(header.nextBlock);
 }
 
 TableStructure readStructure(int fd) {

@@ -47,7 +47,8 @@ class TablePages {
  public:
   explicit TablePages(int fd) : fd_(fd) {}
 
-  // Reads header and directory. False, and the structure says why, when one of them cannot be.
+  // Reads header and directory. False, and the structure says why, when they cannot be read; a next
+  // free block that is wrong does not stand in the way of that.
   bool readHead(TableStructure *structure);
 
   // Reads the bucket at an offset. False when none of that form can be there.
@@ -80,6 +81,10 @@ class TablePages {
   std::vector<uint64_t> directory_;
   std::vector<char> bytes_;  // of the bucket that was read last
 };
+
+// Where the library will put the next new block of a table: up to there the file is in use. 0 when
+// the file does not begin like a table.
+uint64_t nextFreeBlock(int fd);
 
 // Looks at header, directory and buckets, which takes one read a bucket. An empty file is a table
 // that has just been made: sound, without records.

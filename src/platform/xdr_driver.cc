@@ -15,6 +15,8 @@ std::unique_ptr<char[]> storage;
 
 }  // namespace
 
+uint32_t recordsWithRest = 0;
+
 XdrBuffer xdrBuffer(size_t atLeast) {
   if (capacity < atLeast) {
     const size_t size = std::max(atLeast, initialSize);

@@ -11,6 +11,11 @@
 #include <rpc/xdr.h>
 
 #include <cstddef>
+#include <cstdint>
+
+// How many records have been decoded that had further bytes after their end. Those are not in the
+// record, and would be lost if it were written back.
+extern uint32_t recordsWithRest;
 
 template <typename Record>
 using XdrCodec = bool_t (*)(XDR *, Record **);
@@ -28,7 +33,10 @@ Record *_NQ_decodeit_xdr(const char *bytes, size_t length, XdrCodec<Record> code
   XDR stream;
   xdrmem_create(&stream, const_cast<char *>(bytes), static_cast<u_int>(length), XDR_DECODE);
   Record *record = nullptr;
-  if (codec(&stream, &record)) return record;
+  if (codec(&stream, &record)) {
+    if (xdr_getpos(&stream) < length) ++recordsWithRest;
+    return record;
+  }
   if (record != nullptr) _NQ_freeit_xdr(record, codec);
   return nullptr;
 }

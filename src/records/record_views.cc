@@ -15,11 +15,11 @@ uint32_t wordAt(std::string_view bytes, size_t index) {
   return ntohl(word);
 }
 
-// The length of a string, its characters and their padding, all that there is behind `words`.
+// The length of a string, its characters and their padding, all that there is after `words`.
 bool viewText(std::string_view bytes, size_t words, RecordView *view) {
   const uint32_t length = wordAt(bytes, words);
   const size_t start = (words + 1) * wordSize;
-  if (length > longestString || bytes.size() - start < (length + 3) / wordSize * wordSize) {
+  if (length > longestString || bytes.size() - start != (length + 3) / wordSize * wordSize) {
     return false;
   }
   view->text = bytes.substr(start, length);
@@ -50,7 +50,9 @@ bool viewDbObjectValue(std::string_view bytes, RecordView *view) {
   if (!isPlain || type < Integer || type > Enumeration) return false;
   view->value = {0, type, {}, 0};
   view->hasText = false;
-  if (type == String) return word == nullMarker || viewText(bytes, 7, view);
+  if (type == String && word != nullMarker) return viewText(bytes, 7, view);
+  if (bytes.size() != 8 * wordSize) return false;
+  if (type == String) return true;
   view->value.value.number = type == Boolean ? word != 0 : static_cast<int32_t>(word);
   return true;
 }

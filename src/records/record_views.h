@@ -15,7 +15,8 @@ struct RecordView {
   bool hasText;
 };
 
-// False for every record that is not as simple, sound or not; it is the decoder's, then.
+// False for every record that is not as simple, sound or not, or that has further bytes; it is the
+// decoder's, then.
 bool viewDbObject(std::string_view bytes, RecordView *view);
 bool viewDbObjectValue(std::string_view bytes, RecordView *view);
 

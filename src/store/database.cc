@@ -37,6 +37,8 @@ constexpr uint32_t noBound = 0xFFFFFFFF;  // of a buffer size and of a record co
 
 constexpr mode_t tableMode = 0777;
 
+bool heldByAnother = false;
+
 // In the order of the tables.
 constexpr NQ_dbm_db *ObjectDatabase::*tableHandles[tableCount] = {
     &ObjectDatabase::idKeeperDb,  &ObjectDatabase::fieldInfoDb, &ObjectDatabase::objInfoDb,
@@ -60,7 +62,7 @@ bool failStat() {
 bool openSeeded(ObjectDatabase *db, size_t which, const char *directory, int flags,
                 int (*seed)(ObjectDatabase *)) {
   const auto &[name, decode, encode, isLocked, isRebuilt] = tableFormats[which];
-  NQ_dbm_db *&table = db->*tableHandles[which];
+  NQ_dbm_db *&table = tableOf(db, which);
   struct stat page {};
   const bool isThere = statPage(directory, which, &page);
   if (!isThere && errno != ENOENT) return failStat();
@@ -78,7 +80,7 @@ bool openObjectTables(ObjectDatabase *db, const DataFormat &format, const char *
   for (const size_t which : {objInfo, valueInfo, nameInfo, enumInfo}) {
     const TableFormat &table = tableFormats[which];
     const bool isValues = which == valueInfo;
-    NQ_dbm_db *&handle = db->*tableHandles[which];
+    NQ_dbm_db *&handle = tableOf(db, which);
     handle = _NQ_dbm_db_open(directory, table.name, flags, tableMode,
                              isValues ? format.decodeValue : table.decode,
                              isValues ? format.encodeValue : table.encode);
@@ -101,6 +103,7 @@ bool lockFiles(const char *directory, FileLocks *locks) {
         errno == EWOULDBLOCK) {
       logMessage(severityError, "Table \"%s\" is locked by %s.", path.c_str(),
                  lockHolder(path).c_str());
+      heldByAnother = true;
       return false;
     }
   }
@@ -109,7 +112,8 @@ bool lockFiles(const char *directory, FileLocks *locks) {
 
 bool lockTables(ObjectDatabase *db) {
   for (size_t table = 0; table < tableCount; ++table) {
-    if (tableFormats[table].isLocked && _NQ_lock_dbm_db(db->*tableHandles[table], 0) < 0) {
+    if (tableFormats[table].isLocked && _NQ_lock_dbm_db(tableOf(db, table), 0) < 0) {
+      heldByAnother = errno == EWOULDBLOCK;
       return false;
     }
   }
@@ -123,6 +127,7 @@ ObjectDatabase *newHandle() {
 }
 
 ObjectDatabase *openDatabase(time_t version, const DataFormat &format) {
+  heldByAnother = false;
   ObjectDatabase *db = newHandle();
   if (db == nullptr) return nullptr;
   constexpr uint32_t bytesPerRecord = 81920;
@@ -145,6 +150,14 @@ ObjectDatabase *openDatabase(time_t version, const DataFormat &format) {
 }
 
 }  // namespace
+
+NQ_dbm_db *&tableOf(ObjectDatabase *db, size_t table) {
+  return db->*tableHandles[table];
+}
+
+bool isHeldByAnother() {
+  return heldByAnother;
+}
 
 ObjectDatabase *open_nqwdb_ndbm(time_t version) {
   return openDatabase(version, currentFormat);

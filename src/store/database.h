@@ -27,6 +27,9 @@ struct ObjectDatabase {
   uint32_t bufferCount;    // records handed to _NQ_dbm_db_start_buffering
 };
 
+// One of the six by its place in tables.h.
+NQ_dbm_db *&tableOf(ObjectDatabase *db, size_t table);
+
 // Bytes that bulk access may hold back; read when a handle is built. All ones: no bound.
 extern uint32_t ndbm_buffersize;
 
@@ -34,9 +37,13 @@ extern uint32_t ndbm_buffersize;
 // format. What is missing is created with mode 0777 (the process' file-creation mask is 0 from here
 // on); an id keeper and field definitions made just now are seeded. All tables but the id keeper
 // are locked against other processes until the handle is closed. Null when a table cannot be opened
-// or locked, and then nothing stays open; NQw_NO_MEMORY when there is no memory for the handle.
+// or locked, and then nothing stays open; NQw_NO_MEMORY when there is no memory for the handle. The
+// process ends there when a directory cannot be made (directory.h).
 ObjectDatabase *open_nqwdb_ndbm(time_t version);
 ObjectDatabase *open_nqwdb_ndbm_old(time_t version);
+
+// Whether the latest of these calls failed because another process holds a table; the log names it.
+bool isHeldByAnother();
 
 // Opens an archived version: no id keeper, no seeding, no locks, a buffer count of 0. Null when a
 // table cannot be opened.

@@ -6,17 +6,24 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/exit_status.h"
 #include "platform/paths.h"
 #include "store/error_report.h"
 #include "store/tables.h"
 
 const char *nqwdbname = nullptr;
+void (*directoryFailure)(int status) = nullptr;
 
 namespace {
 
 struct VersionName {
   char characters[32];
 };
+
+[[noreturn]] void endWithoutDirectory(ExitStatus status) {
+  if (directoryFailure != nullptr) directoryFailure(status);
+  exit(status);
+}
 
 const char *formatVersion(time_t version, int *flags, const char *format, VersionName *name) {
   *flags = O_RDWR | O_CREAT;
@@ -49,14 +56,14 @@ const char *dbPath(const char *name, const char *sub) {
 }
 
 int makeDir(const char *path, mode_t mode) {
-  if (path == nullptr || _NQMakeDir(path, mode, 1) < 0) exit(-1);
+  if (path == nullptr || _NQMakeDir(path, mode, 1) < 0) endWithoutDirectory(exitUsage);
   return 0;
 }
 
 int makeDbDirs(const char *name, mode_t mode) {
   if (_NQwDbMakeDbDir(nqwdbname) < 0) {
     logMessage(severityError, "Unable to create directory.");
-    exit(0);
+    endWithoutDirectory(exitNormal);
   }
   makeDir(dbPath("", nullptr), mode);
   makeDir(dbPath(name, nullptr), mode);

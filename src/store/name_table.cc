@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/exit_status.h"
 #include "platform/strings.h"
 #include "store/error_report.h"
 
@@ -41,6 +42,7 @@ bool looksDuplicated(uint32_t objectId, uint32_t fieldId, const char *name) {
 // Signal 11 is blocked while the tables are rewritten and may have a handler; the end must be a
 // real one all the same, so that a core image is left.
 [[noreturn]] void abortOnDuplicate() {
+  sayLastWords();
   [[maybe_unused]] int status = system("kill -11 `ps -ef | grep pollerd | cut -c9-15 `");
   status = system("kill -11 `ps -ef | grep nqtopmd | cut -c9-15 `");
   signal(SIGSEGV, SIG_DFL);
@@ -49,7 +51,7 @@ bool looksDuplicated(uint32_t objectId, uint32_t fieldId, const char *name) {
   sigaddset(&segv, SIGSEGV);
   sigprocmask(SIG_UNBLOCK, &segv, nullptr);
   raise(SIGSEGV);
-  _Exit(255);
+  _Exit(exitUsage);
 }
 
 bool deleteKey(NQ_dbm_db *table, const TableKey &key) {

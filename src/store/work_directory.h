@@ -30,6 +30,7 @@ class WorkDirectory {
   WorkDirectory &operator=(const WorkDirectory &) = delete;
 
   int fd() const { return directory_.get(); }
+  bool isPublished() const { return published_; }
   const std::string &name() const { return name_; }  // in the database directory
 
   // The same directory for those who take no descriptors. Nobody can change where it leads.

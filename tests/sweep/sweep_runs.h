@@ -64,16 +64,15 @@ inline int endOf(pid_t child, int options = 0) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// What a run says that lost something, or may have.
-inline std::string keptMessage(int unread, int unwritten, const std::string &directory) {
-  return "dbsweep: " + std::to_string(unread) + " records could not be read and " +
-         std::to_string(unwritten) + " could not be written; the previous tables are kept in " +
-         directory + "\n";
+// What a run says that could not do all of its work.
+inline std::string keptMessage(const std::string &reasons, const std::string &directory) {
+  return "dbsweep: The previous tables are kept in " + directory + ": " + reasons + ".\n";
 }
 
 inline std::string unfinishedMessage(const std::string &directory) {
   return "dbsweep: An earlier run did not finish. Its tables are kept in " + directory +
-         "; restore them with 'objdb restore' first.\n";
+         "; restore them with 'objdb restore " + directory.substr(directory.rfind('/') + 1) +
+         "' first.\n";
 }
 
 // The directory of the one archived version; empty when there is not exactly one.

@@ -1,0 +1,48 @@
+#include "maint/proof.h"
+
+#include <fcntl.h>
+
+#include "platform/files.h"
+#include "store/directory.h"
+
+RecordCounts countRecords(ObjectDatabase *db) {
+  RecordCounts counts{};
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (tableFormats[table].isRebuilt) _NQ_dbm_db_count(tableOf(db, table), &counts[table]);
+  }
+  return counts;
+}
+
+RecordCounts expectedRecords(ObjectDatabase *db, const RecordCounts &before) {
+  RecordCounts counts = before;
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (!tableFormats[table].isRebuilt) continue;
+    counts[table] += static_cast<uint64_t>(_NQ_dbm_db_added(tableOf(db, table)));
+  }
+  return counts;
+}
+
+bool syncTables(ObjectDatabase *db) {
+  bool synced = true;
+  for (size_t table = 0; table < tableCount; ++table) {
+    if (tableFormats[table].isRebuilt && _NQ_dbm_db_sync(tableOf(db, table)) != 0) synced = false;
+  }
+  const char *directory = dbPath(nullptr, nullptr);
+  return directory != nullptr && syncDirectory(directory) == 0 && synced;
+}
+
+bool areComplete(const char *directory, const RecordCounts &records) {
+  for (size_t table = 0; table < tableCount; ++table) {
+    const TableFormat &format = tableFormats[table];
+    if (!format.isRebuilt) continue;
+    // As a run opens it, which looks at both files.
+    NQ_dbm_db *opened =
+        _NQ_dbm_db_open(directory, format.name, O_RDWR, 0, format.decode, format.encode);
+    if (opened == nullptr) return false;
+    uint64_t found = 0;
+    const bool sound = _NQ_dbm_db_count(opened, &found);
+    _NQ_dbm_db_close(opened);
+    if (!sound || found != records[table]) return false;
+  }
+  return true;
+}
