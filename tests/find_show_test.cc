@@ -84,12 +84,13 @@ class Ask : public PlatformTest {
 
   Ids expected(const Values &wanted) const {
     Ids ids;
-    for (const auto &[id, values] : model) {
+    for (const auto &object : model) {
+      const Values &values = object.second;
       const bool all = std::all_of(wanted.begin(), wanted.end(), [&](const auto &each) {
         const auto value = values.find(each.first);
         return value != values.end() && matches(value->second, each.second);
       });
-      if (all) ids.push_back(id);
+      if (all) ids.push_back(object.first);
     }
     return ids;
   }

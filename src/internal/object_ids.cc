@@ -37,7 +37,7 @@ NQwObjectIdList *newObjectIdList(size_t room) {
 void appendObjectId(NQwObjectIdList *list, uint32_t objectId) {
   constexpr int32_t step = 1000;
   if (list->count % step == 0) {
-    const auto room = static_cast<size_t>(list->count + step);
+    const size_t room = static_cast<size_t>(list->count) + step;
     void *ids = realloc(list->objectIds, room * sizeof objectId);
     if (ids == nullptr) failForWantOfMemory();
     list->objectIds = static_cast<uint32_t *>(ids);
