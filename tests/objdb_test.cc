@@ -259,6 +259,7 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
       {"objdb archive; touch -d 2001-01-01 $V; mv $V 01122025.000000; objdb versions | tail -1 | "
        "grep -c 2026-; objdb versions --json | jq .time",
        0, "2025-12-01T00:00:00", 2},
+      {"touch $V/unfinished; objdb check", 1, "unfinished-version: version ", 1},
       {"touch $V/unfinished; objdb versions", 1, " unfinished", 1},
       {"objdb versions --digest --json | jq -r .digest >x; objdb dump | grep -c $(cat x)", 0, "1\n",
        1},
@@ -277,6 +278,64 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
       EXPECT_EQ(run("objdb dump").out, sealed);
     }
   }
+}
+
+// With everything in it that a dump can have, and nothing that a check finds.
+TEST_F(Objdb, ARedactedDumpTellsNoTextAndChecksAlike) {
+  std::filesystem::remove_all(root);
+  load(emptyNetwork() + nameLines(7, 10, "secret 1") + nameLines(8, 10, "secret 2") +
+       Lines{valueLine(7, 24, R"("type":"String","list":["secret 1",null,"secret é","x"])"),
+             valueLine(8, 24, R"("type":"String","value":{"hex":"736563726574ff"})"),
+             valueLine(8, 20, R"("type":"Boolean","value":true)"),
+             valueLine(9, 99, R"("type":"Integer","value":5)")});
+  const std::string redacted = run("objdb dump --redact").out;
+  EXPECT_EQ(run("objdb load --dir /usr/NQ/copy", redacted).status, 0);
+  const std::string same =
+      " | jq -c '{finding, severity, table, object, field, records, findings}'";
+  EXPECT_EQ(run("objdb check --json --dir /usr/NQ/copy" + same).out,
+            run("objdb check --json" + same).out);
+  for (const char *text : {"secret", "736563726574", "Session", "OSPF", "Speed", "down"}) {
+    EXPECT_EQ(redacted.find(text), std::string::npos) << text;
+  }
+  const auto texts = [](const std::string &directory) {
+    return run("objdb dump --object 7 --dir " + directory +
+               " | jq -c '[.name, .list] | .. | strings | "
+               "utf8bytelength'")
+        .out;
+  };
+  EXPECT_EQ(texts("/usr/NQ/copy"), texts(root));
+  EXPECT_EQ(
+      run("objdb dump --object 7 --dir /usr/NQ/copy | jq -r '.name // .list[0]' | uniq | wc -l")
+          .out,
+      "1\n")
+      << "equal texts have equal tokens";
+  EXPECT_EQ(run("objdb dump --object 70000").status, 2);
+}
+
+TEST_F(Objdb, ProtocolsAreThoseThatASweepTakes) {
+  const auto field = [](int id, const std::string &name) {
+    return R"({"table":"field_info","field":)" + std::to_string(id) + R"(,"name":")" + name +
+           R"(","type":"Boolean","flags":1})";
+  };
+  std::filesystem::remove_all(root);
+  load(emptyNetwork() + Lines{field(40, "is3Com"), field(41, "is" + std::string(78, 'x')),
+                              field(42, R"(isBell\u0007)"), field(43, "isTwice"),
+                              field(44, "isTwice"),
+                              valueLine(9, 20, R"("type":"Boolean","value":true)")});
+  writeFile("/usr/NQ/conf/capability_map", "OSPF\n\x1b[2J\n");
+  const Outcome all = run("objdb protocols");
+  EXPECT_EQ(all.status, 0);
+  for (const char *line :
+       {"       1 QRT Session\n", "       0 3Com, which dbsweep refuses: it begins with a digit\n",
+        "x, which dbsweep refuses: it has more than 77 characters\n", "       0 \"Bell\\u0007\"\n",
+        "Twice, which dbsweep refuses: several fields have it\n", "no field \"\\u001b[2J\"\n"}) {
+    EXPECT_THAT(all.out, HasSubstr(line));
+  }
+  EXPECT_EQ(run("objdb protocols --json | jq -c 'select(.objects > 0)'").out,
+            "{\"protocol\":\"QRT Session\",\"field\":20,\"objects\":1}\n");
+  EXPECT_THAT(run("objdb protocols --ids 3Com").err,
+              HasSubstr("dbsweep refuses the protocol \"3Com\""));
+  EXPECT_EQ(run("objdb protocols --ids 'QRT Session' --json").out, "{\"object\":9}\n");
 }
 
 // What a terminal has been sent while the command ran, the timer of the progress line being helped
@@ -333,7 +392,7 @@ TEST_F(Objdb, ATerminalSeesProgressAndThenAResultWithoutIt) {
     const char *command;
     const char *phase;
   } cases[] = {{"objdb check", "\r\033[Kreading value_info: "},
-               {"objdb protocols", " records ("},
+               {"objdb protocols", "\r\033[Kreading the values"},
                {"objdb dump --object 2000", "\r\033[Kreading value_info: "},
                {"objdb load --dir /usr/NQ/copy </usr/NQ/tmp/dump", "\033[Kreading the dump: "}};
   for (const auto &each : cases) {

@@ -3,29 +3,39 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <optional>
+#include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
+#include "objdb/field_text.h"
 #include "objdb/options.h"
 #include "objdb/table_reader.h"
+#include "records/codecs.h"
+#include "store/versions.h"
 
 namespace {
 
 enum Kind : size_t {
+  unfinishedVersion,
   unopened,
+  damagedStructure,
   needsRecovery,
   unreached,
   undecodable,
   cutString,
+  trailingBytes,
   wrongKey,
   noCounter,
   idBeyondCounter,
   unknownType,
+  sameFieldName,
   unknownField,
   wrongType,
+  unknownConstant,
   wrongTable,
   duplicateName,
   unindexedName,
@@ -33,40 +43,53 @@ enum Kind : size_t {
   kindCount,
 };
 
+// Of the severities, "loss" says that records cannot be read or will be dropped, "refusal" that
+// sweeps will not run, and "fault" that readers are misled.
 constexpr struct {
   const char *name;
+  const char *severity;
   const char *text;
   const char *cure;
 } kinds[kindCount] = {
-    {"unopened", "cannot be opened",
+    {"unfinished-version", "refusal", "a run did not finish, and its previous tables are kept",
+     "'objdb restore' brings them back; sweeps refuse until then"},
+    {"unopened", "loss", "cannot be opened",
      "restore an archived version; 'objdb salvage' makes one of what can still be read"},
-    {"needs-recovery", "the dbm library wants the table recovered",
+    {"damaged-structure", "loss", "the file leads to its records wrongly, and hides some of them",
+     "'objdb salvage' looks for hidden records; or restore an archived version"},
+    {"needs-recovery", "loss", "the dbm library wants the table recovered",
      "'objdb salvage' recovers it in a new version"},
-    {"unreached", "a scan does not read the records that the library counts",
+    {"unreached", "loss", "a scan does not read the records that the library counts",
      "'objdb salvage' looks for them; or restore an archived version"},
-    {"undecodable", "the record cannot be decoded",
+    {"undecodable", "loss", "the record cannot be decoded",
      "'objdb salvage' leaves it out; or restore an archived version"},
-    {"cut-string", "a text has a NUL inside and ends there for every reader",
+    {"cut-string", "loss", "a text has a NUL inside and ends there for every reader",
      "'objdb salvage' keeps what is before it"},
-    {"wrong-key", "the record lies under a key that is not its own",
+    {"trailing-bytes", "loss", "bytes lie after the end of the record, where nobody reads them",
+     "'objdb salvage' leaves them out, as a sweep does"},
+    {"wrong-key", "fault", "the record lies under a key that is not its own",
      "'objdb salvage' puts it under its own, unless a record is there"},
-    {"no-counter", "the id keeper has no counter, and ids would be handed out twice",
+    {"no-counter", "fault", "the id keeper has no counter, and ids would be handed out twice",
      "'objdb salvage' sets it above every id"},
-    {"id-beyond-counter",
+    {"id-beyond-counter", "fault",
      "the id is not below the id keeper's counter and would be given out again",
      "'objdb salvage' raises the counter"},
-    {"unknown-type", "the field is defined with a type that is none",
+    {"unknown-type", "loss", "the field is defined with a type that is none",
      "'objdb salvage' leaves the definition out, and its values"},
-    {"unknown-field", "no definition has the field",
+    {"same-field-name", "fault", "another field has the name too",
+     "'objdb salvage' adds the field's id to its name"},
+    {"unknown-field", "loss", "no definition has the field",
      "'objdb salvage' leaves it out, as a sweep does"},
-    {"wrong-type", "the type is not that of the field", "'objdb salvage' leaves it out"},
-    {"wrong-table", "a name lies among the values, or a value among the names",
+    {"wrong-type", "fault", "the type is not that of the field", "'objdb salvage' leaves it out"},
+    {"unknown-constant", "fault", "the enumeration has no constant of that number",
+     "'objdb salvage' adds constants without a meaning"},
+    {"wrong-table", "fault", "a name lies among the values, or a value among the names",
      "'objdb salvage' moves it, as a sweep does"},
-    {"duplicate-name", "another object has the name too",
+    {"duplicate-name", "fault", "another object has the name too",
      "rename one of the two; 'objdb salvage' adds the object's id to its name"},
-    {"unindexed-name", "the object has the name, but name_info does not lead to it",
+    {"unindexed-name", "fault", "the object has the name, but name_info does not lead to it",
      "'objdb salvage' makes name_info anew, as a sweep does"},
-    {"stray-index", "name_info leads to an object that does not have the name",
+    {"stray-index", "fault", "name_info leads to an object that does not have the name",
      "'objdb salvage' makes name_info anew, as a sweep does"},
 };
 
@@ -74,23 +97,25 @@ class Findings {
  public:
   explicit Findings(bool json) : json_(json) {}
 
-  // A finding about a table, or about a record if members are given that tell which.
-  void add(Kind kind, size_t table, const Json &members = Json::object(),
+  // A finding about a table, or about a record if members are given that tell which; or about a
+  // whole version, if they tell that.
+  void add(Kind kind, std::optional<size_t> table, const Json &members = Json::object(),
            const std::string &detail = "") {
     ++counts_[kind];
-    Json line{{"finding", kinds[kind].name}, {"table", tableFormats[table].name}};
+    Json line{{"finding", kinds[kind].name}, {"severity", kinds[kind].severity}};
+    if (table) line["table"] = tableFormats[*table].name;
     line.update(members);
     line["text"] = kinds[kind].text + (detail.empty() ? "" : " (" + detail + ")");
+    const ProgressPause pause;
     if (json_) {
-      const ProgressPause pause;
       line["cure"] = kinds[kind].cure;
       puts(line.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
       return;
     }
-    const ProgressPause pause;
-    std::string where = tableFormats[table].name;
+    std::string where = table ? tableFormats[*table].name : "";
     for (const auto &[name, value] : members.items()) {
-      where += ", " + name + " " + (value.is_string() ? value.get<std::string>() : value.dump());
+      where += (where.empty() ? "" : ", ") + name + " ";
+      where += value.is_string() ? plainText(value.get<std::string>().c_str()) : value.dump();
     }
     printf("%s: %s: %s\n", kinds[kind].name, where.c_str(),
            line["text"].get<std::string>().c_str());
@@ -132,7 +157,6 @@ struct NameEntry {
   bool operator==(const NameEntry &other) const {
     return hash == other.hash && objectId == other.objectId;
   }
-  Json members() const { return {{"object", objectId}, {"field", fieldId}}; }
 };
 
 NameEntry nameEntry(const DecodedRecord &record) {
@@ -173,7 +197,7 @@ class Check {
     while (reader.next(&raw)) {
       DecodedRecord record(table, raw.bytes);
       if (record) {
-        judge(table, record, raw.key);
+        judge(table, record, raw);
       } else {
         decoded = false;
         findings_.add(undecodable, table, {{"key", shownKey(raw.key)}});
@@ -182,7 +206,11 @@ class Check {
     records_ += reader.recordsRead();
     whole_[table] = decoded && reader.isComplete();
     if (reader.needsRecovery()) findings_.add(needsRecovery, table);
-    if (!reader.isComplete()) {
+    const TableStructure &structure = reader.structure();
+    if (!structure.isSound()) {
+      findings_.add(damagedStructure, table, Json::object(), structure.detail);
+    }
+    if (!reader.isReadToEnd()) {
       const auto counted = reader.counted();
       findings_.add(unreached, table, Json::object(),
                     std::to_string(reader.recordsRead()) + " read of " +
@@ -193,32 +221,63 @@ class Check {
 
   static std::string shownKey(std::string_view key) { return toHex(key.substr(0, 300)); }
 
-  static Json membersOf(size_t table, const DecodedRecord &record) {
+  Json membersOf(size_t table, const DecodedRecord &record) {
     if (table == idKeeper) return Json::object();
     if (table == fieldInfo || table == enumInfo) return {{"field", record.fieldId}};
-    return {{"object", record.objectId}, {"field", record.fieldId}};
+    Json members{{"object", record.objectId}, {"field", record.fieldId}};
+    if (table != valueInfo) {
+      members["name"] = record.name;
+    } else if (const std::string name = nameOf(record.objectId); !name.empty()) {
+      members["name"] = name;
+    }
+    return members;
   }
 
-  void judge(size_t table, DecodedRecord &record, std::string_view key) {
+  // The first name that the object has in obj_info; empty when it has none. Not to be called while
+  // a record of the name tables is in use, which lies where this one is decoded.
+  std::string nameOf(uint32_t objectId) {
+    if (tables_[objInfo] == nullptr) return "";
+    for (const uint32_t fieldId : nameFields_) {
+      const DecodedRecord record(objInfo, tables_[objInfo]->fetch(keyOf({objectId, fieldId})));
+      if (record) return record.name;
+    }
+    return "";
+  }
+
+  Json membersOf(const NameEntry &entry) {
+    Json members{{"object", entry.objectId}, {"field", entry.fieldId}};
+    if (const std::string name = nameOf(entry.objectId); !name.empty()) members["name"] = name;
+    return members;
+  }
+
+  void judge(size_t table, DecodedRecord &record, const DbmRecord &raw) {
     const auto add = [&](Kind kind) { findings_.add(kind, table, membersOf(table, record)); };
-    const bool hasOwnKey = record.properKey() == key;
+    const bool hasOwnKey = record.properKey() == raw.key;
     if (!hasOwnKey) {
       Json members = membersOf(table, record);
-      members["key"] = shownKey(key);
+      members["key"] = shownKey(raw.key);
       findings_.add(wrongKey, table, members);
     }
     if (record.isCut) add(cutString);
+    if (!record.isCut && record.encodedBytes() < raw.bytes.size()) add(trailingBytes);
     switch (table) {
       case idKeeper:
         if (hasOwnKey) counter_ = record.counter;
         break;
       case fieldInfo:
+        judgeFieldName(record);
         definitions_.insert({record.fieldId, {record.type, record.flags}});
+        if ((record.flags & nameFieldFlag) != 0) nameFields_.push_back(record.fieldId);
         if (record.type < Integer || record.type > Enumeration) add(unknownType);
         if (isBeyondCounter(record.fieldId)) add(idBeyondCounter);
         break;
       case nameInfo:
         index_.push_back(nameEntry(record));
+        break;
+      case enumInfo:
+        constants_[record.fieldId] =
+            static_cast<const dbEnumConstants *>(record.get())->constants->count;
+        judgeField(table, record);
         break;
       case objInfo:
         names_.push_back(nameEntry(record));
@@ -227,6 +286,30 @@ class Check {
         if (isBeyondCounter(record.objectId)) add(idBeyondCounter);
         judgeField(table, record);
     }
+  }
+
+  void judgeFieldName(const DecodedRecord &record) {
+    const char *name = static_cast<const dbFieldInfo *>(record.get())->fieldInfo->name;
+    if (name != nullptr && !fieldNames_.insert(name).second) {
+      findings_.add(sameFieldName, fieldInfo, {{"field", record.fieldId}, {"name", name}});
+    }
+  }
+
+  // Every number that the value has is one of a constant.
+  void judgeConstants(const DecodedRecord &record) {
+    if (record.type != Enumeration || !isWhole(enumInfo)) return;
+    const NQwFieldValue &value = *static_cast<const dbObjectValue *>(record.get())->value;
+    const auto constants = constants_.find(record.fieldId);
+    const auto count = constants == constants_.end() ? 0 : constants->second;
+    bool known = true;
+    if (value.isList == 0) {
+      known = static_cast<uint32_t>(value.value.number) < count;
+    } else {
+      for (uint32_t i = 0; i < value.value.list->count; ++i) {
+        known = known && static_cast<uint32_t>(value.value.list->entries[i].value.number) < count;
+      }
+    }
+    if (!known) findings_.add(unknownConstant, valueInfo, membersOf(valueInfo, record));
   }
 
   void judgeField(size_t table, const DecodedRecord &record) {
@@ -241,6 +324,7 @@ class Check {
     } else if (table != enumInfo) {
       const bool isName = (definition->second.flags & nameFieldFlag) != 0 && record.name != nullptr;
       if (isName != (table == objInfo)) add(wrongTable);
+      if (table == valueInfo) judgeConstants(record);
     }
   }
 
@@ -282,15 +366,15 @@ class Check {
       if (found != objects.second) {
         owner = found;
       } else if (isWhole(objInfo)) {
-        findings_.add(strayIndex, nameInfo, entry->members());
+        findings_.add(strayIndex, nameInfo, membersOf(*entry));
       }
     }
     if (owner == objects.second) return;
     if (std::find(entries.first, entries.second, *owner) == entries.second && isWhole(nameInfo)) {
-      findings_.add(unindexedName, objInfo, owner->members());
+      findings_.add(unindexedName, objInfo, membersOf(*owner));
     }
     for (auto object = objects.first; object != objects.second; ++object) {
-      if (object != owner) findings_.add(duplicateName, objInfo, object->members());
+      if (object != owner) findings_.add(duplicateName, objInfo, membersOf(*object));
     }
   }
 
@@ -300,6 +384,9 @@ class Check {
   uint64_t records_ = 0;
   uint32_t counter_ = 0;
   std::unordered_map<uint32_t, Definition> definitions_;
+  std::unordered_set<std::string> fieldNames_;
+  std::vector<uint32_t> nameFields_;
+  std::unordered_map<uint32_t, uint32_t> constants_;  // how many a field has
   std::unordered_set<uint32_t> beyondCounter_;
   std::vector<NameEntry> names_;
   std::vector<NameEntry> index_;
@@ -313,6 +400,9 @@ ObjdbStatus checkDatabase(const VersionPath &database, bool json) {
     if (tables[table] != nullptr) continue;
     if (failures[table].kind != OpenFailure::damaged) throw failures[table].asFailure();
     findings.add(unopened, table, Json::object(), failures[table].reason);
+  }
+  for (const Version &version : listVersions(database.directory)) {
+    if (version.unfinished) findings.add(unfinishedVersion, {}, {{"version", version.name}});
   }
   const uint64_t records = Check(std::move(tables), &findings).run();
   findings.finish(records);

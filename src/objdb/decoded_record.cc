@@ -3,15 +3,22 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/out_of_memory.h"
+#include "platform/report.h"
 #include "records/codecs.h"
 #include "records/field_codec.h"
 
 DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(table) {
+  _NQwError = NQw_NO_ERROR;
   const uint32_t cutBefore = cutStrings;
   decoded_ =
       bytes.data() == nullptr ? nullptr : tableFormats[table].decode(bytes.data(), bytes.size());
   isCut = cutStrings != cutBefore;
-  if (decoded_ == nullptr) return;
+  if (decoded_ == nullptr) {
+    // A sound record that there is no memory for.
+    if (_NQwError == NQw_NO_MEMORY) failForWantOfMemory();
+    return;
+  }
   switch (table) {
     case idKeeper:
       counter = *static_cast<const uint32_t *>(decoded_);
@@ -74,6 +81,19 @@ std::string_view DecodedRecord::properKey() {
   append(&fieldId, sizeof fieldId);  // of the id keeper 0, which is its key
   if (table_ == nameInfo) append(name, strlen(name));
   return {key_, length};
+}
+
+size_t DecodedRecord::encodedBytes() const {
+  // Most records are one of these, and need not be encoded to know.
+  const auto textBytes = [](const char *text) {
+    return text == nullptr ? size_t{4} : 4 + (strlen(text) + 3) / 4 * 4;
+  };
+  if (table_ == objInfo || table_ == nameInfo) return 16 + textBytes(name);
+  if (table_ == valueInfo) {
+    const NQwFieldValue &value = *static_cast<const dbObjectValue *>(decoded_)->value;
+    if (value.isList == 0) return 28 + (value.type == String ? textBytes(value.value.string) : 4);
+  }
+  return encoding().size();
 }
 
 std::string_view DecodedRecord::encoding() const {

@@ -25,6 +25,9 @@ class DecodedRecord {
   // Bytes that encode the record as it was understood; valid until the next encoding.
   std::string_view encoding() const;
 
+  // The length of that.
+  size_t encodedBytes() const;
+
   uint32_t objectId = 0;
   uint32_t fieldId = 0;
   uint32_t counter = 0;        // id_keeper

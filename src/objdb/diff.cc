@@ -44,7 +44,7 @@ bool addMissing(TableReader &here, TableReader &there, size_t table, bool isNew,
 }
 
 ObjdbStatus diffVersions(const std::string &directory, const std::string &before,
-                         const std::string &after) {
+                         const std::string &after, bool json) {
   const auto pathOf = [&directory](const std::string &name) {
     return name.find('/') == std::string::npos ? directory + "/" + name : name;
   };
@@ -63,8 +63,13 @@ ObjdbStatus diffVersions(const std::string &directory, const std::string &before
   std::sort(differences.begin(), differences.end(),
             [](const Difference &a, const Difference &b) { return a.order() < b.order(); });
   sorting.reset();
-  for (const Difference &each : differences)
-    printf("%c %s\n", each.isNew ? '+' : '-', each.line.c_str());
+  for (const Difference &each : differences) {
+    if (json) {
+      printf("{\"in\":\"%s\",\"record\":%s}\n", each.isNew ? "B" : "A", each.line.c_str());
+    } else {
+      printf("%c %s\n", each.isNew ? '+' : '-', each.line.c_str());
+    }
+  }
   return differences.empty() ? objdbFine : objdbFindings;
 }
 
@@ -75,8 +80,10 @@ ObjdbStatus runDiff(Options &options) {
   options.directory(&database);
   options.argument("A", &before, "A version, or a directory with a slash in its name");
   options.argument("B", &after, "Another");
+  bool json = false;
+  options.flag("--json", &json, "Write them as lines of JSON, with the version that they are in");
   options.parse();
-  return diffVersions(database.directory, before, after);
+  return diffVersions(database.directory, before, after, json);
 }
 
 }  // namespace

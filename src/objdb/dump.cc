@@ -8,6 +8,7 @@
 #include "objdb/decoded_record.h"
 #include "objdb/options.h"
 #include "objdb/plain_lines.h"
+#include "objdb/redaction.h"
 #include "objdb/table_reader.h"
 #include "platform/arena.h"
 
@@ -18,6 +19,7 @@ struct DumpChoice {
   std::optional<std::string> table;
   std::optional<uint32_t> object;
   std::optional<std::string> field;
+  bool redacted = false;
 };
 
 // What a line is sorted by, and the line with its end, one behind the other in one piece of
@@ -94,18 +96,23 @@ class Filter {
     const bool hasObject = table == objInfo || table == valueInfo || table == nameInfo;
     if (!record) return true;  // to be told
     if (choice_.object && (!hasObject || record.objectId != *choice_.object)) return false;
+    objectMet_ = true;
     return !choice_.field || (table != idKeeper && fieldIds_.contains(record.fieldId));
   }
+  // Whether an object was asked for that none of the tables has that were read.
+  bool missedObject() const { return choice_.object && !choice_.table && !objectMet_; }
   bool namesNothing() const { return choice_.field && fieldIds_.empty(); }
 
  private:
   const DumpChoice &choice_;
   std::set<uint32_t> fieldIds_;
+  mutable bool objectMet_ = false;
 };
 
 // Writes the table's lines. False, with the reason on standard error, when not every record could
 // be read and written.
-bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Census &census) {
+bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Redaction *redaction,
+               Census &census) {
   const char *name = tableFormats[table].name;
   Arena storage;
   std::vector<Line> lines;
@@ -118,6 +125,13 @@ bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Census &
       fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
               toHex(record.key).c_str(), name);
       return false;
+    }
+    if (redaction != nullptr) {
+      const StoredRecord redacted = redaction->redact(table, record.key, record.bytes);
+      line = recordToLine(table, redacted.key, redacted.bytes);
+      lines.push_back(storeLine(storage, sortKey(table, redacted.key), *line));
+      census.add(table, redacted.key, redacted.bytes);
+      continue;
     }
     lines.push_back(storeLine(storage, sortKey(table, record.key), *line));
     census.add(table, record.key, record.bytes);
@@ -145,13 +159,16 @@ ObjdbStatus dumpDatabase(const VersionPath &database, const DumpChoice &choice) 
     throw CommandFailure("no field \"" + *choice.field + "\"");
   }
   Census census;
+  Redaction redaction;
   if (filter.takesAll()) puts(headerLine().dump().c_str());
   for (size_t table = 0; table < tableCount; ++table) {
-    if (filter.takesTable(table) && !dumpTable(tables[table].get(), table, filter, census)) {
+    if (filter.takesTable(table) && !dumpTable(tables[table].get(), table, filter,
+                                               choice.redacted ? &redaction : nullptr, census)) {
       return objdbFailed;
     }
   }
   if (filter.takesAll()) puts(census.toJson().dump().c_str());
+  if (filter.missedObject()) throw CommandFailure("no object " + std::to_string(*choice.object));
   return objdbFine;
 }
 
@@ -162,6 +179,7 @@ ObjdbStatus runDump(Options &options) {
   options.text("--table", &choice.table, "Only the records of this table");
   options.id("--object", &choice.object, "Only the records of the object with this id");
   options.text("--field", &choice.field, "Only the records of the field with this name");
+  options.flag("--redact", &choice.redacted, "With tokens in the place of names and texts");
   options.parse();
   const auto isChosen = [&](const TableFormat &format) { return *choice.table == format.name; };
   if (choice.table && std::none_of(tableFormats.begin(), tableFormats.end(), isChosen)) {

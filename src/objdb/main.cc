@@ -1,9 +1,13 @@
 // objdb: reads and writes the same databases as dbsweep, for what an operator needs around a sweep.
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <new>
 #include <string_view>
 
 #include "objdb/census.h"
@@ -63,6 +67,23 @@ ObjdbStatus flushOutput(ObjdbStatus status) {
   return objdbFailed;
 }
 
+// Where memory is exhausted, an exception may find none for itself, or no way out. A work directory
+// that is left is known to the next command.
+[[noreturn]] void endOutOfMemory() {
+  static constexpr char message[] = "objdb: out of memory\n";
+  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, message, sizeof message - 1);
+  _exit(objdbFailed);
+}
+
+// Before any other static of the program, which may want memory too.
+struct HandleExhaustedMemory {
+  HandleExhaustedMemory() {
+    std::set_new_handler(endOutOfMemory);
+    std::set_terminate(endOutOfMemory);  // which no exception reaches but for want of memory
+  }
+};
+[[gnu::init_priority(101)]] HandleExhaustedMemory handleExhaustedMemory;
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -75,8 +96,7 @@ int main(int argc, char **argv) {
     fprintf(stderr, "objdb: %s\n", failure.what());
     return flushOutput(failure.status());
   } catch (const std::bad_alloc &) {
-    fputs("objdb: out of memory\n", stderr);
-    return objdbFailed;
+    endOutOfMemory();
   } catch (const std::exception &error) {
     fprintf(stderr, "objdb: %s\n", error.what());
     return objdbFailed;

@@ -1,6 +1,8 @@
-// What a sweep by protocol would delete, told without deleting it.
+// What a sweep by protocol would delete, told without deleting it: the fields are chosen and the
+// objects selected as there, by the same functions over the same caches.
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <set>
@@ -8,92 +10,66 @@
 
 #include "internal/iListO.h"
 #include "internal/loaders.h"
+#include "objdb/asked_database.h"
 #include "objdb/commands.h"
-#include "objdb/decoded_record.h"
+#include "objdb/field_text.h"
 #include "objdb/options.h"
-#include "objdb/table_reader.h"
-#include "records/codecs.h"
+#include "objdb/progress.h"
+#include "platform/strings.h"
 
 namespace {
 
 constexpr char capabilityMap[] = "/usr/NQ/conf/capability_map";
+constexpr size_t longestProtocol = 77;
 
-// Hands every record to `take` in the order of the table, as a run loads it; what does not decode
-// is passed over, as there. False when there was such a record or the table does not read to its
-// end.
-template <typename Record, typename Take>
-bool forEachDecoded(TableReader *reader, size_t table, Take take) {
-  bool whole = true;
-  DbmRecord raw;
-  while (reader->next(&raw)) {
-    void *decoded = raw.bytes.data() == nullptr
-                        ? nullptr
-                        : tableFormats[table].decode(raw.bytes.data(), raw.bytes.size());
-    if (decoded == nullptr) {
-      whole = false;
-    } else {
-      take(static_cast<Record *>(decoded));
-    }
+std::vector<const NQwFieldInfo *> booleanFields() {
+  std::vector<const NQwFieldInfo *> fields;
+  for (_HashIter each(FieldInfoCache); each() != nullptr; each++) {
+    const NQwFieldInfo *info = static_cast<const FieldCacheEntry *>(each()->data())->info;
+    const bool isProtocol = info->name != nullptr && std::string(info->name).starts_with("is");
+    if (isProtocol && info->type == Boolean) fields.push_back(info);
   }
-  if (whole && reader->isComplete()) return true;
-  fprintf(stderr, "objdb: not every record of table \"%s\" can be read\n",
-          tableFormats[table].name);
-  return false;
+  return fields;
 }
 
-// Fills the caches in the order of a run. They last until the process ends.
-bool fillCaches(TableReaders &tables) {
-  ObjValCache = new ObjTable(1500, 3, 3, 0.333f);
-  FieldInfoCache = new FieldTable(200, 0, 3, 0.333f);
-  FieldNameCache = new FieldNameTbl(200, 3, 3, 0.333f);
-  const bool hasDefinitions =
-      forEachDecoded<dbFieldInfo>(tables[fieldInfo].get(), fieldInfo, [](dbFieldInfo *record) {
-        addFieldInfo(record->fieldInfo);
-        free(record);
-      });
-  const bool hasNames =
-      forEachDecoded<dbObject>(tables[objInfo].get(), objInfo, [](dbObject *record) {
-        enterOrRelease(record->objectId, record->fieldId, newFieldValue(String, record->name));
-      });
-  const bool hasValues =
-      forEachDecoded<dbObjectValue>(tables[valueInfo].get(), valueInfo, [](dbObjectValue *record) {
-        enterOrRelease(record->objectId, record->fieldId, record->value);
-        free(record);
-      });
-  return hasDefinitions && hasNames && hasValues;
+// Why a sweep would not take the name of this field for one; empty when it would.
+std::string whyRefused(const NQwFieldInfo &field) {
+  const std::string protocol = field.name + 2;
+  if (field.fieldId == 0) return "its field has the id 0";
+  if (!protocol.empty() && isdigit(static_cast<unsigned char>(protocol[0])) != 0) {
+    return "it begins with a digit";
+  }
+  if (protocol.size() > longestProtocol) return "it has more than 77 characters";
+  int sameText = 0;
+  for (_HashIter each(FieldInfoCache); each() != nullptr; each++) {
+    const char *other = static_cast<const FieldCacheEntry *>(each()->data())->info->name;
+    if (other != nullptr && strcmp_new(other, field.name) == 0) ++sameText;
+  }
+  return sameText > 1 ? "several fields have it" : "";
 }
 
-// The ids that a deletion by the field selects, in its order. Nothing for a field that it refuses.
+// The ids that a deletion by the field selects, in its order.
 std::vector<uint32_t> selectedObjects(uint32_t fieldId) {
-  const FieldCacheEntry *field = FieldInfoCache->find(fieldId);
-  if (fieldId == 0 || field == nullptr || field->info->type != Boolean) return {};
   NQwFieldValue isTrue{0, Boolean, {1}, 0};
-  NQwFieldBinding binding{fieldId, &isTrue};
-  NQwFieldBindList query{1, &binding};
-  NQwObjectIdList *list = objectsMatchingBindings(&query);
-  std::vector<uint32_t> ids(list->objectIds, list->objectIds + list->count);
-  NQwDbFreeObjectIdList(list);
-  // Under a name field a deletion looks for the one object with the name.
-  if (field->valueIndex != nullptr && ids.size() > 1) ids.erase(ids.begin() + 1, ids.end());
-  return ids;
+  const NQwFieldBinding binding{fieldId, &isTrue};
+  const ObjectIds list = takeIds(objectsWithFieldValue(&binding));
+  return {list->objectIds, list->objectIds + list->count};
 }
 
 struct Protocol {
-  std::string name;
+  const NQwFieldInfo *field;
   size_t objects;
 };
 
 std::vector<Protocol> listProtocols() {
   std::vector<Protocol> protocols;
-  for (_HashIter name(FieldNameCache); name() != nullptr; name++) {
-    const std::string text = static_cast<const char *>(name()->key());
-    const uint32_t fieldId = keyNumber(name()->data());
-    const FieldCacheEntry *field = FieldInfoCache->find(fieldId);
-    if (!text.starts_with("is") || field == nullptr || field->info->type != Boolean) continue;
-    protocols.push_back({text.substr(2), selectedObjects(fieldId).size()});
+  for (const NQwFieldInfo *field : booleanFields()) {
+    protocols.push_back({field, selectedObjects(field->fieldId).size()});
   }
   std::sort(protocols.begin(), protocols.end(), [](const Protocol &a, const Protocol &b) {
-    return a.objects != b.objects ? a.objects > b.objects : a.name < b.name;
+    if (a.objects != b.objects) return a.objects > b.objects;
+    const int order = strcmp_new(a.field->name, b.field->name);
+    return order != 0 ? order < 0 : a.field->fieldId < b.field->fieldId;
   });
   return protocols;
 }
@@ -112,35 +88,88 @@ std::set<std::string> namesOfPlatform() {
   return names;
 }
 
-ObjdbStatus printProtocols(const VersionPath &database, const std::optional<std::string> &idsOf) {
-  TableReaders tables = openAllTables(database.path());
-  const ObjdbStatus status = fillCaches(tables) ? objdbFine : objdbFindings;
-  if (idsOf) {
-    const _HashItem *field = FieldNameCache->find(const_cast<char *>(("is" + *idsOf).c_str()));
-    const uint32_t fieldId = field == nullptr ? 0 : keyNumber(field->data());
-    const FieldCacheEntry *entry = FieldInfoCache->find(fieldId);
-    if (entry == nullptr || entry->info->type != Boolean) {
-      throw CommandFailure("no Boolean field \"is" + *idsOf + "\"");
+std::string dumped(const Json &line) {
+  return line.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void printAll(bool json) {
+  std::set<std::string> unmatched = namesOfPlatform();
+  for (const Protocol &protocol : listProtocols()) {
+    const char *name = protocol.field->name + 2;
+    const std::string refused = whyRefused(*protocol.field);
+    unmatched.erase(name);
+    if (json) {
+      Json line{
+          {"protocol", name}, {"field", protocol.field->fieldId}, {"objects", protocol.objects}};
+      if (!refused.empty()) line["refused"] = refused;
+      puts(dumped(line).c_str());
+    } else {
+      printf("%8zu %s%s%s\n", protocol.objects, plainText(name).c_str(),
+             refused.empty() ? "" : ", which dbsweep refuses: ", refused.c_str());
     }
-    for (const uint32_t id : selectedObjects(fieldId)) printf("%u\n", id);
-  } else {
-    std::set<std::string> unmatched = namesOfPlatform();
-    for (const Protocol &protocol : listProtocols()) {
-      printf("%8zu %s\n", protocol.objects, protocol.name.c_str());
-      unmatched.erase(protocol.name);
-    }
-    for (const std::string &name : unmatched) printf("no field %s\n", name.c_str());
   }
-  return status;
+  for (const std::string &name : unmatched) {
+    if (json) {
+      puts(dumped({{"protocol", name}, {"field", nullptr}}).c_str());
+    } else {
+      printf("no field %s\n", plainText(name.c_str()).c_str());
+    }
+  }
+}
+
+// The field that a sweep would take for the name.
+const NQwFieldInfo *requireField(const std::string &protocol) {
+  const std::string name = "is" + protocol;
+  const NQwFieldInfo *found = nullptr;
+  int alike = 0;
+  for (const NQwFieldInfo *field : booleanFields()) {
+    if (strcoll_new(field->name, name.c_str()) != 0) continue;
+    ++alike;
+    if (found == nullptr || name == field->name) found = field;
+  }
+  if (found == nullptr) throw CommandFailure("no Boolean field \"" + name + "\"");
+  const std::string refused =
+      alike > 1 && name != found->name ? "several fields collate like it" : whyRefused(*found);
+  if (!refused.empty()) {
+    throw CommandFailure("dbsweep refuses the protocol \"" + protocol + "\": " + refused);
+  }
+  return found;
+}
+
+ObjdbStatus printProtocols(const VersionPath &database, const std::optional<std::string> &idsOf,
+                           bool json) {
+  const AskedDatabase asked(database, std::nullopt);
+  {
+    const Phase phase("reading the names");
+    loadObjectNames(asked.get());
+  }
+  {
+    const Phase phase("reading the values");
+    loadObjectValues(asked.get());
+  }
+  if (idsOf) {
+    for (const uint32_t id : selectedObjects(requireField(*idsOf)->fieldId)) {
+      if (json) {
+        puts(dumped({{"object", id}}).c_str());
+      } else {
+        printf("%u\n", id);
+      }
+    }
+  } else {
+    printAll(json);
+  }
+  return AskedDatabase::judge(objdbFine);
 }
 
 ObjdbStatus runProtocols(Options &options) {
   VersionPath database;
   std::optional<std::string> idsOf;
+  bool json = false;
   options.version(&database);
   options.text("--ids", &idsOf, "List the ids of this protocol's objects instead");
+  options.flag("--json", &json, "List them as lines of JSON");
   options.parse();
-  return printProtocols(database, idsOf);
+  return printProtocols(database, idsOf, json);
 }
 
 }  // namespace

@@ -108,7 +108,8 @@ class Members {
   size_t asked_ = 0;
 };
 
-// What XDR and the keys take: characters up to the first NUL.
+}  // namespace
+
 std::optional<std::string> textFromJson(const Json &json) {
   if (json.is_null()) return std::nullopt;
   std::string text;
@@ -122,6 +123,8 @@ std::optional<std::string> textFromJson(const Json &json) {
   if (text.find('\0') != std::string::npos) complain("text with a NUL inside");
   return text;
 }
+
+namespace {
 
 // Storage from malloc, as the records' owners release it.
 template <typename Storage>

@@ -54,6 +54,11 @@ std::string encodedRecord(size_t table, const void *record);
 // A text, null or not UTF-8 included, and the members "type" and "value" or "list" of a value, as
 // the lines have them.
 Json textToJson(const char *text);
+
+// The way back; what XDR and the keys take: characters without a NUL. Throws std::exception for
+// what is no text.
+std::optional<std::string> textFromJson(const Json &json);
+
 void addValue(Json &line, const NQwFieldValue &value);
 
 std::string toHex(std::string_view bytes);

@@ -4,7 +4,8 @@
 // 2. Its tables are copied into a work directory, which gets an id keeper if the version has none,
 //    and are compared with the version.
 // 3. The work directory becomes a version, and exchanges its name with "current". From here on the
-//    new tables are the current ones, and what they replace is a version.
+//    new tables are the current ones, and what they replace is a version. What an unfinished run
+//    has made of the tables is worth nothing: there the work directory does not become a version.
 // 4. The mark of an unfinished version goes, and then what that run had made of the tables.
 //
 // Cut short before 3, nothing has changed but that there may be a version more; cut short after it,
@@ -40,24 +41,19 @@ void refuseLink(const std::string &current) {
   }
 }
 
-// What an unfinished run had made of the tables goes; whatever else somebody has put there stays.
-bool removeReplaced(const std::string &database, Version *replaced, std::string *error) {
-  if (replaced->name.empty() || !holdsTablesAlone(replaced->directory)) return true;
-  if (!removeVersion(database, *replaced, error)) return false;
-  replaced->name.clear();
-  return true;
-}
-
 ObjdbStatus putInPlace(const std::string &database, const Version &version, WorkDirectory *work) {
   std::string error;
   Version replaced;
-  if (!makeCurrent(database, work, &replaced, &error)) {
+  // Whatever else somebody has put there stays.
+  const bool keeps = !version.unfinished || !holdsTablesAlone(pathIn(database, currentName));
+  if (!makeCurrent(database, work, keeps, &replaced, &error)) {
     throw CommandFailure(error + "; nothing was changed");
   }
-  if (error.empty() && version.unfinished && finishVersion(version, &error)) {
-    removeReplaced(database, &replaced, &error);
+  if (error.empty() && version.unfinished && finishVersion(version, &error) && !keeps &&
+      !replaced.name.empty()) {
+    removeVersion(database, replaced, &error);
   }
-  if (!replaced.name.empty()) puts(replaced.name.c_str());
+  if (keeps && !replaced.name.empty()) puts(replaced.name.c_str());
   if (error.empty()) return objdbFine;
   throw CommandFailure("the tables of \"" + version.name + "\" are in place, but: " + error);
 }

@@ -17,6 +17,7 @@
 #include "objdb/changes.h"
 #include "objdb/commands.h"
 #include "objdb/decoded_record.h"
+#include "objdb/hidden_records.h"
 #include "objdb/options.h"
 #include "objdb/table_reader.h"
 #include "objdb/table_writer.h"
@@ -33,6 +34,7 @@ namespace fs = std::filesystem;
 using Records = std::map<std::string, std::string>;
 
 constexpr char recoveryName[] = "recovery";
+constexpr int32_t mostConstants = 2000;  // of an enumeration that can be stored
 
 // What happened to the records of a table. The second part was lost by it.
 struct Account {
@@ -40,6 +42,8 @@ struct Account {
   uint64_t read = 0;
   uint64_t moved = 0;    // to the key or the table where they belong
   uint64_t rebuilt = 0;  // made anew from other tables
+  uint64_t hidden = 0;   // of those read: in blocks that nothing leads to
+  bool damaged = false;  // in its structure: what was hidden may not all have been found
 
   uint64_t undecodable = 0;
   uint64_t unknownField = 0;
@@ -51,11 +55,19 @@ struct Account {
 
   uint64_t unread() const { return counted.value_or(0) > read ? *counted - read : 0; }
   // Whether records may be missing, so that other tables may have to fill in for them.
-  bool isIncomplete() const { return !counted || unread() != 0 || undecodable != 0; }
+  bool isIncomplete() const { return !counted || unread() != 0 || undecodable != 0 || damaged; }
   bool hasLoss() const {
     return isIncomplete() ||
            unknownField + unknownType + wrongType + displaced + cut + renamed != 0;
   }
+};
+
+// What became of a record that is not as it was, with the ids that are known of it.
+struct Loss {
+  const char *what;
+  std::optional<uint32_t> object;
+  std::optional<uint32_t> field;
+  std::string key;
 };
 
 struct Definition {
@@ -109,7 +121,7 @@ class Salvage {
   }
 
   // Says what was lost; true when anything was.
-  bool report() const {
+  bool report(bool json) const {
     bool lost = false;
     for (size_t table = 0; table < tableCount; ++table) {
       const Account &account = accounts_[table];
@@ -123,6 +135,8 @@ class Salvage {
         text =
             std::to_string(account.read) + " records read of " + std::to_string(*account.counted);
       }
+      if (account.damaged) text += (text.empty() ? "" : ", ") + std::string("damaged structure");
+      add(account.hidden, " found where nothing leads to");
       add(account.undecodable, " cannot be decoded");
       add(account.unknownType, " of an unknown type left out");
       add(account.unknownField, " of unknown fields left out");
@@ -133,12 +147,49 @@ class Salvage {
       add(account.moved, " moved to where they belong");
       add(account.rebuilt, " made anew");
       if (!text.empty()) fprintf(stderr, "objdb: %s: %s\n", tableFormats[table].name, text.c_str());
+      if (table == nameInfo) continue;  // which is made anew from what is left
+      for (const Loss &loss : losses_[table]) print(table, loss, json);
       lost = lost || (table != nameInfo && account.hasLoss());
     }
     return lost;
   }
 
  private:
+  // One line for each record: as JSON for scripts, else among the messages.
+  static void print(size_t table, const Loss &loss, bool json) {
+    Json line{{"lost", loss.what}, {"table", tableFormats[table].name}};
+    if (loss.object) line["object"] = *loss.object;
+    if (loss.field) line["field"] = *loss.field;
+    if (!loss.key.empty()) line["key"] = toHex(loss.key.substr(0, 300));
+    const std::string text = line.dump();
+    if (json) {
+      puts(text.c_str());
+    } else {
+      fprintf(stderr, "objdb: lost: %s\n", text.c_str());
+    }
+  }
+
+  void lose(size_t table, const char *what, const DecodedRecord &record) {
+    const bool hasObject = table == objInfo || table == valueInfo || table == nameInfo;
+    losses_[table].push_back(
+        {what, hasObject ? std::optional(record.objectId) : std::nullopt, record.fieldId, ""});
+  }
+
+  // The key tells the ids where the record does not.
+  void loseByKey(size_t table, const char *what, const std::string &key) {
+    Loss loss{what, {}, {}, key};
+    uint32_t words[2] = {};
+    const size_t length = key.copy(reinterpret_cast<char *>(words), sizeof words);
+    const bool hasObject = table == objInfo || table == valueInfo;
+    if (hasObject && length == sizeof words) {
+      loss.object = words[0];
+      loss.field = words[1];
+    } else if (!hasObject && table != idKeeper && length >= sizeof words[0]) {
+      loss.field = words[0];
+    }
+    losses_[table].push_back(loss);
+  }
+
   struct Stray {
     std::string key;
     std::string bytes;
@@ -161,7 +212,9 @@ class Salvage {
       ++readTables_;
       take(table, *reader, &undecodable, &strays);
       account.counted = reader->counted();
+      account.damaged = !reader->structure().isSound();
       if (!reader->isComplete() || reader->needsRecovery()) {
+        takeHidden(table, reader->fd(), &undecodable);
         const auto copy = openRecovered(source_ + "/" + name + ".pag", directory);
         if (copy != nullptr) take(table, *copy, &undecodable, &strays);
         removeRecovery(directory);
@@ -172,10 +225,15 @@ class Salvage {
       const auto [place, isNew] = records_[table].try_emplace(stray.key, stray.bytes);
       if (isNew) ++account.moved;
       if (isNew && stray.isCut) ++account.cut;
-      if (!isNew && place->second != stray.bytes) ++account.displaced;
+      if (!isNew && place->second != stray.bytes) {
+        ++account.displaced;
+        loseByKey(table, "another record has its place", stray.key);
+      }
     }
     for (const std::string &key : undecodable) {
-      if (!records_[table].contains(key)) ++account.undecodable;
+      if (records_[table].contains(key)) continue;
+      ++account.undecodable;
+      loseByKey(table, "cannot be decoded", key);
     }
     account.read = inPlace + account.moved + account.displaced + account.undecodable;
   }
@@ -189,14 +247,29 @@ class Salvage {
         undecodable->emplace(raw.key);
         continue;
       }
+      const bool isCut = record.isCut || record.encodedBytes() < raw.bytes.size();
       const std::string key(record.properKey());
-      std::string bytes(record.isCut ? record.encoding() : raw.bytes);
+      std::string bytes(isCut ? record.encoding() : raw.bytes);
       if (key != raw.key) {
-        strays->push_back({key, std::move(bytes), record.isCut});
-      } else if (records_[table].try_emplace(key, std::move(bytes)).second && record.isCut) {
+        strays->push_back({key, std::move(bytes), isCut});
+      } else if (records_[table].try_emplace(key, std::move(bytes)).second && isCut) {
         ++accounts_[table].cut;
+        lose(table, "what is after its end or a NUL", record);
       }
     }
+  }
+
+  // A record that was read otherwise is younger than one that nothing leads to.
+  void takeHidden(size_t table, int fd, std::set<std::string> *undecodable) {
+    forEachHiddenRecord(fd, [&](const std::string &rawKey, const std::string &rawBytes) {
+      DecodedRecord record(table, rawBytes);
+      if (!record) {
+        undecodable->insert(rawKey);
+      } else if (record.properKey() == rawKey && !record.isCut &&
+                 records_[table].try_emplace(rawKey, rawBytes).second) {
+        ++accounts_[table].hidden;
+      }
+    });
   }
 
   // A copy of the file as the library recovers it; null when it cannot.
@@ -237,8 +310,10 @@ class Salvage {
       const bool isKnown = record.type >= Integer && record.type <= Enumeration;
       if (isKnown) {
         definitions_[record.fieldId] = {record.type, record.flags};
+        makeNameUnique(record, &at->second);
       } else {
         ++account.unknownType;
+        lose(fieldInfo, "is of no type", record);
       }
       at = isKnown ? std::next(at) : records.erase(at);
     }
@@ -257,6 +332,21 @@ class Salvage {
       }
     }
     account.rebuilt = records.size() + account.unknownType - found;
+  }
+
+  // One field for each name: of several the one with the lowest key keeps it.
+  void makeNameUnique(const DecodedRecord &record, std::string *bytes) {
+    const NQwFieldInfo &field = *static_cast<const dbFieldInfo *>(record.get())->fieldInfo;
+    if (field.name == nullptr || fieldNames_.insert(field.name).second) return;
+    const std::string addition = "#" + std::to_string(field.fieldId);
+    std::string name = std::string(field.name).substr(0, longestString - addition.size());
+    name += addition;
+    fieldNames_.insert(name);
+    NQwFieldInfo renamed{field.fieldId, name.data(), field.type, field.flags};
+    const dbFieldInfo definition{&renamed};
+    *bytes = encodedRecord(fieldInfo, &definition);
+    ++accounts_[fieldInfo].renamed;
+    lose(fieldInfo, "its name, which another field has", record);
   }
 
   void takePredefined(const std::string &directory) {
@@ -287,8 +377,10 @@ class Salvage {
     const auto definition = definitions_.find(record.fieldId);
     if (definition == definitions_.end()) {
       ++accounts_[table].unknownField;
+      lose(table, "no definition has its field", record);
     } else if (definition->second.type != record.type) {
       ++accounts_[table].wrongType;
+      lose(table, "is not of its field's type", record);
     } else {
       return true;
     }
@@ -310,6 +402,7 @@ class Salvage {
                      : encodedValue(record.objectId, record.fieldId, record.name);
           const bool isNew = records_[other].try_emplace(at->first, bytes).second;
           ++(isNew ? accounts_[table].moved : accounts_[table].displaced);
+          if (!isNew) lose(table, "another record has its place", record);
         }
         at = stays ? std::next(at) : records_[table].erase(at);
       }
@@ -363,6 +456,7 @@ class Salvage {
         if (!owners.try_emplace(nameInIndex, objectId).second) continue;
         bytes = encodedName(objectId, fieldId, other);
         ++accounts_[objInfo].renamed;
+        losses_[objInfo].push_back({"its name, which another object has", objectId, fieldId, ""});
       }
       const auto known = records_[nameInfo].find(nameInIndex);
       if (known == records_[nameInfo].end() || known->second != bytes) {
@@ -373,10 +467,65 @@ class Salvage {
     records_[nameInfo] = std::move(index);
   }
 
+  // A constant for every number that a value has, as far as an enumeration may have so many.
   void mendConstants() {
     std::erase_if(records_[enumInfo], [this](const auto &each) {
       return !hasField(enumInfo, DecodedRecord(enumInfo, each.second));
     });
+    std::map<uint32_t, uint32_t> needed;
+    for (auto at = records_[valueInfo].begin(); at != records_[valueInfo].end();) {
+      const DecodedRecord record(valueInfo, at->second);
+      const bool fits = record.type != Enumeration || noteConstants(record, &needed);
+      if (!fits) {
+        ++accounts_[valueInfo].wrongType;
+        lose(valueInfo, "no enumeration has its number", record);
+      }
+      at = fits ? std::next(at) : records_[valueInfo].erase(at);
+    }
+    for (const auto &[fieldId, count] : needed) addConstants(fieldId, count);
+  }
+
+  // How many constants the field of the value needs. False when it cannot have so many.
+  static bool noteConstants(const DecodedRecord &record, std::map<uint32_t, uint32_t> *needed) {
+    const NQwFieldValue &value = *static_cast<const dbObjectValue *>(record.get())->value;
+    std::vector<int32_t> numbers;
+    if (value.isList == 0) {
+      numbers.push_back(value.value.number);
+    } else {
+      for (uint32_t i = 0; i < value.value.list->count; ++i) {
+        numbers.push_back(value.value.list->entries[i].value.number);
+      }
+    }
+    uint32_t most = 0;
+    for (const int32_t number : numbers) {
+      if (number < 0 || number >= mostConstants) return false;
+      most = std::max(most, static_cast<uint32_t>(number) + 1);
+    }
+    if (most == 0) return true;
+    uint32_t &count = (*needed)[record.fieldId];
+    count = std::max(count, most);
+    return true;
+  }
+
+  void addConstants(uint32_t fieldId, uint32_t count) {
+    std::string &bytes = records_[enumInfo][keyOf({fieldId})];
+    std::vector<std::string> names;
+    if (!bytes.empty()) {
+      const DecodedRecord record(enumInfo, bytes);
+      const enumConstants *known = static_cast<const dbEnumConstants *>(record.get())->constants;
+      names.assign(known->names, known->names + known->count);
+      if (names.size() >= count) return;
+    }
+    while (names.size() < count) {
+      names.push_back("recovered constant " + std::to_string(names.size()));
+    }
+    std::vector<char *> pointers;
+    pointers.reserve(names.size());
+    for (std::string &name : names) pointers.push_back(name.data());
+    enumConstants constants{static_cast<uint32_t>(pointers.size()), pointers.data()};
+    const dbEnumConstants record{fieldId, &constants};
+    bytes = encodedRecord(enumInfo, &record);
+    ++accounts_[enumInfo].rebuilt;
   }
 
   // The counter is above every id, as far as there are numbers.
@@ -397,13 +546,14 @@ class Salvage {
   int readTables_ = 0;
   std::array<Records, tableCount> records_;
   std::array<Account, tableCount> accounts_;
+  std::array<std::vector<Loss>, tableCount> losses_;
+  std::set<std::string> fieldNames_;
   std::map<uint32_t, Definition> definitions_;
 };
 
-ObjdbStatus salvageDatabase(const std::string &directory, const std::string &name) {
-  const auto fail = [](const std::string &why) {
-    fprintf(stderr, "objdb: %s; nothing was changed\n", why.c_str());
-    return objdbFailed;
+ObjdbStatus salvageVersion(const std::string &directory, const std::string &name, bool json) {
+  const auto fail = [](const std::string &why) -> ObjdbStatus {
+    throw CommandFailure(why + "; nothing was changed");
   };
   const std::string source = directory + "/" + name;
   if (name.find('/') != std::string::npos || access(source.c_str(), F_OK) != 0) {
@@ -419,16 +569,18 @@ ObjdbStatus salvageDatabase(const std::string &directory, const std::string &nam
     return salvage.fill(work->path(), why);
   };
   if (!makeVersion(directory, fill, &made, &error)) return fail(error);
-  printf("%s\n", made.name.c_str());
-  return salvage.report() ? objdbFindings : objdbFine;
+  puts(json ? Json{{"version", made.name}}.dump().c_str() : made.name.c_str());
+  return salvage.report(json) ? objdbFindings : objdbFine;
 }
 
 ObjdbStatus runSalvage(Options &options) {
   VersionPath database;
   options.directory(&database);
   options.argument("VERSION", &database.name, "The version, or \"current\"");
+  bool json = false;
+  options.flag("--json", &json, "Write the version and what was lost as lines of JSON");
   options.parse();
-  return salvageDatabase(database.directory, database.name);
+  return salvageVersion(database.directory, database.name, json);
 }
 
 }  // namespace

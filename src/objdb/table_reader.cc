@@ -14,6 +14,7 @@
 
 #include "platform/descriptor.h"
 #include "platform/files.h"
+#include "platform/out_of_memory.h"
 #include "platform/table_lock.h"
 
 namespace {
@@ -82,6 +83,11 @@ bool countAfresh(int fd, gdbm_count_t *records) {
   const bool counted = gdbm_count(file, records) == 0;
   gdbm_close(file);
   return counted;
+}
+
+// The library tells it like any other reason, and a sound table would look damaged.
+void failIfOutOfMemory() {
+  if (gdbm_errno == GDBM_MALLOC_ERROR) failForWantOfMemory();
 }
 
 class Datum {
@@ -167,7 +173,10 @@ std::unique_ptr<TableReader> TableReader::openNamed(const std::string &directory
   TableStructure structure = readStructure(fd.get());
   constexpr int flags = GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR;
   GDBM_FILE file = gdbm_fd_open(fd.release(), pages.c_str(), 0, flags, nullptr);
-  if (file == nullptr) return fail(pages, whyNotOpened(head), OpenFailure::damaged);
+  if (file == nullptr) {
+    failIfOutOfMemory();
+    return fail(pages, whyNotOpened(head), OpenFailure::damaged);
+  }
   auto state = std::make_unique<State>(file);
   constexpr uint64_t bytesPerRecord = 24;  // at least: its place in a bucket
   state->mostRecords = static_cast<uint64_t>(status.st_size) / bytesPerRecord;
@@ -194,9 +203,11 @@ bool TableReader::next(DbmRecord *record) {
     ++read_;
     phase_->count();
     state.bytes.take(gdbm_fetch(state.file, state.key.get()));
+    if (state.bytes.get().dptr == nullptr) failIfOutOfMemory();
     *record = {state.key.view(), state.bytes.view()};
     return true;
   }
+  failIfOutOfMemory();
   state.ended = true;
   phase_.reset();
   failed_ = state.key.get().dptr != nullptr || gdbm_errno != GDBM_ITEM_NOT_FOUND;
@@ -207,12 +218,14 @@ bool TableReader::next(DbmRecord *record) {
 std::optional<uint64_t> TableReader::count() const {
   gdbm_count_t counted = 0;
   if (gdbm_count(state_->file, &counted) == 0 || countAfresh(fd(), &counted)) return counted;
+  failIfOutOfMemory();
   return std::nullopt;
 }
 
 std::string_view TableReader::fetch(std::string_view key) {
   state_->fetched.take(
       gdbm_fetch(state_->file, {const_cast<char *>(key.data()), static_cast<int>(key.size())}));
+  if (state_->fetched.get().dptr == nullptr) failIfOutOfMemory();
   return state_->fetched.view();
 }
 

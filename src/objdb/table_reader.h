@@ -76,7 +76,8 @@ class TableReader {
   // table recovered.
   uint64_t recordsRead() const { return read_; }
   std::optional<uint64_t> counted() const { return counted_; }
-  bool isComplete() const { return !failed_ && counted_ == read_ && structure().isSound(); }
+  bool isReadToEnd() const { return !failed_ && counted_ == read_; }
+  bool isComplete() const { return isReadToEnd() && structure().isSound(); }
   bool needsRecovery() const;
 
  private:

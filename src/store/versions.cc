@@ -177,7 +177,7 @@ bool finishVersion(const Version &version, std::string *error) {
   return syncDirectory(version.directory) == 0 || failAttempt("sync", version.directory, error);
 }
 
-bool makeCurrent(const std::string &database, WorkDirectory *work, Version *before,
+bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, Version *before,
                  std::string *error) {
   *before = {};
   const std::string current = pathIn(database, currentName);
@@ -189,13 +189,16 @@ bool makeCurrent(const std::string &database, WorkDirectory *work, Version *befo
     return work->publish(currentName, like, error);
   }
   Version fresh{};
-  if (!publishByTime(work, database, &fresh, error)) return false;
-  if (!work->exchange(currentName, error)) {
-    std::string ignored;
-    work->retract(&ignored);
+  if (keeps ? !publishByTime(work, database, &fresh, error) : !work->prepare(like, error)) {
     return false;
   }
-  *before = fresh;
+  const std::string exchanged = work->name();
+  if (!work->exchange(currentName, error)) {
+    std::string ignored;
+    if (keeps) work->retract(&ignored);
+    return false;
+  }
+  *before = {exchanged, pathIn(database, exchanged), false};
   error->clear();  // names that were taken
   if (syncDirectory(database) != 0) failAttempt("sync", database, error);
   return true;

@@ -66,11 +66,12 @@ bool copyTables(WorkDirectory *work, const std::string &from,
 // Takes the mark away; the version stays as an archived one.
 bool finishVersion(const Version &version, std::string *error);
 
-// Makes the work directory's tables those of "current", at once: it becomes a version first, and
-// then the two exchange their names, so that "current" is always there and whole, and what it was
-// is a version, *before, from then on. Where there is no "current", it takes that name, and
+// Makes the work directory's tables those of "current", at once: the two exchange their names, so
+// that "current" is always there and whole. If what it was is to be kept, the work directory
+// becomes a version before that, so that its name is one, *before, from then on; otherwise *before
+// is where to remove it from. Where there is no "current", the work directory takes that name, and
 // *before has none. True once "current" is the new one, though *error says what failed after that.
-bool makeCurrent(const std::string &database, WorkDirectory *work, Version *before,
+bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, Version *before,
                  std::string *error);
 
 // Removes a version with its files. False, and nothing is changed, when something else is in it.

@@ -180,6 +180,12 @@ bool WorkDirectory::retract(std::string *error) {
   return true;
 }
 
+bool WorkDirectory::prepare(const struct stat &like, std::string *error) {
+  [[maybe_unused]] const int owned = fchown(fd(), like.st_uid, like.st_gid);
+  return (fchmod(fd(), like.st_mode & 07777) == 0 && fsync(fd()) == 0) ||
+         failAttempt("sync", name_, error);
+}
+
 bool WorkDirectory::exchange(const std::string &name, std::string *error) {
   struct stat other {};
   // The names of what is no directory are not exchanged: a link leads to files that are elsewhere.
@@ -195,6 +201,7 @@ bool WorkDirectory::exchange(const std::string &name, std::string *error) {
     return failAttempt("exchange", name, error);
   }
   name_ = name;
+  published_ = true;
   return true;
 }
 

@@ -50,7 +50,11 @@ class WorkDirectory {
   // The same where a directory without entries may stand, whose place it takes.
   bool publishOver(const std::string &name, const struct stat &like, std::string *error);
 
-  // Exchanges the names of this published directory and of another one, at once.
+  // Gives it the owner, group and mode of the directory `like`, for an exchange of names, with what
+  // is in it on the disk.
+  bool prepare(const struct stat &like, std::string *error);
+
+  // Exchanges the names of this directory and of another one, at once.
   bool exchange(const std::string &name, std::string *error);
 
   // Takes a published directory's name away again; the destructor will remove it.

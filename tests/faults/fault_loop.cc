@@ -408,7 +408,7 @@ void faultEverywhere(const Command &wanted, const Fault &fault) {
   long points = 0;
   const Outcome clean = runWithFault(command, fault, 0, &points);
   ASSERT_EQ(clean.status, 0) << clean.err;
-  ASSERT_GT(points, 20) << "not the calls of such a run";
+  ASSERT_GT(points, 10) << "not the calls of such a run";
   const Versions after = versionsNow();
   // Beyond the last point the power fails after the end.
   const std::vector<long> tried = pointsToTry(points + (fault.how.starts_with("forget") ? 1 : 0));
@@ -442,7 +442,7 @@ void letInEverywhere(const Command &first, const Command &second, const JudgeTwo
   long points = 0;
   const Outcome clean = runWithFault(command, stop, 0, &points);
   ASSERT_EQ(clean.status, 0) << clean.err;
-  ASSERT_GT(points, 20) << "not the calls of such a run";
+  ASSERT_GT(points, 10) << "not the calls of such a run";
   const Versions after = versionsNow();
   const std::vector<long> tried = pointsToTry(points);
   for (const long at : tried) {
