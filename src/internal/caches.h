@@ -67,7 +67,8 @@ class FieldTable : public _Hash {
 
   void insert(FieldCacheEntry *entry);
   FieldCacheEntry *find(uint32_t fieldId) const;  // null when absent
-  void remove(uint32_t fieldId);                  // the entry stays the caller's
+  // The entry becomes the caller's. For programs that take definitions away, which none here does.
+  void remove(uint32_t fieldId);
 };
 
 // Made in one piece with its id and its list by newCachedObject, or elsewhere of three: entry and
@@ -141,19 +142,21 @@ extern FieldTable *FieldInfoCache;    // the field definitions and their values
 extern FieldNameTbl *FieldNameCache;  // field name to field id
 extern _Hash *enumconstantstable;     // field id to enumConstants, which the table owns
 
-// Twins for an archived version. SFieldInfoCache is created empty with FieldInfoCache; the others
-// stay null.
+// Twins for an archived version, which other programs that link this room may fill. Here
+// SFieldInfoCache is created empty with FieldInfoCache, the others stay null, and nothing reads
+// them.
 extern ObjTable *SObjValCache;
 extern FieldTable *SFieldInfoCache;
 extern FieldNameTbl *SFieldNameCache;
 extern _Hash *Senumconstantstable;
-extern int32_t cache_snapshots;  // whether archived versions are cached: 0
+extern int32_t cache_snapshots;  // whether archived versions are cached: 0 here
 
 extern uint32_t max_objects_cached;  // 0: no limit
 extern uint8_t cache_overflow;       // 1: objects were left out, queries have to read the tables
 extern uint32_t objcount;            // objects that the limited loader has admitted
 
-// Ids of the fields "NQW Maps Managed" and "NQW Maps Exists"; 0 where the database lacks them.
+// Ids of the fields "NQW Maps Managed" and "NQW Maps Exists"; 0 where the database lacks them. Kept
+// for programs that ask for them; nothing here does.
 extern uint32_t mapsManagedFldId;
 extern uint32_t mapsExistsFldId;
 

@@ -35,5 +35,5 @@ int encodeDbEnumConstants(const void *record, const char **bytes, size_t *length
 // The record must not be null.
 void freeDbFieldInfo(dbFieldInfo *record);
 void freeDbObjectValue(dbObjectValue *record);
-void freeDbObjectValueOld(dbObjectValue *record);
+void freeDbObjectValueOld(dbObjectValue *record);  // the same: both formats decode alike
 void freeEnumConstants(enumConstants *constants);

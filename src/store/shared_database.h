@@ -6,6 +6,7 @@
 #include "store/database.h"
 
 // Non-zero: the next nqwDbGetDb(0) reads the field list of its open handle again and clears it.
+// For programs that define fields while it is open.
 extern int update_fcache;
 
 // The shared handle of a version, with its field list; null when it cannot be had. Version 0 is
