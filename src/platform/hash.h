@@ -53,7 +53,7 @@ class _Hash {
 
  protected:
   virtual uint32_t hash(const void *key) const;
-  virtual int keyCmp(const void *a, const void *b) const;  // 0 when equal
+  virtual int keyCmp(const void *a, const void *b) const;   // 0 when equal
   virtual int dataCmp(const void *a, const void *b) const;  // a slot that the table never calls
 
  private:

@@ -30,8 +30,8 @@ struct ObjectDatabase {
 // One of the six by its place in tables.h.
 NQ_dbm_db *&tableOf(ObjectDatabase *db, size_t table);
 
-// Bytes that bulk access may hold back; read when a handle is built. All ones: no bound. Only handed
-// on: the table layer has no use for it (dbm_table.h).
+// Bytes that bulk access may hold back; read when a handle is built. All ones: no bound. Only
+// handed on: the table layer has no use for it (dbm_table.h).
 extern uint32_t ndbm_buffersize;
 
 // Open all six tables of a version for reading and writing, in the current or in the old data
