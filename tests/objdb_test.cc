@@ -234,6 +234,9 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
       {"rm -r current; objdb restore $V", 0, "", 1},
       {"rm $V/id_keeper.*; objdb restore $V; objdb dump --table id_keeper", 0,
        "\"counter\":4294967295}", 2, true},
+      {"rm $V/id_keeper.*; objdb dump --version $V | objdb load --dir /usr/NQ/other; objdb diff $V "
+       "/usr/NQ/other/current; objdb diff $V current",
+       1, "+ {\"table\":\"id_keeper\",\"counter\":5000}", 1},
       {"mv current x; ln -s x current; objdb restore $V", 2,
        "current\" is no directory; nothing was", 2},
       {"touch $V/unfinished; mkdir current/sub; objdb restore $V; ls */", 0, "sub", 2},

@@ -21,11 +21,12 @@ struct Difference {
 };
 
 // Adds the records of a table that the other version has not, or not with the same bytes.
-bool addMissing(TableReader &here, TableReader &there, size_t table, bool isNew,
+bool addMissing(TableReader *here, TableReader *there, size_t table, bool isNew,
                 std::vector<Difference> *differences) {
+  if (here == nullptr) return true;  // an archive of the platform's, without an id keeper
   DbmRecord record;
-  while (here.next(&record)) {
-    const std::string_view other = there.fetch(record.key);
+  while (here->next(&record)) {
+    const std::string_view other = there == nullptr ? std::string_view() : there->fetch(record.key);
     const bool isInBoth = record.bytes.data() != nullptr && other.data() != nullptr;
     if (isInBoth && other == record.bytes) continue;
     std::optional<Json> line;
@@ -38,7 +39,7 @@ bool addMissing(TableReader &here, TableReader &there, size_t table, bool isNew,
     differences->push_back({line->value("object", int64_t{-1}), line->value("field", int64_t{-1}),
                             table, isNew, line->dump()});
   }
-  if (here.isComplete()) return true;
+  if (here->isComplete()) return true;
   fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", tableFormats[table].name);
   return false;
 }
@@ -52,8 +53,8 @@ ObjdbStatus diffVersions(const std::string &directory, const std::string &before
   const TableReaders current = openAllTables(pathOf(after));
   std::vector<Difference> differences;
   for (size_t table = 0; table < tableCount; ++table) {
-    TableReader &was = *old[table];
-    TableReader &is = *current[table];
+    TableReader *was = old[table].get();
+    TableReader *is = current[table].get();
     if (!addMissing(was, is, table, false, &differences) ||
         !addMissing(is, was, table, true, &differences)) {
       return objdbFailed;

@@ -162,6 +162,7 @@ ObjdbStatus dumpDatabase(const VersionPath &database, const DumpChoice &choice) 
   Redaction redaction;
   if (filter.takesAll()) puts(headerLine().dump().c_str());
   for (size_t table = 0; table < tableCount; ++table) {
+    if (tables[table] == nullptr) continue;
     if (filter.takesTable(table) && !dumpTable(tables[table].get(), table, filter,
                                                choice.redacted ? &redaction : nullptr, census)) {
       return objdbFailed;

@@ -250,6 +250,17 @@ TableReaders openTables(const std::string &directory, TableReader::Demand demand
   return tables;
 }
 
+namespace {
+
+// The platform's own archives have none, nor need they one.
+bool hasNoIdKeeper(const std::string &directory) {
+  return access(tablePath(directory, idKeeper, pageSuffix).c_str(), F_OK) != 0 &&
+         access(tablePath(directory, idKeeper, directorySuffix).c_str(), F_OK) != 0 &&
+         access(tablePath(directory, fieldInfo, pageSuffix).c_str(), F_OK) == 0;
+}
+
+}  // namespace
+
 TableReaders openAllTables(const std::string &directory) {
   OpenFailures failures;
   TableReaders tables = openTables(directory, TableReader::Demand::lockedTable, &failures);
@@ -257,6 +268,7 @@ TableReaders openAllTables(const std::string &directory) {
   for (size_t table = 0; table < tableCount; ++table) {
     const OpenFailure &failure = failures[table];
     if (tables[table] != nullptr) continue;
+    if (table == idKeeper && hasNoIdKeeper(directory)) continue;
     if (failure.kind == OpenFailure::inUse) throw failure.asFailure();
     if (different.empty() || different.back()->reason != failure.reason) {
       different.push_back(&failure);
