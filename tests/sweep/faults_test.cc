@@ -30,7 +30,7 @@ Command dbsweep(const std::string &label, std::vector<std::string> arguments) {
 std::vector<Command> commands() {
   return {dbsweep("protocol", {"-p", "QRT Session"}), dbsweep("migrate", {"-m"}),
           dbsweep("protocolAndIds", {"-p", "QRT Session", "-d", "1 5"}),
-          dbsweep("migrateAndIds", {"-m", "-d", "1 5"})};
+          dbsweep("migrateAndIds", {"-m", "-d", "1 5"}), dbsweep("ids", {"-d", "2 4 6"})};
 }
 
 class Faults : public PlatformTest {
@@ -58,15 +58,10 @@ class Faults : public PlatformTest {
   Lines before;
 };
 
-// What has no cure yet.
-const std::vector<std::string> uncured = {"_error", "_errorsFromThenOn", "_noMemoryFromThenOn",
-                                          "AndIds_noSpace"};
-
 class EveryFault : public Faults, public testing::WithParamInterface<std::tuple<Command, Fault>> {};
 
 TEST_P(EveryFault, LosesNothing) {
   const auto &[command, fault] = GetParam();
-  if (isOneOf(uncured, command, fault)) GTEST_SKIP() << "has no cure yet";
   faultEverywhere(command, fault);
 }
 
