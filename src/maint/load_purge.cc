@@ -24,7 +24,7 @@
 #include "platform/report.h"
 #include "store/directory.h"
 #include "store/shared_database.h"
-#include "store/tables.h"
+#include "store/versions.h"
 
 FILE *tfp = nullptr;
 
@@ -191,6 +191,9 @@ void deleteListedInPlace() {
   deleteListed(deleteObjectInPlace);
   const RecordCounts expected = expectedRecords(runDb, before);
   outcome.unsynced = !syncTables(runDb);
+  // Until the mark is gone the tables stay locked, or another run would take this one for dead.
+  std::string ignored;
+  const auto locks = lockVersion(dbPath(nullptr, nullptr), &ignored);
   closeRunDb();
   outcome.incomplete = !areComplete(dbPath(nullptr, nullptr), expected);
   settleKeptTables();

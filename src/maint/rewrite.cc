@@ -53,7 +53,7 @@ bool removeFile(const char *directory, const char *name) {
   return gone;
 }
 
-// Set by the removal and used by the rewrite: keeps other processes out while no handle is open.
+// Keeps other processes out while no handle is open.
 std::shared_ptr<VersionLock> heldLocks;
 
 // Values of objects that remain and that the new tables will not have as they were read.
@@ -105,6 +105,7 @@ void removeCurrentFiles() {
 }
 
 void rewriteDatabase(int migrate) {
+  std::string ignored;
   directoryFailure = endUnopened;
   runDb = open_nqwdb_ndbm(0);
   heldLocks.reset();
@@ -115,8 +116,11 @@ void rewriteDatabase(int migrate) {
   stopBuffering(runDb);
   const RecordCounts expected = expectedRecords(runDb, before);
   outcome.unsynced = !syncTables(runDb);
+  // Until the mark is gone the tables stay locked, or another run would take this one for dead.
+  heldLocks = lockVersion(currentDirectory(), &ignored);
   closeRunDb();
   outcome.incomplete = !areComplete(currentDirectory(), expected);
   settleKeptTables();
+  heldLocks.reset();
   if (migrate != 0) recordMigration();
 }

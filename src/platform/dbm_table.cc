@@ -36,7 +36,7 @@ struct DbmTable {
   uint64_t unreached = 0;  // that it has not, once it has ended
   bool lookFailed = false;
   int64_t added = 0;
-  bool buffering = false;
+  int buffering = 0;  // brackets that are open, one in the other
   TableGrowth growth;
   HeldDeletions deletions{hashOf};
   bool failed = false;  // something that was held back or reserved could not be settled
@@ -165,7 +165,7 @@ void trimReserved(DbmTable *table) {
 template <typename Change>
 int changeTable(DbmTable *table, size_t bytes, Change change) {
   forgetErrors();
-  const bool longer = table->buffering && table->growth.reserve(dbm_pagfno(table->dbm), bytes);
+  const bool longer = table->buffering > 0 && table->growth.reserve(dbm_pagfno(table->dbm), bytes);
   if (longer) mapFile(table, 0);
   const int result = change();
   const int error = errno;
@@ -330,7 +330,7 @@ int _NQ_dbm_db_store(NQ_dbm_db *db, const void *key, size_t keyLength, const voi
 
 int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength) {
   const std::string_view bytes(static_cast<const char *>(key), keyLength);
-  if (!db->table->buffering) return deleteKey(db->table, bytes);
+  if (db->table->buffering == 0) return deleteKey(db->table, bytes);
   db->table->deletions.add(bytes);
   return 0;
 }
@@ -338,7 +338,12 @@ int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength) {
 bool _NQ_dbm_db_count(NQ_dbm_db *db, uint64_t *records) {
   const TableStructure structure = readStructure(dbm_pagfno(db->table->dbm));
   *records = structure.records;
-  return isSound(db->table, structure);
+  forgetErrors();
+  if (gdbm_needs_recovery(db->table->dbm->file) == 0) return isSound(db->table, structure);
+  // Its file is longer than its header says, for one, and the library gives no record out.
+  gdbm_errno = GDBM_NEED_RECOVERY;
+  reportFailure(db->table, "read");
+  return false;
 }
 
 bool _NQ_dbm_db_check_space(NQ_dbm_db *db) {
@@ -430,13 +435,16 @@ NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db) {
 
 void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t) {
   DbmTable *table = db->table;
-  table->buffering = true;
-  if (!table->growth.wasTrimmed()) mapFile(table, 1);
+  if (table->buffering++ == 0 && !table->growth.wasTrimmed()) mapFile(table, 1);
 }
 
 void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db) {
+  if (db->table->buffering > 1) {
+    --db->table->buffering;
+    return;
+  }
   settleDeletions(db->table);
-  db->table->buffering = false;
+  db->table->buffering = 0;
   trimReserved(db->table);
   mapFile(db->table, 0);
 }

@@ -109,7 +109,8 @@ bool _NQ_dbm_db_check_space(NQ_dbm_db *db);
 // How many records the table has gained through this handle: new keys stored less keys deleted.
 int64_t _NQ_dbm_db_added(const NQ_dbm_db *db);
 
-// Brackets bulk access; after stop all changes are in the files. The count, which would bound what
+// Brackets bulk access, also one bracket in another; after the last stop all changes are in the
+// files. The count, which would bound what
 // may be held back in memory, has no effect: stores are never held back, and deletions have to be.
 //
 // While buffering, the file grows in advance (table_growth.h), and keys that are deleted are held

@@ -1,0 +1,204 @@
+// What a run says and keeps when it cannot do all of its work, or when it is not alone with its
+// tables.
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "sweep/sweep_runs.h"
+
+namespace {
+
+const std::string isTrue = R"("type":"Boolean","value":true)";
+
+// A value record of object 7 and field 24, as its bytes.
+std::string rawValue(const std::string &hex) {
+  return valueLine(
+      7, 24,
+      R"("type":"Integer","value":1,"bytes":"00000001000000070000000100000018)" + hex + "\"");
+}
+
+const Lines network =
+    emptyNetwork() + nameLines(7, 10, "gw1") + nameLines(8, 10, "gw2") +
+    Lines{valueLine(7, 22, R"("type":"Integer","value":5)"), valueLine(8, 20, isTrue)};
+
+class WayBack : public PlatformTest {
+ protected:
+  // Every line that has the text, in the order of a dump.
+  static Lines linesWith(const std::string &text) {
+    Lines found;
+    for (const std::string &line : dump()) {
+      if (line.find(text) != line.npos) found.push_back(line);
+    }
+    return found;
+  }
+};
+
+TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
+  const struct {
+    Lines more;
+    std::string damage;
+    std::string reasons;
+  } cases[] = {
+      {{}, "true", ""},
+      {{rawValue("00000001000000000000000100000005ffffffff")}, "true", "1 values were left out"},
+      {{rawValue("000000010000000100000003000000030000000361006200000000000000000361006200000000"
+                 "000000000361006200"
+                 "00000000")},
+       "true",
+       "1 values were left out"},
+      {{valueLine(7, 77, isTrue)}, "true", "1 values were left out"},
+      // What goes with its object is no loss.
+      {{valueLine(8, 77, isTrue)}, "true", ""},
+      {{rawValue("ff")}, "true", "1 records could not be read"},
+      {{}, "rm obj_info.*", "table obj_info was missing"},
+      {{rawValue("ff")},
+       ": >id_keeper.pag",
+       "1 records could not be read; table id_keeper was missing"},
+      {{valueLine(7, 77, isTrue)},
+       "rm id_keeper.*",
+       "table id_keeper was missing; 1 values were left out"},
+  };
+  for (const auto &each : cases) {
+    SCOPED_TRACE(each.damage + " " + each.reasons);
+    std::filesystem::remove_all(root);
+    load(network + each.more);
+    ASSERT_EQ(run("cd " + currentDir + " && " + each.damage).status, 0);
+    saveTables();
+    const bool hasObjects = each.damage.find("obj_info") == std::string::npos;
+    const Outcome outcome = sweep("-p 'QRT Session'");
+    EXPECT_EQ(outcome.status, each.reasons.empty() ? 0 : 1);
+    const std::string kept = each.reasons.empty() ? "" : keptMessage(each.reasons, onlyVersion());
+    EXPECT_EQ(outcome.err, dialogue + loading + deleted(8) +
+                               "dbsweep: 1 objects have been deleted from the objects database\n" +
+                               rewriting + kept);
+    if (each.reasons.empty()) {
+      EXPECT_EQ(run("ls -A " + root).out, "current\n");
+      continue;
+    }
+    const std::string missing = hasObjects ? "id_keeper.*" : "obj_info.*";
+    EXPECT_EQ(run("cd " + onlyVersion() + " && for each in *; do cmp $each " + saved +
+                  "/current/$each || exit; done; [ -e value_info.pag ] && [ ! -e unfinished ]")
+                  .status,
+              0)
+        << missing;
+  }
+}
+
+TEST_F(WayBack, WhereItIsNotClearWhatToDeleteNothingIs) {
+  const auto field = [](int id, const char *name, const char *type) {
+    return R"({"table":"field_info","field":)" + std::to_string(id) + R"(,"name":")" + name +
+           R"(","type":")" + type + R"(","flags":1})";
+  };
+  load(network + Lines{field(40, "isQRT Session", "Boolean"), valueLine(7, 40, isTrue),
+                       field(41, "isWord", "String")});
+  const Lines before = dump();
+  const std::string end = ", nothing was deleted by protocol.\n";
+  const std::string none = "dbsweep: No Boolean field \"is";
+  for (const auto &[arguments, message] :
+       {std::pair<std::string, std::string>{"-p 'QRT Session'",
+                                            "dbsweep: 2 fields are named \"isQRT Session\"" + end},
+        {"-p 'QRT Session' -d 7", "dbsweep: 2 fields are named \"isQRT Session\"" + end},
+        {"-m -p Nope -d 7", none + "Nope\" in the objects database" + end},
+        {"-p Word", none + "Word\" in the objects database" + end}}) {
+    const Outcome outcome = sweep(arguments);
+    EXPECT_EQ(outcome.status, 1) << arguments;
+    EXPECT_EQ(outcome.err, dialogue + loading + message);
+    EXPECT_EQ(dump(), before);
+    EXPECT_EQ(run("ls -A " + root).out, "current\n");
+    EXPECT_FALSE(exists("/usr/NQ/conf/dbsweep.lock"));
+  }
+}
+
+TEST_F(WayBack, AnObjectGoesOnceAndANameStaysWithWhoBearsIt) {
+  const std::string second = R"({"table":"value_info","object":8,"field":20,"type":"Boolean",)"
+                             R"("value":true,"key":"0800000014000000ff"})";
+  load(network + Lines{second});
+  EXPECT_EQ(sweep("-p 'QRT Session'").err,
+            dialogue + loading + deleted(8) +
+                "dbsweep: 1 objects have been deleted from the objects database\n" + rewriting);
+
+  // Three objects bear one name, and it leads to the second.
+  const Lines first = nameLines(1, 10, "same"), other = nameLines(2, 10, "same");
+  const Lines bearers = emptyNetwork() + Lines{first[0], nameLines(3, 10, "same")[0]} + other;
+  const auto leadsTo = [](const std::string &id) {
+    return Lines{R"({"table":"name_info","object":)" + id + R"(,"field":10,"name":"same"})"};
+  };
+  std::filesystem::remove_all(root);
+  load(bearers);
+  ASSERT_EQ(sweep("-m").status, 0);
+  const Lines afterRewrite = linesWith("name_info");
+  const std::string oldest = afterRewrite[0].substr(afterRewrite[0].find("object") + 8, 1);
+  for (const std::string id : {"1", "2", "3"}) {
+    std::filesystem::remove_all(root);
+    load(bearers);
+    EXPECT_EQ(sweep("-d " + id).status, 0);
+    if (id == "2") {
+      EXPECT_THAT(linesWith("name_info"), testing::AnyOf(leadsTo("1"), leadsTo("3")));
+      if (oldest != "2") {
+        EXPECT_EQ(linesWith("name_info"), leadsTo(oldest));
+      }
+    } else {
+      EXPECT_EQ(linesWith("name_info"), leadsTo("2"));
+    }
+  }
+  EXPECT_EQ(sweep("-d '1 2 3'").status, 0);
+  EXPECT_EQ(linesWith("name_info"), Lines{});
+}
+
+// Whatever stands in the place of a table, a run neither waits for it nor writes where it leads.
+TEST_F(WayBack, OnlyRegularFilesAreTables) {
+  load(network);
+  saveTables();
+  for (const std::string file :
+       {"obj_info.pag", "value_info.dir", "field_info.dir", "id_keeper.pag"}) {
+    for (const std::string put : {"mkfifo ", "ln -s /usr/NQ/tmp/elsewhere ", "mkdir "}) {
+      putTablesBack();
+      ASSERT_EQ(run("cd " + currentDir + " && rm " + file + " && " + put + file).status, 0);
+      const Outcome outcome = run("timeout 10 dbsweep -m", "yes\n");
+      EXPECT_EQ(outcome.status, 0) << put << file;
+      EXPECT_THAT(outcome.err, testing::EndsWith(cannotOpen)) << put << file;
+      EXPECT_FALSE(exists("/usr/NQ/tmp/elsewhere"));
+    }
+    // The super-user's own link to a file is as good as the file.
+    putTablesBack();
+    ASSERT_EQ(run("cd " + currentDir + " && mv " + file + " /usr/NQ/tmp/there && " +
+                  "ln -s /usr/NQ/tmp/there " + file)
+                  .status,
+              0);
+    const Outcome outcome = run("timeout 10 dbsweep -m", "yes\n");
+    EXPECT_EQ(outcome.err, dialogue + loading + rewriting) << file;
+    EXPECT_EQ(run("ls -A " + root).out, "current\n");
+  }
+  EXPECT_EQ(sorted(dump()), sorted(network));
+}
+
+// A private database stays private, and nothing that another user has prepared is used.
+TEST_F(WayBack, VersionsAreAsPrivateAsTheirTables) {
+  load(network + Lines{rawValue("ff")});
+  ASSERT_EQ(run("chmod 750 " + currentDir + "; chmod 640 " + currentDir + "/value_info.pag; " +
+                "mkdir /usr/NQ/victim; : >/usr/NQ/victim/precious; " + "ln -s /usr/NQ/victim " +
+                root + "/.dbsweep-make; " + "ln -s /usr/NQ/victim " + root + "/.dbsweep-abcdef")
+                .status,
+            0);
+  EXPECT_EQ(sweep("-d 8").status, 1);
+  EXPECT_EQ(run("stat -c %a " + root + "/[0-9]* " + root + "/[0-9]*/value_info.pag").out,
+            "750\n640\n");
+  EXPECT_TRUE(exists("/usr/NQ/victim/precious"));
+}
+
+TEST_F(WayBack, TheTraceTellsWhatWasDoneAndAFullDiskWhatWasNot) {
+  load(network);
+  ASSERT_EQ(run("mount -t tmpfs -o size=4k tmpfs /usr/NQ/log; head -c 4k /dev/zero >/usr/NQ/log/x")
+                .status,
+            0);
+  const Outcome outcome = sweep("-d '7 8'");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, dialogue + loading + "dbsweep: Total number of objects in DB is 2\n" +
+                             deleted(7) + deleted(8) + "dbsweep: Cannot write the log file\n");
+  EXPECT_EQ(dump(), emptyNetwork());
+  run("umount /usr/NQ/log");
+}
+
+}  // namespace
