@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 #include <string_view>
+#include <utility>
 
 #include "internal/bulk_load.h"
 #include "internal/scan.h"
@@ -127,15 +127,16 @@ void loadNamesWithinLimit(ObjectDatabase *db) {
 // What may have to make room for another object does not lie in the table's storage.
 void loadValuesWithinLimit(ObjectDatabase *db) {
   LossWatch losses;
-  loadLosses.unreadable += forEachRecord<dbObjectValue>(db->valueInfoDb, [&](dbObjectValue *record) {
-    losses.look(record->objectId, record->fieldId);
-    if (isCachedObject(record->objectId)) {
-      enterOrRelease(record->objectId, record->fieldId, record->value);
-    } else {
-      NQwDbFreeFieldValue(record->value);
-    }
-    free(record);
-  });
+  loadLosses.unreadable +=
+      forEachRecord<dbObjectValue>(db->valueInfoDb, [&](dbObjectValue *record) {
+        losses.look(record->objectId, record->fieldId);
+        if (isCachedObject(record->objectId)) {
+          enterOrRelease(record->objectId, record->fieldId, record->value);
+        } else {
+          NQwDbFreeFieldValue(record->value);
+        }
+        free(record);
+      });
 }
 
 // How many names a name field's index is made for: with a limit on the cached objects, the fields

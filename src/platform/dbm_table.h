@@ -100,7 +100,8 @@ int _NQ_dbm_db_sync(NQ_dbm_db *db);
 NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db);
 
 // Counts the records by the structure of the file, which must be up to date: no deletions held
-// back. False, and the log says why, when the structure is not sound.
+// back. False, and the log says why, when the structure is not sound or the library wants the table
+// recovered.
 bool _NQ_dbm_db_count(NQ_dbm_db *db, uint64_t *records);
 
 // The same, and looks at the free space: before a table is changed in place (table_structure.h).

@@ -29,7 +29,7 @@ class TableGrowth {
   bool wasTrimmed() const { return wasTrimmed_; }
 
  private:
-  uint64_t expected_ = 0;      // bytes to reserve at first
+  uint64_t expected_ = 0;  // bytes to reserve at first
   uint64_t reserved_ = 0;  // bytes of the file while it is longer than the library knows; else 0
   uint64_t lengthBefore_ = 0;  // bytes of the file before that
   uint64_t roomLeft_ = 0;      // bytes to store before the file's end is looked at again
