@@ -51,3 +51,16 @@ void storeNetwork(ObjectDatabase *db, uint32_t objects) {
     }
   }
 }
+
+void storeNumbers(ObjectDatabase *db, uint32_t objects, uint32_t fields) {
+  for (uint32_t field = everyField; field < everyField + fields; ++field) {
+    char name[32] = "isEvery";
+    if (field > everyField) snprintf(name, sizeof name, "Field %u", field);
+    NQwFieldInfo info{field, name, field == everyField ? Boolean : Integer, 1};
+    storeFieldInfo(db, field, &info);
+    for (uint32_t object = 1; object <= objects; ++object) {
+      NQwFieldValue value{0, info.type, {}, 0};
+      putValueObject(db, object, field, &value);
+    }
+  }
+}

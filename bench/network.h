@@ -12,3 +12,6 @@ constexpr uint32_t retiredField = 21;    // "isRetired" is true for one in ten
 constexpr uint32_t valuesAnObject = 10;  // the name and the two protocols included
 
 void storeNetwork(ObjectDatabase *db, uint32_t objects);
+
+// As many numbers for each object, under as many fields, and "isEvery", which is false.
+void storeNumbers(ObjectDatabase *db, uint32_t objects, uint32_t fields);

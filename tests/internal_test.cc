@@ -2,14 +2,20 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <numeric>
+#include <random>
+#include <utility>
+#include <vector>
 
+#include "internal/bulk_load.h"
 #include "internal/iGetFV.h"
 #include "internal/iGetFVs.h"
 #include "internal/iListO.h"
 #include "internal/iNameToOID.h"
 #include "internal/loaders.h"
 #include "internal/object_ids.h"
+#include "internal/stored_values.h"
 #include "internal/util.h"
 #include "platform/report.h"
 #include "records/table_records.h"
@@ -35,6 +41,14 @@ std::vector<uint32_t> fieldsOf(uint32_t objectId) {
     fields.push_back(item()->field->fieldId);
   }
   return fields;
+}
+
+std::vector<int32_t> numbersOf(uint32_t objectId) {
+  std::vector<int32_t> numbers;
+  for (FieldValIter item(ObjValCache->look(objectId)->values); item() != nullptr; item++) {
+    numbers.push_back(item()->value->value.number);
+  }
+  return numbers;
 }
 
 std::vector<uint32_t> recency() {
@@ -107,6 +121,37 @@ TEST_F(Caches, AnObjectsValuesAscendAndSecondValuesGoToTheEnd) {
   add(2, 99, 0);
   EXPECT_EQ(loadLosses.leftOut.size(), 2u);
   EXPECT_TRUE(fieldsOf(2).empty()) << "the object is there all the same";
+}
+
+// The orders that a load leaves are those of adding one value after the other.
+TEST_F(Caches, ManyValuesAtOnceHaveTheOrdersOfOneByOne) {
+  constexpr uint32_t shift = 1000;  // from an object to its twin that is loaded at once
+  load(emptyNetwork());
+  loadCaches();
+  std::mt19937 random(5);
+  for (int round = 0; round < 100; ++round) {
+    const uint32_t first = 10'000 * (round + 1), objects = 1 + random() % 40;
+    std::vector<std::pair<uint32_t, uint32_t>> values(random() % 200);
+    for (auto &[object, field] : values) {
+      object = first + random() % objects;
+      field = 22 + random() % (round % 2 == 0 ? 4 : 5);  // 26 has no definition
+    }
+    for (int32_t i = 0; const auto &[object, field] : values) add(object, field, i++);
+    std::vector<uint32_t> oneByOne = recency();
+    oneByOne.resize(std::min<size_t>(oneByOne.size(), objects));
+    BulkLoad load;
+    for (int32_t i = 0; const auto &[object, field] : values) {
+      load.add(object + shift, FieldInfoCache->find(field),
+               storeValue(ObjValCache, {0, Integer, {i++}, 0}));
+    }
+    load.finish();
+    const std::vector<uint32_t> atOnce = recency();
+    for (size_t i = 0; i < oneByOne.size() && oneByOne[i] >= first; ++i) {
+      ASSERT_EQ(atOnce[i], oneByOne[i] + shift);
+      EXPECT_EQ(numbersOf(oneByOne[i] + shift), numbersOf(oneByOne[i])) << round;
+    }
+  }
+  verifyCaches();
 }
 
 TEST_F(Caches, ALoadTakesTheWholeDatabase) {

@@ -93,6 +93,7 @@ void loadAllNames(ObjectDatabase *db) {
     return true;
   });
   load.finish();
+  _NQ_dbm_db_stop_buffering(db->objInfoDb);  // its mapped file would be in memory for nothing
 }
 
 // Both data formats decode to the same records.
