@@ -68,8 +68,10 @@ void drawAxes() {
     const double x = across(size);
     printf("<line class=\"grid\" x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\"/>\n", x, top, x,
            height - bottom);
-    printf("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%u,000</text>\n", x,
-           height - bottom + 18, size / 1000);
+    const bool isMillions = size >= 1'000'000;
+    printf("<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\">%u%s</text>\n", x,
+           height - bottom + 18, size / (isMillions ? 1'000'000 : 1000),
+           isMillions ? " million" : ",000");
   }
   for (double seconds = shortest; seconds < longest * 1.1; seconds *= 10) {
     const double y = down(seconds);
