@@ -201,15 +201,14 @@ int deleteKey(DbmTable *table, std::string_view key) {
   return -1;
 }
 
-// Whether the file still stands where it was opened. One that has lost its place there belongs to
-// others, if it is anywhere.
+// Whether the file still stands where it was opened. One that has lost its place there, or may
+// have, belongs to others: to a version that keeps it as it was.
 bool isInPlace(const DbmTable *table) {
   struct stat opened {};
   struct stat named {};
   const std::string pages = table->path + pageSuffix;
-  if (fstat(dbm_pagfno(table->dbm), &opened) != 0) return true;
-  if (stat(pages.c_str(), &named) != 0) return errno != ENOENT;
-  return opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+  return fstat(dbm_pagfno(table->dbm), &opened) == 0 && stat(pages.c_str(), &named) == 0 &&
+         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
 // Deletes what was held back, or forgets it when the file has lost its place.

@@ -420,6 +420,7 @@ void faultEverywhere(const Command &wanted, const Fault &fault) {
                  " (DBSWEEP_POINT=" + std::to_string(at) + " tries it alone)\nstatus " +
                  std::to_string(round.outcome.status) + ": " + round.outcome.err);
     round.now = versionsNow();
+    round.trace = readFile("/usr/NQ/log/objectsdb.trace");
     nothingIsLost(round);
     if (!testing::Test::HasFailure()) command.judge(round);
     if (testing::Test::HasFailure()) return;
@@ -463,7 +464,7 @@ void letInEverywhere(const Command &first, const Command &second, const JudgeTwo
 }
 
 void nothingIsLost(const Round &round) {
-  const auto &[command, fault, at, reached, outcome, clean, before, after, now] = round;
+  const auto &[command, fault, at, reached, outcome, clean, before, after, now, trace] = round;
   if (reached && fault.ends()) {
     ASSERT_EQ(outcome.status, 128 + SIGKILL);
   } else {

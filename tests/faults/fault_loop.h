@@ -86,6 +86,7 @@ struct Round {
   const Outcome &clean;  // of the command without a fault
   const Versions &before, &after;  // the command, and the command without a fault
   Versions now;
+  std::string trace = {};  // of the deletions
 };
 
 // How the tests show their parameters.
