@@ -1,5 +1,6 @@
 #include "objdb/decoded_record.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -10,13 +11,14 @@
 
 DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(table) {
   _NQwError = NQw_NO_ERROR;
+  errno = 0;
   const uint32_t cutBefore = cutStrings;
   decoded_ =
       bytes.data() == nullptr ? nullptr : tableFormats[table].decode(bytes.data(), bytes.size());
   isCut = cutStrings != cutBefore;
   if (decoded_ == nullptr) {
     // A sound record that there is no memory for.
-    if (_NQwError == NQw_NO_MEMORY) failForWantOfMemory();
+    if (_NQwError == NQw_NO_MEMORY || errno == ENOMEM) failForWantOfMemory();
     return;
   }
   switch (table) {

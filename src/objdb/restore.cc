@@ -58,10 +58,21 @@ ObjdbStatus putInPlace(const std::string &database, const Version &version, Work
   throw CommandFailure("the tables of \"" + version.name + "\" are in place, but: " + error);
 }
 
+// What was current becomes a version, or does not, by the mark: it has to be known.
+void requireKnownMark(const Version &version) {
+  const std::string mark = pathIn(version.directory, unfinishedMark);
+  struct stat status {};
+  std::string error;
+  if (!version.unfinished || lstat(mark.c_str(), &status) == 0) return;
+  failAttempt("look at", mark, &error);
+  throw CommandFailure(error + "; nothing was changed");
+}
+
 ObjdbStatus restoreTables(const VersionPath &database, bool partial, bool dryRun) {
   requireDatabase(database.directory);
   const Version version = requireVersion(database);
   const std::string current = pathIn(database.directory, currentName);
+  requireKnownMark(version);
   refuseLink(current);
   const auto currentLock = lockOrFail(current);
   const auto versionLock = lockOrFail(version.directory);

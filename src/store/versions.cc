@@ -16,9 +16,11 @@
 
 namespace {
 
+// What cannot be looked at may be there: a mark that is not seen would let a run go on, and a table
+// that is not seen would not be kept.
 bool isThere(const std::string &path) {
   struct stat status {};
-  return lstat(path.c_str(), &status) == 0;
+  return lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
 bool isVersion(const std::string &directory) {
@@ -76,7 +78,8 @@ bool publishByTime(WorkDirectory *work, const std::string &database, Version *ma
 bool addBytes(const std::string &path, uint64_t *bytes, std::string *error) {
   struct stat status {};
   if (stat(path.c_str(), &status) == 0) {
-    *bytes += static_cast<uint64_t>(status.st_size);
+    constexpr uint64_t block = 4096;  // a file of 16 bytes takes one, too
+    *bytes += (static_cast<uint64_t>(status.st_size) + block - 1) / block * block;
     return true;
   }
   return errno == ENOENT || failAttempt("look at", path, error);
@@ -114,7 +117,7 @@ std::unique_ptr<WorkDirectory> keepCurrent(const std::string &database,
 
 bool bytesToKeep(const std::string &database, const VersionContent &content, uint64_t *bytes,
                  std::string *error) {
-  *bytes = 0;
+  *bytes = uint64_t{4} * 4096;  // for the directory and the mark
   const std::string current = pathIn(database, currentName);
   for (size_t table = 0; table < tableCount; ++table) {
     if (content.leftOut[table]) continue;

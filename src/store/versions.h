@@ -19,7 +19,7 @@
 struct Version {
   std::string name;
   std::string directory;
-  bool unfinished;
+  bool unfinished;  // also when its mark cannot be looked at
 };
 
 // All archived versions that hold a table file or the mark of an unfinished run, in the order of

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <set>
 
 namespace fs = std::filesystem;
 
@@ -43,8 +44,13 @@ void SyncedDisk::keepTree(const fs::path &path, Written written) {
   }
   if (written == Written::entries) synced(path);
   if (written == Written::removals) {
+    std::set<ino_t> present;
+    for (const auto &entry : fs::directory_iterator(path)) present.insert(statusOf(entry).st_ino);
     std::erase_if(directories_[statusOf(path).st_ino], [&](const auto &entry) {
-      return statusOf(path / entry.first).st_ino != entry.second;
+      const ino_t now = statusOf(path / entry.first).st_ino;
+      // Names that were exchanged are not removed: no disk makes one half of that.
+      const bool exchanged = now != 0 && present.contains(entry.second);
+      return now != entry.second && !exchanged;
     });
   }
   for (const auto &entry : fs::directory_iterator(path)) keepTree(entry, written);

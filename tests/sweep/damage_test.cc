@@ -222,11 +222,11 @@ TEST_F(Damage, StructuresThatLie) {
   Lines lines = emptyNetwork();
   for (uint32_t id = 1; id <= 600; ++id) {
     lines = lines + nameLines(id, 10, "object " + std::to_string(id));
-    for (const uint32_t field : {22u, 25u, 26u, 27u}) {
+    for (const uint32_t field : {22u, 25u, 40u, 41u}) {
       lines.push_back(valueLine(id, field, R"("type":"Integer","value":5)"));
     }
   }
-  for (const int field : {26, 27}) {
+  for (const int field : {40, 41}) {
     lines.push_back(R"({"table":"field_info","field":)" + std::to_string(field) +
                     R"(,"name":"more )" + std::to_string(field) +
                     R"(","type":"Integer","flags":1})");
