@@ -45,7 +45,13 @@ ObjdbStatus putInPlace(const std::string &database, const Version &version, Work
   std::string error;
   Version replaced;
   // Whatever else somebody has put there stays.
-  const bool keeps = !version.unfinished || !holdsTablesAlone(pathIn(database, currentName));
+  const std::string current = pathIn(database, currentName);
+  struct stat status {};
+  bool hasStrangers = false;
+  if (stat(current.c_str(), &status) == 0 && !findStrangers(current, &hasStrangers, &error)) {
+    throw CommandFailure(error + "; nothing was changed");
+  }
+  const bool keeps = !version.unfinished || hasStrangers;
   if (!makeCurrent(database, work, keeps, &replaced, &error)) {
     throw CommandFailure(error + "; nothing was changed");
   }

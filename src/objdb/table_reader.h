@@ -99,6 +99,7 @@ using OpenFailures = std::array<OpenFailure, tableCount>;
 TableReaders openTables(const std::string &directory, TableReader::Demand demand,
                         OpenFailures *failures);
 
-// The same for commands that need all of them, but for an id keeper that is not there: throws CommandFailure when one cannot be opened, the
-// reasons of further ones on standard error before that.
+// The same for commands that need all of them, but for an id keeper that is not there: throws
+// CommandFailure when one cannot be opened, the reasons of further ones on standard error before
+// that.
 TableReaders openAllTables(const std::string &directory);

@@ -207,9 +207,11 @@ bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, V
   return true;
 }
 
-bool holdsTablesAlone(const std::string &directory) {
+bool findStrangers(const std::string &directory, bool *found, std::string *error) {
   const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(directory.c_str()), closedir);
-  if (entries == nullptr) return false;
+  if (entries == nullptr) return failAttempt("read", directory, error);
+  *found = false;
+  errno = 0;
   while (const dirent *entry = readdir(entries.get())) {
     const std::string name = entry->d_name;
     bool known = name == "." || name == ".." || name == unfinishedMark;
@@ -217,17 +219,19 @@ bool holdsTablesAlone(const std::string &directory) {
       known = name == tableFile(table, directorySuffix) || name == tableFile(table, pageSuffix);
     }
     struct stat status {};
-    const std::string path = pathIn(directory, name);
-    if (!known ||
-        (name[0] != '.' && lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode))) {
-      return false;
-    }
+    const bool isDirectory = name[0] != '.' &&
+                             lstat(pathIn(directory, name).c_str(), &status) == 0 &&
+                             S_ISDIR(status.st_mode);
+    if (!known || isDirectory) *found = true;
+    errno = 0;
   }
-  return true;
+  return errno == 0 || failAttempt("read", directory, error);
 }
 
 bool removeVersion(const std::string &database, const Version &version, std::string *error) {
-  if (!holdsTablesAlone(version.directory)) {
+  bool hasStrangers = true;
+  if (!findStrangers(version.directory, &hasStrangers, error)) return false;
+  if (hasStrangers) {
     *error = "\"" + version.directory + "\" holds more than tables";
     return false;
   }

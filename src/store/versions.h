@@ -77,8 +77,9 @@ bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, V
 // Removes a version with its files. False, and nothing is changed, when something else is in it.
 bool removeVersion(const std::string &database, const Version &version, std::string *error);
 
-// Whether a directory holds nothing but what a version does: files of tables, and the mark.
-bool holdsTablesAlone(const std::string &directory);
+// Whether a directory holds anything but what a version does: files of tables, and the mark. False
+// when it cannot be looked at.
+bool findStrangers(const std::string &directory, bool *found, std::string *error);
 
 // Locks the tables of a version against other processes, as far as they are there, for as long as
 // the result lives. Null, with errno EWOULDBLOCK and the process in *error, when one is held.

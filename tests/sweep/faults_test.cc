@@ -260,8 +260,10 @@ TEST_F(Faults, ADiskCanBeFull) {
         const std::string restore = "objdb restore " + versionsNow().begin()->first;
         const bool restored = run(restore).status == 0;
         ASSERT_EQ(restored, currentLines() == before) << "or it says that it is full, too";
+        // What was written of the new tables takes room, too.
         std::filesystem::remove(root + "/filler");
         if (!restored) {
+          ASSERT_EQ(mount("tmpfs", root.c_str(), "tmpfs", MS_REMOUNT, "size=4m"), 0);
           ASSERT_EQ(run(restore).status, 0);
         }
         ASSERT_EQ(currentLines(), before);
