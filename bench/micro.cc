@@ -150,6 +150,29 @@ void deleteValues(benchmark::State &state) {
 }
 BENCHMARK(deleteValues)->ArgName("bulk")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
+// What a load of value_info takes, and what of that is the look at the structure of its file.
+void readValues(benchmark::State &state) {
+  std::filesystem::remove_all("/usr/NQ/databases");
+  ObjectDatabase *db = open_nqwdb_ndbm(0);
+  startBuffering(db);
+  storeAll(db, keysIn(byPlace, tableObjects));
+  stopBuffering(db);
+  for (auto _ : state) {
+    uint64_t values = 0;
+    if (state.range(0) != 0) {
+      _NQ_dbm_db_count(db->valueInfoDb, &values);
+    } else {
+      DbmRecord record;
+      db->valueInfoDb->first = 1;
+      while (_NQ_dbm_db_getnext_raw(db->valueInfoDb, &record)) ++values;
+    }
+    benchmark::DoNotOptimize(values);
+  }
+  close_nqwdb_ndbm(db);
+  setCost(state, size_t{tableObjects} * fields);
+}
+BENCHMARK(readValues)->ArgName("structure_alone")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 BENCHMARK_MAIN();

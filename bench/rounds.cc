@@ -121,7 +121,7 @@ int main(int argc, char **argv) {
          "", 230);
   printf("%-40s %8.0f %8s %8d\n", "heap bytes a value", medianOf(one, &Cost::heapBytes) / values,
          "", 130);
-  printf("%-40s %8.0f %8s %8d\n", "50 objects beyond a count, ms",
-         1000 * (medianOf(commands[list], &Cost::wall) - medianOf(commands[count], &Cost::wall)),
-         "", 50);
+  // Most of it is the copy of all tables that is made, and synced, before the first deletion.
+  printf("%-40s %8.0f\n", "50 objects beyond a count, ms",
+         1000 * (medianOf(commands[list], &Cost::wall) - medianOf(commands[count], &Cost::wall)));
 }
