@@ -23,6 +23,7 @@
 #include "platform/out_of_memory.h"
 #include "platform/report.h"
 #include "store/directory.h"
+#include "store/id_keeper.h"
 #include "store/shared_database.h"
 #include "store/versions.h"
 
@@ -73,10 +74,18 @@ bool hasRecords(size_t table) {
   return !_NQ_dbm_db_count(tableOf(runDb, table), &records) || records > 0;
 }
 
+// Whether the table is as an open makes it where there is none. Another process may have put a
+// whole database there between our look and our locks.
+bool isNew(size_t table) {
+  if (table == idKeeper) return isSeededIdKeeper(runDb);
+  return table == fieldInfo ? areSeededFields(runDb) : !hasRecords(table);
+}
+
 // Absent tables count as missing when there is something that they belong to. An obj_info without
 // records beside names that lead to objects was made by an earlier run in the place of one that had
 // gone missing.
 void noteMissing(std::vector<size_t> absent) {
+  std::erase_if(absent, [](size_t table) { return !isNew(table); });
   const auto isAbsent = [&](size_t table) {
     return std::find(absent.begin(), absent.end(), table) != absent.end();
   };

@@ -1,8 +1,26 @@
 #include "store/id_keeper.h"
 
 #include <cstdio>
+#include <iterator>
 
 #include "records/table_records.h"
+
+namespace {
+
+constexpr uint32_t firstFreeId = 14;
+
+constexpr uint32_t nameFlags = nameFieldFlag | 8;
+constexpr struct {
+  uint32_t fieldId;
+  const char *name;
+  FieldType type;
+  uint32_t flags;
+} predefined[] = {{10, "Selection Name", String, nameFlags},
+                  {11, "IP Hostname", String, nameFlags},
+                  {12, "OSI Name", String, nameFlags},
+                  {13, "Syntax List", Integer, 1}};
+
+}  // namespace
 
 int storeIdKeeper(ObjectDatabase *db, uint32_t value) {
   const uint32_t key = 0;
@@ -15,20 +33,17 @@ int storeFieldInfo(ObjectDatabase *db, uint32_t fieldId, NQwFieldInfo *info) {
 }
 
 int initIdKeeper(ObjectDatabase *db) {
-  return storeIdKeeper(db, 14);
+  return storeIdKeeper(db, firstFreeId);
+}
+
+bool isSeededIdKeeper(ObjectDatabase *db) {
+  const uint32_t key = 0;
+  const auto *counter =
+      static_cast<const uint32_t *>(_NQ_dbm_db_get(db->idKeeperDb, &key, sizeof key));
+  return counter != nullptr && *counter == firstFreeId;
 }
 
 int initPredefinedFields(ObjectDatabase *db) {
-  constexpr uint32_t nameFlags = nameFieldFlag | 8;
-  constexpr struct {
-    uint32_t fieldId;
-    const char *name;
-    FieldType type;
-    uint32_t flags;
-  } predefined[] = {{10, "Selection Name", String, nameFlags},
-                    {11, "IP Hostname", String, nameFlags},
-                    {12, "OSI Name", String, nameFlags},
-                    {13, "Syntax List", Integer, 1}};
   int result = 0;
   for (const auto &field : predefined) {
     char name[longestString + 1];
@@ -37,4 +52,9 @@ int initPredefinedFields(ObjectDatabase *db) {
     result = storeFieldInfo(db, field.fieldId, &info);
   }
   return result;
+}
+
+bool areSeededFields(ObjectDatabase *db) {
+  uint64_t records = 0;
+  return _NQ_dbm_db_count(db->fieldInfoDb, &records) && records <= std::size(predefined);
 }

@@ -15,3 +15,7 @@ int storeFieldInfo(ObjectDatabase *db, uint32_t fieldId, NQwFieldInfo *info);
 // Seeding: the counter 14, and the predefined fields 10 to 13. The result of the last store.
 int initIdKeeper(ObjectDatabase *db);
 int initPredefinedFields(ObjectDatabase *db);
+
+// Whether the two are as seeding leaves them.
+bool isSeededIdKeeper(ObjectDatabase *db);
+bool areSeededFields(ObjectDatabase *db);
