@@ -32,8 +32,9 @@ constexpr size_t filePathSize = 1024;
 const char *currentDirectory() {
   static char directory[directorySize];
   const char *database = dbPath("", nullptr);
-  const int length =
-      database == nullptr ? -1 : snprintf(directory, sizeof directory, "%s/current", database);
+  const int length = database == nullptr
+                         ? -1
+                         : snprintf(directory, sizeof directory, "%s/%s", database, currentName);
   if (length < 0 || length >= static_cast<int>(sizeof directory)) {
     fprintf(stderr, "dbsweep: The path of the objects database is too long.\n");
     cleanupCaches(1);
