@@ -17,6 +17,16 @@ int32_t typeOf(uint32_t field) {
   return others[(field - firstOtherField) % 3];
 }
 
+constexpr int32_t constantsAField = 3;
+
+void storeConstants(ObjectDatabase *db, uint32_t field) {
+  char up[] = "up", down[] = "down", testing[] = "testing";
+  char *names[constantsAField] = {up, down, testing};
+  enumConstants constants{constantsAField, names};
+  const dbEnumConstants record{field, &constants};
+  _NQ_dbm_db_store(db->enumInfoDb, &field, sizeof field, &record);
+}
+
 void storeDefinitions(ObjectDatabase *db) {
   char name[32];
   for (uint32_t field = everyField; field < endOfFields; ++field) {
@@ -25,6 +35,7 @@ void storeDefinitions(ObjectDatabase *db) {
     if (field == retiredField) snprintf(name, sizeof name, "isRetired");
     NQwFieldInfo info{field, name, typeOf(field), 1};
     storeFieldInfo(db, field, &info);
+    if (info.type == Enumeration) storeConstants(db, field);
   }
 }
 
@@ -43,6 +54,7 @@ void storeNetwork(ObjectDatabase *db, uint32_t objects) {
       NQwFieldValue value{0, typeOf(field), {static_cast<int32_t>(object)}, 0};
       if (field == everyField) value.value.number = 1;
       if (field == retiredField) value.value.number = object % 10 == 0;
+      if (value.type == Enumeration) value.value.number %= constantsAField;
       if (value.type == String) {
         snprintf(text, sizeof text, "value %u of object %u", field, object);
         value.value.string = text;
