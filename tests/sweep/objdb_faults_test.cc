@@ -85,7 +85,8 @@ std::string pairName(const testing::TestParamInfo<Pair> &test) {
 class SecondProgramInObjdb : public PlatformTest, public testing::WithParamInterface<Pair> {};
 
 TEST_P(SecondProgramInObjdb, MeetsAWholeDatabase) {
-  const auto &[first, second] = GetParam();
+  const Command &first = std::get<0>(GetParam());
+  const Command &second = std::get<1>(GetParam());
   std::filesystem::remove_all(root);
   load(network());
   letInEverywhere(first, second,
