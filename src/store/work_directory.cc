@@ -64,14 +64,16 @@ std::unique_ptr<WorkDirectory> WorkDirectory::make(const std::string &database,
   // Somebody else may have put another directory there meanwhile.
   const bool ours = directory.isOpen() && fstat(directory.get(), &made) == 0 &&
                     made.st_uid == geteuid() && (made.st_mode & 0777) == 0700;
-  std::unique_ptr<WorkDirectory> work;
-  if (ours && flock(directory.get(), LOCK_EX | LOCK_NB) == 0) {
-    work.reset(new WorkDirectory(std::move(parent), std::move(directory), name));
+  if (!ours || flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
+    failAttempt("make", path, error);
+    if (ours) unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
+    return nullptr;
   }
+  std::unique_ptr<WorkDirectory> work(
+      new WorkDirectory(std::move(parent), std::move(directory), name));
   // A removal of leftovers may have come before the lock.
-  if (work != nullptr && work->hasName(name)) return work;
+  if (work->hasName(name)) return work;
   failAttempt("make", path, error);
-  if (work == nullptr && ours) unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
   return nullptr;
 }
 
