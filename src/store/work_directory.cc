@@ -48,6 +48,16 @@ bool failAttempt(const char *attempt, const std::string &path, std::string *erro
 
 std::unique_ptr<WorkDirectory> WorkDirectory::make(const std::string &database,
                                                    std::string *error) {
+  constexpr int attempts = 10;
+  for (int attempt = 1;; ++attempt) {
+    std::unique_ptr<WorkDirectory> work = makeOnce(database, error);
+    // Somebody who removes leftovers may have come before the lock.
+    if (work != nullptr || errno != ENOENT || attempt == attempts) return work;
+  }
+}
+
+std::unique_ptr<WorkDirectory> WorkDirectory::makeOnce(const std::string &database,
+                                                       std::string *error) {
   Descriptor parent = openDatabase(database);
   if (!parent.isOpen()) {
     failAttempt("open", database, error);
@@ -66,13 +76,16 @@ std::unique_ptr<WorkDirectory> WorkDirectory::make(const std::string &database,
                     made.st_uid == geteuid() && (made.st_mode & 0777) == 0700;
   if (!ours || flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
     failAttempt("make", path, error);
+    const int reason = errno;
     if (ours) unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
+    errno = reason;
     return nullptr;
   }
   std::unique_ptr<WorkDirectory> work(
       new WorkDirectory(std::move(parent), std::move(directory), name));
-  // A removal of leftovers may have come before the lock.
   if (work->hasName(name)) return work;
+  work.reset();
+  errno = ENOENT;
   failAttempt("make", path, error);
   return nullptr;
 }

@@ -70,6 +70,9 @@ class WorkDirectory {
   bool publishAs(const std::string &name, unsigned flags, const struct stat &like,
                  std::string *error);
 
+  // Null with errno ENOENT when the directory was removed again before it was locked.
+  static std::unique_ptr<WorkDirectory> makeOnce(const std::string &database, std::string *error);
+
   // Whether the directory still stands under that name.
   bool hasName(const std::string &name) const;
 
