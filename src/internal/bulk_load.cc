@@ -9,7 +9,8 @@
 
 namespace {
 
-// Where a value stands: behind all that have a smaller place or came before it.
+// A value and its place in the list: it follows all values with a smaller place, and those with the
+// same place that came before it.
 struct Placed {
   uint32_t place;
   CachedValue *value;
@@ -26,9 +27,9 @@ bool hasSecondValues(const std::vector<Placed> &sorted) {
          }) != sorted.end();
 }
 
-// A field's first value stands where its id belongs, and a later one at the end of the list as it
-// was when it came. That is behind the highest field until then, and in front of every higher one
-// that came afterwards.
+// As insertByFieldId does one by one: a field's first value stands where its id belongs, and a
+// second one at the end of the list as it was when that value came. So its place is after the
+// highest field until then, and before every higher one that came later.
 void placeSecondValues(const std::vector<CachedValue *> &asTheyCame, std::vector<Placed> &values) {
   std::unordered_set<uint32_t> seen;
   uint32_t highest = 0;
@@ -43,7 +44,7 @@ void placeSecondValues(const std::vector<CachedValue *> &asTheyCame, std::vector
 }
 
 void order(FieldValList *list, std::vector<CachedValue *> &asTheyCame) {
-  static std::vector<Placed> values;
+  static std::vector<Placed> values;  // static: its room serves the next of a million objects
   values.clear();
   bool ascends = true;
   for (CachedValue *value : asTheyCame) {
@@ -80,6 +81,7 @@ void BulkLoad::enter(Waiting &waiting) {
   if (object != nullptr) {
     ObjValCache->promote(object);
   } else {
+    // Unknown when it was looked up, but an earlier value may have made it meanwhile.
     object = ObjValCache->find(waiting.objectId);
     if (object == nullptr) object = newStoredObject(waiting.objectId);
   }

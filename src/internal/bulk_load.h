@@ -9,11 +9,11 @@
 
 // Does with many values what addObjectValue does with each, in another order of steps: values are
 // appended as they come, and when all have come every object's list is put in order once. The
-// result is the same, in all orders that anybody sees.
+// result is the same, including every order that can be observed.
 //
-// A table gives its records in no order that the caches know, so that every value is of another
-// object. Some wait between being added and being entered, in the order in which they came, while
-// their objects are fetched from memory.
+// Records come in hash order, so consecutive values belong to different objects. A value therefore
+// waits a few turns between being added and being entered, while its object is fetched from memory.
+// Values are entered in the order in which they came.
 class BulkLoad {
  public:
   BulkLoad() = default;
@@ -24,7 +24,7 @@ class BulkLoad {
   // object is there all the same, and the item is ignored.
   void add(uint32_t objectId, FieldCacheEntry *field, CachedValue *item);
 
-  // Enters what waits and puts the lists in order. Called once, behind the last value.
+  // Enters what waits and puts the lists in order. Called once, after the last value.
   void finish();
 
  private:

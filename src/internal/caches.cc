@@ -68,7 +68,7 @@ void FieldTable::remove(uint32_t fieldId) {
 
 namespace {
 
-// An object and what it points at, in one piece of storage: a load meets all of it with every
+// An object and what it points at, in one piece of storage: loading touches all of it for every
 // value.
 struct CachedObject {
   ObjCacheEntry entry{&id, &values, nullptr, nullptr};
@@ -78,12 +78,14 @@ struct CachedObject {
   uint32_t storedValues : 31;
 };
 
+// Null for an entry that was made elsewhere, in three pieces: its list lies somewhere else.
 CachedObject *inOnePiece(ObjCacheEntry *entry) {
   auto *object = reinterpret_cast<CachedObject *>(entry);
   return entry->values == &object->values ? object : nullptr;
 }
 
-// What is stored goes with the storage, and is not even looked at.
+// Then nothing is to be freed one by one, and the values need not even be read from memory: what is
+// stored goes with the storage.
 bool hasOnlyStoredValues(ObjCacheEntry *entry) {
   const CachedObject *object = inOnePiece(entry);
   return object != nullptr && static_cast<int>(object->storedValues) == entry->values->size();
@@ -181,6 +183,7 @@ void ObjTable::unlink(ObjCacheEntry *entry) {
 }
 
 void unlinkCachedValue(ObjCacheEntry *object, FieldCacheEntry *field, CachedValue *item) {
+  // The key in the index is the value's own string, which the caller may free.
   const char *name = singleString(item->value);
   if (field->valueIndex != nullptr && name != nullptr) {
     field->valueIndex->remove(const_cast<char *>(name));

@@ -92,10 +92,10 @@ class ObjTable : public _Hash {
   void remove(ObjCacheEntry *entry);       // the entry stays the caller's
   int isIn(uint32_t objectId) const;       // without making it the newest
 
-  // The three steps of finding and changing an object, for a load, to which they are mostly waiting
-  // for memory. Whoever knows that it will look for an object soon starts with the first, and goes
-  // on a little later each time. The second gives the entry, or null; only the last, which makes it
-  // the newest, changes anything.
+  // find() in four steps, for a load, which knows some lookups ahead which objects come and would
+  // otherwise wait for memory at each. announce() starts to fetch the object's slot. A little later
+  // look() returns its entry, or null. announceChange() starts to fetch what promote() will change.
+  // promote() makes the object the newest; only this step changes anything.
   void announce(uint32_t objectId) const { prefetch(wordKey(objectId)); }
   ObjCacheEntry *look(uint32_t objectId) const;
   static void announceChange(const ObjCacheEntry *entry);

@@ -1,6 +1,6 @@
 // The layouts that are a binary interface, checked when this is compiled: members in this order,
-// with no others between or behind them, each of four bytes or as wide as a pointer, which on a
-// 32-bit machine makes every one of them a word.
+// with no others between or after them, each of four bytes or as wide as a pointer. On a 32-bit
+// machine every member is therefore one word.
 
 #include <cstddef>
 #include <initializer_list>
@@ -78,7 +78,7 @@ static_assert(consistsOf<FieldCacheEntry>({MEMBER(FieldCacheEntry, info),
 static_assert(consistsOf<ObjCacheEntry>({MEMBER(ObjCacheEntry, objectId),
                                          MEMBER(ObjCacheEntry, values), MEMBER(ObjCacheEntry, next),
                                          MEMBER(ObjCacheEntry, prev)}));
-// Its places in the lists stand behind the three words and are its own affair.
+// The list nodes follow the three words and are no part of the interface.
 static_assert(offsetof(CachedValue, objectId) == 0 &&
               offsetof(CachedValue, field) == sizeof(void *) &&
               offsetof(CachedValue, value) == 2 * sizeof(void *));

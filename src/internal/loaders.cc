@@ -18,6 +18,8 @@ LoadLosses loadLosses;
 
 namespace {
 
+// The sizes and factors are the platform's own. Our tables grow, and take the first number alone
+// (platform/hash.h).
 constexpr int smallIndex = 200;
 constexpr float growthFactor = 0.333f;
 
@@ -31,8 +33,8 @@ bool isCachedObject(uint32_t objectId) {
   return ObjValCache->isIn(objectId) != 0;
 }
 
-// With a limit, objects are admitted by their names and keep being admitted; the first one too many
-// makes the cache incomplete.
+// With a limit, an object is admitted with its first name, and with it all its further names and
+// values. The first object too many makes the cache incomplete.
 bool isWithinLimit(uint32_t objectId) {
   if (isCachedObject(objectId)) return true;
   if (objcount >= max_objects_cached) {
@@ -43,8 +45,8 @@ bool isWithinLimit(uint32_t objectId) {
   return true;
 }
 
-// Tells of each record, right after its decoding, whether that dropped anything. A value under an
-// unknown field is counted when it is not entered.
+// Notes right after each decoding whether the decoder dropped anything of the record. Not for a
+// value under an unknown field: that is counted when it is not entered, and must not count twice.
 class LossWatch {
  public:
   void look(uint32_t objectId, uint32_t fieldId) {
@@ -125,7 +127,8 @@ void loadNamesWithinLimit(ObjectDatabase *db) {
   });
 }
 
-// What may have to make room for another object does not lie in the table's storage.
+// Through addObjectValue and not through a bulk load: a value that may be evicted later has to come
+// from malloc, since the table's storage only goes as a whole.
 void loadValuesWithinLimit(ObjectDatabase *db) {
   LossWatch losses;
   loadLosses.unreadable +=

@@ -7,8 +7,8 @@
 
 namespace {
 
-// What a walk and a store look at comes first. Behind it lie the parts: the characters of a string,
-// or the list block, the entries and their strings.
+// What a walk and a store look at comes first. The parts follow in the same piece: the characters
+// of a string, or the list block, its entries and their strings.
 struct StoredValue {
   NQwFieldValue value;
   CachedValue item;

@@ -95,13 +95,17 @@ void recordMigration() {
 
 void removeCurrentFiles() {
   const char *directory = currentDirectory();
+  // While the old files are there: if memory ends here, nothing has changed.
   outcome.leftOut = planRewrite() + countLeftOut();
+  // Shares the locks of the open handle, and keeps them when that is closed: from the removal to
+  // the next open no other process may take the tables.
   std::string ignored;
   heldLocks = lockVersion(directory, &ignored);
   keepTables(KeepBy::linking);
-  closeRunDb();
+  closeRunDb();  // or the handle could still write into files that are the kept version's now
   for (const size_t table : {nameInfo, objInfo, valueInfo}) removeTable(directory, table);
-  // From a file that could not be removed, what was deleted has to go one by one.
+  // After the removal: deletions held back for a file that is gone are dropped. From a file that
+  // could not be removed they are carried out one by one.
   if (purgedDb != nullptr) stopBuffering(std::exchange(purgedDb, nullptr));
 }
 
@@ -109,8 +113,9 @@ void rewriteDatabase(int migrate) {
   std::string ignored;
   directoryFailure = endUnopened;
   runDb = open_nqwdb_ndbm(0);
-  heldLocks.reset();
+  heldLocks.reset();  // the handle has locked the new files, which are others than the old ones
   if (runDb == nullptr) endUnopened(exitNormal);
+  // Not always none: a file that could not be removed still has its records.
   const RecordCounts before = countRecords(runDb);
   startBuffering(runDb);
   outcome.unwritten = storePlanned(runDb);
@@ -123,5 +128,5 @@ void rewriteDatabase(int migrate) {
   outcome.incomplete = !areComplete(currentDirectory(), expected);
   settleKeptTables();
   heldLocks.reset();
-  if (migrate != 0) recordMigration();
+  if (migrate != 0) recordMigration();  // last: a run that is cut short does not count
 }

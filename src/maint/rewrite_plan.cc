@@ -25,7 +25,7 @@ const char *nameOf(const CachedValue *item) {
 // when its turn comes: until then a value takes no more than a pointer.
 struct Plan {
   std::vector<const CachedValue *> names;   // newest object first, in the order of its list
-  std::vector<const CachedValue *> values;  // group behind group, each in the order of the names
+  std::vector<const CachedValue *> values;  // group after group, each in the order of the names
   std::vector<size_t> groupEnds;
   int groupShift = 0;                              // from an order to its group
   std::vector<std::pair<uint32_t, size_t>> group;  // the order and place of each value of one
@@ -35,6 +35,7 @@ struct Plan {
 Plan plan;
 
 constexpr int orderBits = 31;
+// Small enough that sorting a group stays in the processor's cache; 2^20 groups take 8 MB.
 constexpr size_t groupSize = 16;  // about
 
 uint32_t orderOf(const CachedValue *item) {
@@ -88,7 +89,8 @@ void groupValues() {
   });
 }
 
-// The order is none that the memory knows: what comes next is fetched ahead.
+// Table order is random in memory, so what comes next is prefetched: a value's record first, half
+// way there what the record points at.
 void fetchAhead(size_t i) {
   constexpr size_t ahead = 64;
   if (i + ahead < plan.values.size()) {
@@ -104,7 +106,8 @@ void fetchAhead(size_t i) {
   }
 }
 
-// Stores one group: of one key the later value is behind, and stays. Returns how many fail.
+// Stores one group. Of two values with one key the later has the higher place, is stored last, and
+// stays. Returns how many stores fail.
 uint32_t storeGroup(ObjectDatabase *db, size_t start, size_t end) {
   plan.group.clear();
   for (size_t i = start; i < end; ++i) {
@@ -149,7 +152,7 @@ uint32_t storePlanned(ObjectDatabase *db) {
   for (const CachedValue *item : plan.names) {
     if (putNameObject(db, *item->objectId, item->field->fieldId, nameOf(item)) < 0) ++lost;
   }
-  // Their mapped files would be in memory for nothing.
+  // These two have all their records; their mapped files would take memory for nothing.
   _NQ_dbm_db_stop_buffering(db->objInfoDb);
   _NQ_dbm_db_stop_buffering(db->nameInfoDb);
   size_t start = 0;

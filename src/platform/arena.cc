@@ -11,14 +11,17 @@
 
 namespace {
 
+// Each block is twice as large as the one before: a small database takes little, and a large one
+// few calls of malloc.
 constexpr size_t smallestBlock = size_t{32} * 1024;
 constexpr size_t largestBlock = size_t{16} * 1024 * 1024;
 
-// Large pages spare most page faults, and most searches for where a page is. Memory is touched in
-// no order here, so that both are dear.
+// Huge pages save most page faults and most misses of the address cache (TLB). Both cost much here,
+// since values are visited in random order. Only a hint: what the kernel answers does not matter.
 void useLargePages(char *start, size_t bytes) {
   constexpr size_t largePage = size_t{2} * 1024 * 1024;
   if (bytes < 2 * largePage) return;
+  // madvise wants an address on a page boundary, and the block's header lies before the start.
   const auto pageSize = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
   const uintptr_t beyondPage = reinterpret_cast<uintptr_t>(start) % pageSize;
   madvise(start - beyondPage, bytes + beyondPage, MADV_HUGEPAGE);
@@ -37,6 +40,7 @@ Arena::~Arena() {
 void *Arena::take(size_t bytes) {
   constexpr size_t step = alignof(void *) > 8 ? alignof(void *) : 8;
   const size_t size = (bytes + step - 1) / step * step;
+  // A large piece gets a block of its own, so that what is left of the shared one stays in use.
   if (size > smallestBlock / 2) return newBlock(size);
   if (room_ < size) {
     blockSize_ = std::clamp(blockSize_ * 2, smallestBlock, largestBlock);
@@ -51,6 +55,7 @@ void *Arena::take(size_t bytes) {
 }
 
 char *Arena::newBlock(size_t bytes) {
+  // Rounded up to what malloc aligns to, so that the pieces are aligned too.
   constexpr size_t header = (sizeof(Block) + 15) / 16 * 16;
   auto *block = static_cast<Block *>(malloc(header + bytes));
   if (block == nullptr) failForWantOfMemory();

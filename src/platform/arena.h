@@ -1,4 +1,4 @@
-// Storage in pieces that all go at one time: cut from large blocks, one behind the other.
+// Storage that is released all at once: pieces are carved one after another out of large blocks.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ class Arena {
   char *newBlock(size_t bytes);
 
   Block *newest_ = nullptr;
-  char *next_ = nullptr;  // in the block that pieces are cut from
+  char *next_ = nullptr;  // where the next piece begins, in the newest shared block
   size_t room_ = 0;       // bytes left there
-  size_t blockSize_ = 0;  // its bytes
+  size_t blockSize_ = 0;  // bytes of that block
 };

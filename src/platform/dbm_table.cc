@@ -31,16 +31,16 @@ struct DbmTable {
   DbmEncoder encoder = nullptr;
   DbmScan scan = DbmScan::complete;
   bool isSound = true;     // what the structure of the file said when the latest scan began
-  uint64_t records = 0;    // that there were then
-  uint64_t scanned = 0;    // that the scan has met
-  uint64_t unreached = 0;  // that it has not, once it has ended
+  uint64_t records = 0;    // how many there were then
+  uint64_t scanned = 0;    // how many the scan has returned
+  uint64_t unreached = 0;  // how many it did not return, once it has ended
   bool lookFailed = false;
   int64_t added = 0;
-  int buffering = 0;  // brackets that are open, one in the other
+  int buffering = 0;  // open brackets, which may nest
   TableGrowth growth;
   HeldDeletions deletions{hashOf};
-  bool failed = false;  // something that was held back or reserved could not be settled
-  int reported = 0;     // failures that the log has
+  bool failed = false;  // a held deletion or the trim has failed: the next sync says so
+  int reported = 0;     // failures written to the log so far
   TableLock lock;
 
   static uint32_t hashOf(std::string_view key) { return _NQ_dbm_db_order(key.data(), key.size()); }
@@ -48,6 +48,7 @@ struct DbmTable {
 
 namespace {
 
+// As in store/tables.h, which this room does not know.
 constexpr char directorySuffix[] = ".dir";
 constexpr char pageSuffix[] = ".pag";
 
@@ -59,16 +60,17 @@ std::string_view toView(datum item) {
   return {item.dptr, static_cast<size_t>(item.dsize)};
 }
 
-// Call before anything that may allocate; failIfOutOfMemory then knows why it failed.
+// Called before anything that may allocate, so that failIfOutOfMemory can tell afterwards why it
+// failed.
 void forgetErrors() {
   errno = 0;
   gdbm_errno = GDBM_NO_ERROR;
 }
 
-// After every such call that has failed. The library does not always say so itself: a scan may end
-// and an open fail without its error for exhausted memory.
+// Called after every such call that has failed. The library does not always name the reason itself:
+// without memory a scan may just end, and an open fail with another error.
 void failIfOutOfMemory() {
-  if (gdbm_errno == GDBM_ITEM_NOT_FOUND) return;
+  if (gdbm_errno == GDBM_ITEM_NOT_FOUND) return;  // an answer, whatever errno says
   if (gdbm_errno == GDBM_MALLOC_ERROR || errno == ENOMEM) failForWantOfMemory();
 }
 
@@ -105,7 +107,7 @@ void settleDeletions(DbmTable *table);
 // The stored bytes; null when there are none, and then lookFailed tells absence from failure.
 datum fetch(DbmTable *table, datum key) {
   table->lookFailed = false;
-  if (table->deletions.contains(toView(key))) return {};
+  if (table->deletions.contains(toView(key))) return {};  // deleted, though still in the file
   forgetErrors();
   const datum stored = dbm_fetch(table->dbm, key);
   if (stored.dptr == nullptr) {
@@ -137,6 +139,8 @@ void lookAtStructure(DbmTable *table) {
   table->isSound = isSound(table, structure);
   table->records = structure.records;
   if (table->isSound) return;
+  // Of a damaged table neither count can be trusted. The larger one bounds the scan, which may lead
+  // in a circle.
   forgetErrors();
   gdbm_count_t counted = 0;
   if (gdbm_count(table->dbm->file, &counted) != 0) failIfOutOfMemory();
@@ -144,7 +148,8 @@ void lookAtStructure(DbmTable *table) {
 }
 
 // The end of a scan and a failure in it look alike, and a damaged table may end a scan early
-// without any error: only the count tells.
+// without any error: only the count tells. A scan that is not complete has left out 1 at least,
+// even where the count does not say which.
 void endScan(DbmTable *table, bool failed) {
   const bool complete = !failed && table->isSound && table->records == table->scanned;
   table->unreached = table->records > table->scanned ? table->records - table->scanned : !complete;
@@ -157,11 +162,12 @@ void mapFile(const DbmTable *table, int on) {
 
 void trimReserved(DbmTable *table) {
   if (!table->growth.isReserved()) return;
-  mapFile(table, 0);
+  mapFile(table, 0);  // first: a page that is mapped beyond the end of the file is a SIGBUS
   if (!table->growth.trim(dbm_pagfno(table->dbm))) table->failed = true;
 }
 
-// One change of the table through the library, with room made for it.
+// One change of the table through the library, with room made for it. Turning the map on again
+// overwrites both error codes, so they are saved.
 template <typename Change>
 int changeTable(DbmTable *table, size_t bytes, Change change) {
   forgetErrors();
@@ -177,8 +183,10 @@ int changeTable(DbmTable *table, size_t bytes, Change change) {
   return result;
 }
 
+// Inserts first and replaces only then, to learn whether the key is new: the proof of a run counts
+// new keys (_NQ_dbm_db_added).
 int storeBytes(DbmTable *table, std::string_view key, std::string_view bytes) {
-  settleDeletions(table);
+  settleDeletions(table);  // or a key that is deleted and stored again would be lost
   const auto store = [&](int mode) {
     return changeTable(table, key.size() + bytes.size(),
                        [&] { return dbm_store(table->dbm, toDatum(key), toDatum(bytes), mode); });
@@ -237,7 +245,8 @@ bool lookAtFile(const std::string &path, bool makes, struct stat *status) {
   return makes && errno == ENOENT && lstat(path.c_str(), &named) != 0 && errno == ENOENT;
 }
 
-// Whether what the library has opened is that file, or a new one in its place.
+// Whether what the library has opened is that file, or a new one in its place: somebody may have
+// put another file there between our look and the library's open.
 bool isThatFile(int fd, const std::string &path, const struct stat &status) {
   struct stat opened {};
   struct stat named {};
@@ -292,8 +301,8 @@ NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, m
     reportFailure(table.get(), "open");
     return nullptr;
   }
-  // The library would keep all blocks of keys in memory that it has met, 40 bytes a record. With
-  // few of them it is no slower: the file is mapped. A scan needs one at a time.
+  // The library would keep every block of keys in memory that it has met, 40 bytes a record. With
+  // few of them it is no slower, since the file is mapped. A scan needs one at a time.
   size_t blocks = isReadOnly ? 8 : 100;
   gdbm_setopt(table->dbm->file, GDBM_SETCACHESIZE, &blocks, sizeof blocks);
   return &table.release()->handle;
@@ -442,10 +451,11 @@ void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db) {
     --db->table->buffering;
     return;
   }
+  // While the bracket is still open, so that the deletions are bulk changes too.
   settleDeletions(db->table);
   db->table->buffering = 0;
   trimReserved(db->table);
-  mapFile(db->table, 0);
+  mapFile(db->table, 0);  // a mapped file would count as memory of the process
 }
 
 uint64_t _NQ_dbm_db_size(const NQ_dbm_db *db) {
@@ -457,6 +467,7 @@ void _NQ_dbm_db_expect(NQ_dbm_db *db, uint64_t size) {
   db->table->growth.expect(size);
 }
 
+// The hash of GNU dbm 1.23.
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength) {
   const auto *bytes = static_cast<const unsigned char *>(key);
   uint32_t hash = 0x238F13AFu * static_cast<uint32_t>(keyLength);

@@ -75,7 +75,7 @@ int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength);
 
 // The next record of a scan, decoded. Null at the end, after a failure of the library, and for a
 // record that the decoder refuses; _NQ_dbm_db_scan tells the three apart, and after a refused
-// record the next call goes on with the one behind it.
+// record the next call goes on with the one after it.
 void *_NQ_dbm_db_getnext(NQ_dbm_db *db);
 DbmScan _NQ_dbm_db_scan(const NQ_dbm_db *db);
 
@@ -86,7 +86,7 @@ uint64_t _NQ_dbm_db_unreached(const NQ_dbm_db *db);
 // The same walk without the decoder: false when there is no further record.
 bool _NQ_dbm_db_getnext_raw(NQ_dbm_db *db, DbmRecord *record);
 
-// What the table's decoder makes of bytes that such a walk gave.
+// Decodes bytes that _NQ_dbm_db_getnext_raw has given, with the table's decoder.
 void *_NQ_dbm_db_decode(NQ_dbm_db *db, std::string_view bytes);
 
 // Stores bytes as they are. 0, or -1 when the library fails.
@@ -110,27 +110,27 @@ bool _NQ_dbm_db_check_space(NQ_dbm_db *db);
 // How many records the table has gained through this handle: new keys stored less keys deleted.
 int64_t _NQ_dbm_db_added(const NQ_dbm_db *db);
 
-// Brackets bulk access, also one bracket in another; after the last stop all changes are in the
-// files. The count, which would bound what
-// may be held back in memory, has no effect: stores are never held back, and deletions have to be.
+// Bracket bulk access; brackets may nest. After the last stop all changes are in the files. The
+// count, which would bound what is held back in memory, has no effect: stores are never held back,
+// and deletions must be.
 //
-// While buffering, the file grows in advance (table_growth.h), and keys that are deleted are held
-// back (held_deletions.h): a look does not find them any more, and the file does not change. A
-// store, a scan, a sync and the stop carry them out first, in the order of _NQ_dbm_db_order. If the
-// file has lost its place in the directory by then, they are forgotten: it is not the table any
-// more. A deletion while buffering is therefore always a success; one that cannot be carried out
-// later makes the next sync fail.
+// While buffering, the file grows in advance (table_growth.h), and deletions are held back
+// (held_deletions.h): a deleted key is no longer found, but the file has not changed. A store, a
+// scan, a sync and the last stop carry the deletions out first, in the order of _NQ_dbm_db_order.
+// If the file is no longer the one at its path by then, they are dropped: a sweep has linked it
+// into the kept version and removed it, and it must stay as it was. A deletion while buffering
+// therefore always succeeds; one that fails later makes the next sync fail.
 void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t count);
 void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db);
 
-// The length of the table's file, and how long it will probably be when all is stored that is about
-// to be. Bulk access then makes it that long at once: at every later time the library writes out
-// and maps anew all that it has.
+// The length of the table's file, and a hint how long it will become. Bulk access then makes it
+// that long at its first store. Growing later costs more: the library writes out and maps again
+// all that it has by then.
 uint64_t _NQ_dbm_db_size(const NQ_dbm_db *db);
 void _NQ_dbm_db_expect(NQ_dbm_db *db, uint64_t size);
 
-// Bulk changes are cheapest in ascending order of this number, in which their keys' places lie one
-// behind the other (the library's hash). Only a hint: any order has the same result.
+// Bulk changes are cheapest in ascending order of this number (the library's hash of the key):
+// their places in the file then follow each other. Only a hint: any order has the same result.
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength);
 
 // Locking around each single access could not make two writers safe, since a handle caches what it

@@ -1,5 +1,5 @@
-// Keys whose deletion from a table is held back, in the order in which they came, with an index by
-// which each is found again. About 20 bytes a key beside its own.
+// Keys whose deletion from a table is held back, in the order in which they came, and a hash index
+// over them. Takes about 20 bytes a key besides its characters.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ class HeldDeletions {
 
   void add(std::string_view key) {
     if (contains(key)) return;
-    if (2 * (count_ + 1) > slots_.size()) grow();
+    if (2 * (count_ + 1) > slots_.size()) grow();  // at most half full, so that probing stays short
     const uint64_t start = bytes_.size();
     const auto length = static_cast<uint32_t>(key.size());
     bytes_.append(reinterpret_cast<const char *>(&length), sizeof length);

@@ -17,7 +17,8 @@ uint64_t fileLength(int fd) {
   return fstat(fd, &file) == 0 ? static_cast<uint64_t>(file.st_size) : 0;
 }
 
-// Up to there the file is in use; 0 when its header does not say.
+// The end of what is in use; 0 when the header does not say. The header of a damaged table may name
+// a place beyond the file.
 uint64_t endOfUse(int fd) {
   return std::min(nextFreeBlock(fd), fileLength(fd));
 }
@@ -28,6 +29,7 @@ bool TableGrowth::reserve(int fd, size_t bytes) {
   constexpr uint64_t smallest = uint64_t{256} * 1024;
   constexpr size_t placeOfKey = 64;  // in the blocks that hold the keys, which may be half empty
   if (wasTrimmed_) return false;
+  // Most stores end here: the header is read again only when the room seen last is used up.
   bytes += placeOfKey;
   if (bytes <= roomLeft_) {
     roomLeft_ -= bytes;
@@ -36,6 +38,7 @@ bool TableGrowth::reserve(int fd, size_t bytes) {
   roomLeft_ = smallest;  // also where nothing can be reserved
   const uint64_t used = endOfUse(fd);
   if (used == 0) return false;
+  // Less was used than the stores were charged with: an eighth of reserve is still there.
   if (used + used / 8 < reserved_) {
     roomLeft_ = (reserved_ - used) / 2;
     return false;

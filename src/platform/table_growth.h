@@ -1,11 +1,11 @@
 // Makes room in a table file ahead of many stores.
 //
 // Bulk stores are slow because the library remaps the whole file whenever it grows, and every page
-// faults anew. So while many are made, the file is made longer in advance, by half of what is in
-// use, and trimmed in the end. A million stores of 48 bytes in random order take a seventh of the
+// faults again. So during bulk access the file is made longer in advance, by half of what is in
+// use, and trimmed at the end. A million stores of 48 bytes in random order take a seventh of the
 // time that way, and in the order of the library's hash a sixteenth. Reserving space also turns a
-// full disk into an error instead of a SIGBUS. A file that is left long by a killed process makes
-// the library ask for recovery.
+// full disk into an error instead of a SIGBUS. If a killed process leaves the file long, the
+// library asks for recovery.
 #pragma once
 
 #include <cstddef>
@@ -13,11 +13,11 @@
 
 class TableGrowth {
  public:
-  // How long the file will probably be when all is stored: then it grows to that at once.
+  // How long the file will probably become: the first reservation then goes that far.
   void expect(uint64_t size) { expected_ = size + size / 7; }  // an eighth always stays in reserve
 
-  // Before a change that takes that many bytes. True if the file grew: the change must then run
-  // with the library's map off, or the library keeps the old length.
+  // Called before a change that takes that many bytes. True if the file grew: the change must then
+  // run with the library's map off, or the library keeps the old length.
   bool reserve(int fd, size_t bytes);
 
   // Trims the file to what is in use, but never below what it was: a damaged header may say

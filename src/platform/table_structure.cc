@@ -66,6 +66,7 @@ bool readAt(int fd, void *bytes, size_t count, uint64_t offset) {
   return got == static_cast<ssize_t>(count);
 }
 
+// Notes the first fault alone: later ones are mostly its consequences.
 bool fail(TableStructure *structure, StructureFault fault, const std::string &detail) {
   if (structure->isSound()) {
     structure->fault = fault;
@@ -83,7 +84,8 @@ using Space = std::pair<uint64_t, uint64_t>;  // offset and length
 // What is in use, collected while the buckets are read; null when nobody asks.
 using Spaces = std::vector<Space>;
 
-// The records of the bucket that the directory's entry `first` leads to.
+// Checks the records of the bucket that the directory's entry `first` leads to: the leading bits of
+// their hashes are the entry's number, or no lookup would find them there.
 bool checkRecords(const TablePages &pages, const Bucket &bucket, size_t first,
                   TableStructure *structure, Spaces *used) {
   const uint64_t offset = pages.directory()[first];
@@ -101,7 +103,8 @@ bool checkRecords(const TablePages &pages, const Bucket &bucket, size_t first,
 }
 
 // Every bucket is led to by 2^(directory bits - bucket bits) neighbouring entries, beginning at a
-// multiple of that, and by no others.
+// multiple of that, and by no others. Goes on after a fault, since the number of records in all
+// buckets is wanted even for a damaged table.
 bool checkDirectory(TablePages *pages, TableStructure *structure, Spaces *used) {
   const std::vector<uint64_t> &directory = pages->directory();
   std::vector<uint64_t> buckets;
@@ -132,6 +135,8 @@ bool checkDirectory(TablePages *pages, TableStructure *structure, Spaces *used) 
   return structure->isSound();
 }
 
+// Sorts everything that is in use or free by its offset: no two may overlap. Otherwise the library
+// would store a record over another one.
 bool checkSpace(const TablePages &pages, Spaces *spaces, TableStructure *structure) {
   if (!pages.readFreeSpaces(spaces)) {
     return fail(structure, StructureFault::space, "a list of free space is damaged");
@@ -179,6 +184,8 @@ bool TablePages::readHead(TableStructure *structure) {
   }
   freeListOffset_ = sizeof header;
   if (header.magic == magicWithSyncCounter) freeListOffset_ += syncCounterBytes;
+  // Every number is checked here before it is used below or in readBucket, without a sum that could
+  // overflow.
   constexpr uint32_t mostBits = hashBits;
   blockBytes_ = header.blockBytes;
   directoryOffset_ = static_cast<uint64_t>(header.directory);
@@ -195,6 +202,7 @@ bool TablePages::readHead(TableStructure *structure) {
       bucketRecords_ != (bucketBytes_ - sizeof(BucketHead)) / sizeof(BucketRecord)) {
     return fail(structure, StructureFault::header, "the header's numbers cannot be");
   }
+  // Noted only: a salvage still reads the buckets that are there.
   if (nextBlock_ > fileBytes_) {
     fail(structure, StructureFault::nextBlock,
          "the next free block, " + std::to_string(nextBlock_) +
@@ -253,6 +261,7 @@ bool TablePages::readFreeSpaces(std::vector<std::pair<uint64_t, uint64_t>> *spac
   std::vector<char> bytes(blockBytes_);
   uint64_t block = 0;  // the header's, then those of the chain
   uint64_t listOffset = freeListOffset_;
+  // No more blocks than the file has, since the chain of a damaged one may lead in a circle.
   for (uint64_t most = fileBytes_ / blockBytes_; most > 0; --most) {
     FreeList list{};
     // A block of the chain may be smaller than the others, and lie at the end of the file.
@@ -271,7 +280,7 @@ bool TablePages::readFreeSpaces(std::vector<std::pair<uint64_t, uint64_t>> *spac
     listOffset = 0;
     if (block < blockBytes_ || block > fileBytes_ || most == 1) return false;
   }
-  uint64_t before = 0;
+  uint64_t before = 0;  // neighbouring entries lead to the same bucket
   for (const uint64_t offset : directory_) {
     if (offset == before) continue;
     before = offset;

@@ -16,7 +16,7 @@ enum class StructureFault {
   unreadable,  // the file cannot be read, errno says why
   header,      // what the header says cannot be
   nextBlock,   // the header's next free block lies beyond the end of the file
-  directory,   // a bucket is not led to by just the neighbouring entries that its bits ask for
+  directory,   // the entries that lead to a bucket are not the neighbours that its bits call for
   bucket,      // a bucket's counters, or a record's place in it, cannot be
   space,       // free space overlaps something that is in use, or another free space
 };
@@ -47,11 +47,11 @@ class TablePages {
  public:
   explicit TablePages(int fd) : fd_(fd) {}
 
-  // Reads header and directory. False, and the structure says why, when they cannot be read; a next
-  // free block that is wrong does not stand in the way of that.
+  // Reads header and directory. False, and the structure says why, when they cannot be read. A
+  // wrong next free block is noted, and the directory is read all the same.
   bool readHead(TableStructure *structure);
 
-  // Reads the bucket at an offset. False when none of that form can be there.
+  // Reads the bucket at an offset. False when the bytes there cannot be a bucket.
   bool readBucket(uint64_t offset, Bucket *bucket);
 
   // The free spaces of the file that its own lists and those of the buckets name, as far as they
@@ -86,10 +86,10 @@ class TablePages {
 // the file does not begin like a table.
 uint64_t nextFreeBlock(int fd);
 
-// Looks at header, directory and buckets, which takes one read a bucket. An empty file is a table
-// that has just been made: sound, without records.
+// Looks at header, directory and buckets, with one read a bucket. An empty file is a table that has
+// just been made: sound, without records.
 TableStructure readStructure(int fd);
 
-// The same, and at the space that is free: before a table is changed in place, since the library
-// would write into it. Takes memory and time for every record.
+// Looks at the free space as well, for a table that is about to be changed in place: the library
+// writes into whatever the lists call free. Takes memory and time for every record.
 TableStructure readStructureAndSpace(int fd);

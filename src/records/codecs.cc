@@ -32,6 +32,8 @@ void *decodeDbObjectValue(const char *bytes, size_t length) {
 }
 
 int encodeDbObjectValue(const void *record, const char **bytes, size_t *length) {
+  // Single values are nearly all that a rewrite stores, and are cheaper without a call for each
+  // word.
   const XdrBuffer buffer = xdrBuffer(largestPlainRecord);
   if (buffer.bytes == nullptr) return -1;
   *bytes = buffer.bytes;

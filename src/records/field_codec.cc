@@ -29,7 +29,8 @@ bool_t codeSingleValue(XDR *stream, int32_t type, ValueWord *value) {
   }
 }
 
-// The array routine hands its element routine the stream and the entry alone.
+// The array routine hands its element routine the stream and the entry alone, so the type is passed
+// on here: one reason why the codecs are not re-entrant.
 int32_t listType;
 
 bool_t codeListEntry(XDR *stream, ValueListEntry *entry) {
@@ -42,17 +43,19 @@ bool_t codeList(XDR *stream, ValueList **list, int32_t type) {
     if (stream->x_op == XDR_FREE) return 1;
     if (stream->x_op == XDR_ENCODE || !allocateRecord(list)) return 0;
   }
+  // Before xdr_array would allocate it: that writes to standard error when memory runs out.
   if (stream->x_op == XDR_DECODE && !allocateArray(stream, &(*list)->entries, longestValueList)) {
     return 0;
   }
   const bool_t coded = xdr_array(stream, reinterpret_cast<char **>(&(*list)->entries),
                                  &(*list)->count, longestValueList, sizeof(ValueListEntry),
                                  reinterpret_cast<xdrproc_t>(codeListEntry));
-  if (stream->x_op == XDR_FREE) free(*list);
+  if (stream->x_op == XDR_FREE) free(*list);  // xdr_array has freed the entries
   return coded;
 }
 
-// The characters of a string behind its length word.
+// Decodes the characters that follow a string's length word. Every reader sees the string end at
+// its first NUL, which is counted.
 bool_t decodeCharacters(XDR *stream, char **string, u_int length) {
   if (*string == nullptr) *string = static_cast<char *>(malloc(length + 1));
   char *characters = *string;
@@ -64,7 +67,7 @@ bool_t decodeCharacters(XDR *stream, char **string, u_int length) {
   return 1;
 }
 
-// Releases what a value owns. A type that is none owns nothing.
+// Releases what a value owns. A value of an unknown type owns nothing.
 void freeParts(XDR *stream, NQwFieldValue *value) {
   if (value->isList != 0) {
     codeList(stream, &value->value.list, value->type);

@@ -5,7 +5,7 @@
 //     list          unsigned count (at most 1,000) | count times (value | bool entryFlag)
 //   NQwFieldInfo    unsigned 1 | dbkey fieldId | null string name | int type | unsigned flags
 //   null string     unsigned length (at most 256) | bytes, padded with zeros to a multiple of 4;
-//                   length FF FF FF FF and nothing behind it for a null pointer
+//                   length FF FF FF FF and nothing after it for a null pointer
 //
 // valueFlag does not travel: a decoded value has it 0. Any type but the four fails.
 #pragma once
@@ -23,8 +23,8 @@ bool_t xdr_fieldInfo(XDR *stream, NQwFieldInfo **info);
 // have room for longest + 1 characters.
 bool_t _NQ_xdr_nullstring(XDR *stream, char **string, u_int longest);
 
-// How many strings with a NUL inside have been decoded: what is behind the NUL is not in the
-// record, and would be lost if the record were written back.
+// How many strings with a NUL inside have been decoded: what follows the NUL is not in the record,
+// and would be lost if the record were written back.
 extern uint32_t cutStrings;
 
 // Release a decoded record; it must not be null.

@@ -15,7 +15,8 @@ uint32_t wordAt(std::string_view bytes, size_t index) {
   return ntohl(word);
 }
 
-// The length of a string, its characters and their padding, all that there is after `words`.
+// Reads the string that follows `words` words: its length, its characters, and padding up to the
+// end of the record. A string with a NUL inside is left to the decoder, which counts it.
 bool viewText(std::string_view bytes, size_t words, RecordView *view) {
   const uint32_t length = wordAt(bytes, words);
   const size_t start = (words + 1) * wordSize;
@@ -27,7 +28,7 @@ bool viewText(std::string_view bytes, size_t words, RecordView *view) {
   return length == 0 || memchr(view->text.data(), '\0', length) == nullptr;
 }
 
-// Both ids, each behind its version.
+// Both ids, each after its version word.
 bool viewIds(std::string_view bytes, RecordView *view) {
   view->objectId = wordAt(bytes, 1);
   view->fieldId = wordAt(bytes, 3);
@@ -51,7 +52,8 @@ bool viewDbObjectValue(std::string_view bytes, RecordView *view) {
   view->value = {0, type, {}, 0};
   view->hasText = false;
   if (type == String && word != nullMarker) return viewText(bytes, 7, view);
-  if (bytes.size() != 8 * wordSize) return false;
+  if (bytes.size() != 8 * wordSize)
+    return false;  // what follows the record is the decoder's to tell
   if (type == String) return true;
   view->value.value.number = type == Boolean ? word != 0 : static_cast<int32_t>(word);
   return true;
@@ -77,7 +79,7 @@ size_t writeDbObjectValue(const dbObjectValue &record, char *bytes) {
   }
   const size_t padded = (length + 3) / wordSize * wordSize;
   if (length > 0) {
-    memset(bytes + padded - wordSize, 0, wordSize);
+    memset(bytes + padded - wordSize, 0, wordSize);  // the padding lies in the last word
     memcpy(bytes, text, length);
   }
   return sizeof words + padded;

@@ -7,8 +7,8 @@
 
 namespace {
 
-// The steps that every allocated record shares: take storage when decoding into nothing, code the
-// members, release the record behind its members.
+// The steps that every allocated record shares: allocate when decoding into nothing, code the
+// members, release the record after its members.
 template <typename Record, typename Members>
 bool_t codeRecord(XDR *stream, Record **record, Members codeMembers) {
   if (record == nullptr) return 0;
@@ -43,6 +43,7 @@ bool_t xdr_dbFieldInfo(XDR *stream, dbFieldInfo **record) {
 }
 
 bool_t xdr_dbObject(XDR *stream, dbObject **record) {
+  // Static, since a load decodes one for every name and copies what it keeps.
   static dbObject decoded;
   if (record == nullptr) return 0;
   if (stream->x_op == XDR_FREE) return 1;
