@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "store/error_report.h"
+#include "platform/report.h"
 
 void makeValueKey(TableKey *key, uint32_t objectId, uint32_t fieldId) {
   static uint32_t words[2];
@@ -40,6 +40,6 @@ int delValueObject(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId) {
   TableKey key;
   makeValueKey(&key, objectId, fieldId);
   if (_NQ_dbm_db_delete(db->valueInfoDb, key.bytes, key.length) >= 0) return 1;
-  traceMessage("Error in delValueObject.");
+  NQuTraceS(databaseComponent, databaseTraceClass, "nqw", 1, 0, "Error in delValueObject.");
   return 0;
 }

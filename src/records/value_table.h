@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include "records/object_database.h"
 #include "records/table_records.h"
-#include "store/database.h"
 
 // object id, field id: 8 bytes in host order, valid until the next key is made.
 void makeValueKey(TableKey *key, uint32_t objectId, uint32_t fieldId);

@@ -1,31 +1,11 @@
-// The handle of one opened object database: its six tables, and how it is opened and closed.
+// How the handle of an object database is opened and closed, and bulk access to its tables.
 #pragma once
 
 #include <cstdint>
 #include <ctime>
 #include <string>
 
-#include "platform/dbm_table.h"
-
-// A key as the table layer takes it.
-struct TableKey {
-  const void *bytes;
-  size_t length;
-};
-
-// Malloc storage, owned by whoever opened it. A null table is not open.
-struct ObjectDatabase {
-  NQ_dbm_db *idKeeperDb;
-  NQ_dbm_db *fieldInfoDb;
-  NQ_dbm_db *objInfoDb;
-  NQ_dbm_db *valueInfoDb;
-  NQ_dbm_db *nameInfoDb;
-  NQ_dbm_db *enumInfoDb;
-  NQ_dbm_list *fieldList;  // items are NQwFieldInfo; null until loadFieldList
-  int32_t fieldCount;      // nodes in fieldList
-  time_t version;          // 0 for "current", else the time that names an archived version
-  uint32_t bufferCount;    // records handed to _NQ_dbm_db_start_buffering
-};
+#include "records/object_database.h"
 
 // One of the six by its place in tables.h.
 NQ_dbm_db *&tableOf(ObjectDatabase *db, size_t table);
