@@ -30,8 +30,8 @@ void SyncedDisk::synced(const fs::path &path, size_t begin, size_t end) {
     }
     return;
   }
-  std::ifstream stream(path, std::ios::binary);
-  const std::string now{std::istreambuf_iterator<char>(stream), {}};
+  std::string now(static_cast<size_t>(status.st_size), '\0');
+  std::ifstream(path, std::ios::binary).read(now.data(), status.st_size);
   std::string &content = files_[status.st_ino];
   content.resize(now.size());
   if (begin < now.size()) content.replace(begin, end - begin, now, begin, end - begin);

@@ -216,7 +216,9 @@ TEST_F(Faults, ADiskCanBeFull) {
     if (exists(currentDir + "/value_info.pag") || exists(root + "/filler")) return;
     writeFile(root + "/filler", std::string(200 * 1024, '\0'));
   };
-  const long step = 4 * (300 / static_cast<long>(pointsToTry(sanitized ? 75 : 300).size()));
+  // In KiB; in larger steps no size would be one of those at which a run is broken off.
+  const long step =
+      std::min(100L, 4 * (300 / static_cast<long>(pointsToTry(sanitized ? 75 : 300).size())));
   int sizes = 0, tooSmall = 0, refused = 0, broken = 0, done = 0;
   for (long size = 4; done < 10; size += step, ++sizes) {
     const auto &[command, after] = runs[static_cast<size_t>(sizes) % 3];
