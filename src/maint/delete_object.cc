@@ -8,6 +8,7 @@
 #include "internal/iGetFV.h"
 #include "internal/loaders.h"
 #include "internal/stored_values.h"
+#include "records/codecs.h"
 #include "records/value_table.h"
 #include "store/error_report.h"
 #include "store/name_table.h"
@@ -115,11 +116,33 @@ bool enterAgain(const Name &name, ObjectDatabase *db) {
   return bearer == nullptr || putNameObject(db, *bearer, name.fieldId, name.text.c_str()) >= 0;
 }
 
-// Every record under a key of the object and of a field that there is.
+// Whether the library can look for every record that the object may have under a field.
+bool canLookFor(uint32_t objectId, uint32_t fieldId, ObjectDatabase *db) {
+  const char *name = getObjectName(db, objectId, fieldId);
+  if (_NQ_dbm_db_look_failed(db->objInfoDb)) return false;
+  if (name != nullptr) getNameObjectId(db, fieldId, name);
+  if (name != nullptr && _NQ_dbm_db_look_failed(db->nameInfoDb)) return false;
+  dbObjectValue *value = getValueObject(db, objectId, fieldId);
+  if (value != nullptr) freeDbObjectValue(value);
+  return !_NQ_dbm_db_look_failed(db->valueInfoDb);
+}
+
+// Every record under a key of the object and of a field that there is. Where the load has not met
+// all records, nothing else finds those of the object. One that the library cannot look for cannot
+// be deleted either: then the object keeps the others too, its name above all.
 bool deleteByKeys(uint32_t objectId, ObjectDatabase *db) {
+  std::vector<const NQwFieldInfo *> fields;
   for (_HashIter each(FieldInfoCache); each() != nullptr; each++) {
-    const NQwFieldInfo *field = static_cast<const FieldCacheEntry *>(each()->data())->info;
-    if (deleteStoredValue(objectId, field->fieldId, field->flags, db) == 0) return false;
+    fields.push_back(static_cast<const FieldCacheEntry *>(each()->data())->info);
+  }
+  for (const NQwFieldInfo *field : fields) {
+    if (!canLookFor(objectId, field->fieldId, db)) return false;
+  }
+  for (const NQwFieldInfo *field : fields) {
+    const uint32_t id = field->fieldId;
+    if (deleteStoredValue(objectId, id, field->flags, db) == 0) return false;
+    const bool mayHaveName = (field->flags & nameFieldFlag) != 0;
+    if (mayHaveName && delUnreadableName(db, objectId, id) == 0) return false;
   }
   return true;
 }
@@ -131,9 +154,10 @@ int deleteObjectInPlace(uint32_t objectId) {
   const ObjCacheEntry *object = ObjValCache->find(objectId);
   std::vector<Name> names;
   if (object != nullptr && db != nullptr) names = namesOf(object, db);
+  const bool isPartlyRead = loadLosses.unreadable > 0 && db != nullptr;
+  if (isPartlyRead && !deleteByKeys(objectId, db)) return -1;
   if (_nqwDbDeleteObject(objectId) != 0) return -1;
   if (db == nullptr) return 0;
-  if (loadLosses.unreadable > 0 && !deleteByKeys(objectId, db)) return -1;
   for (const Name &name : names) {
     if (!enterAgain(name, db)) return -1;
   }

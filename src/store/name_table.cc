@@ -101,3 +101,7 @@ int delNameObject(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId, const
   if (!deleteKey(db->objInfoDb, objInfoKey(objectId, fieldId))) return 0;
   return deleteKey(db->nameInfoDb, nameInfoKey(fieldId, name)) ? 1 : 0;
 }
+
+int delUnreadableName(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId) {
+  return deleteKey(db->objInfoDb, objInfoKey(objectId, fieldId)) ? 1 : 0;
+}

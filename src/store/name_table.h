@@ -29,3 +29,6 @@ int putNameObject(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId, const
 // 1 when both records are gone, also when they were never there; 0 on a failure, which is traced
 // and ends the operation.
 int delNameObject(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId, const char *name);
+
+// The same for a record of obj_info alone, whose name cannot be read.
+int delUnreadableName(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId);

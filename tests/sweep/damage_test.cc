@@ -153,6 +153,9 @@ class RawTable {
   void put(size_t offset, Word word) {
     if (offset + sizeof word <= bytes.size()) memcpy(&bytes[offset], &word, sizeof word);
   }
+  size_t bucket(size_t entry) const {
+    return static_cast<size_t>(at<uint64_t>(directory() + 8 * entry));
+  }
   size_t directory() const { return static_cast<size_t>(at<uint64_t>(8)); }
   size_t entries() const { return at<uint32_t>(16) / sizeof(uint64_t); }
 
@@ -182,6 +185,30 @@ class RawTable {
  public:
   std::string bytes;
 };
+
+// An object whose values cannot all be looked for keeps its names too: it is whole, or it is gone.
+TEST_F(Damage, NoObjectIsDeletedByHalf) {
+  const RawTable whole(currentDir + "/value_info.pag");
+  std::set<size_t> buckets;
+  for (size_t entry = 0; entry < whole.entries(); ++entry) buckets.insert(whole.bucket(entry));
+  ASSERT_GT(buckets.size(), 1u);
+  const auto names = [] { return run("objdb dump --table obj_info --table name_info").out; };
+  const std::string before = names();
+  for (const size_t bucket : buckets) {
+    SCOPED_TRACE("bucket at " + std::to_string(bucket));
+    start.putBack();
+    RawTable table = whole;
+    table.put(bucket, ~0u);
+    table.write();
+    saveTables();
+    const Outcome outcome = sweep("-d '3 20 41 58 75 92 110 127 139 150'");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.err, testing::HasSubstr("kept in " + onlyVersion() + ": "));
+    EXPECT_THAT(outcome.err, testing::HasSubstr(" could not be read; 10 objects could not be del"));
+    EXPECT_EQ(run("diff -r " + saved + "/current " + onlyVersion()).status, 0);
+    EXPECT_EQ(names(), before);
+  }
+}
 
 // Puts one thing wrong that the library does not look at, or not always.
 std::string damageStructure(RawTable &table, std::mt19937 &random) {

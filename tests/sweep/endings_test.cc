@@ -130,22 +130,27 @@ void slowCleanup(int) {
   for (;;) pause();
 }
 
-int endWith(void (*cleanup)(int), int number) {
+pid_t startWith(void (*cleanup)(int), int number) {
   const pid_t child = fork();
   if (child == 0) {
     installSignalHandlers(cleanup);
-    alarm(0);
     raise(number);
     _exit(98);
   }
-  return endOf(child);
+  return child;
+}
+
+int endWith(void (*cleanup)(int), int number) {
+  return endOf(startWith(cleanup, number));
 }
 
 TEST_F(Endings, AFaultInTheCleanupEndsTheRunWithoutAnother) {
   EXPECT_EQ(endWith(faultyCleanup, SIGUSR1), 1);
   EXPECT_EQ(endWith(faultyCleanup, SIGSEGV), 1);
   EXPECT_EQ(endWith(faultyCleanup, SIGTERM), 98) << "an ignored signal has no cleanup";
-  EXPECT_EQ(endWith(slowCleanup, SIGUSR1), 1) << "a cleanup that is stuck is given up";
+  const pid_t stuck = startWith(slowCleanup, SIGUSR1), late = startWith(slowCleanup, SIGALRM);
+  EXPECT_EQ(endOf(stuck), 1) << "a cleanup that is stuck is given up";
+  EXPECT_EQ(endOf(late), 1) << "and so is that of the alarm itself";
 }
 
 // From too little memory to load anything to more than enough. The processes that the run starts

@@ -86,6 +86,21 @@ TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
   }
 }
 
+// What the load has not met is deleted by its keys: no object loses its name and keeps a value.
+TEST_F(WayBack, WhatCouldNotBeReadGoesWithItsObject) {
+  const std::string unreadableName =
+      R"({"table":"obj_info","object":7,"field":11,"name":"x","bytes":"ff"})";
+  load(network + Lines{rawValue("ff"), unreadableName});
+  saveTables();
+  const Outcome outcome = sweep("-d 7");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, dialogue + loading + "dbsweep: Total number of objects in DB is 2\n" +
+                             deleted(7) +
+                             keptMessage("2 records could not be read", onlyVersion()));
+  EXPECT_EQ(run("diff -r " + saved + "/current " + onlyVersion()).status, 0);
+  EXPECT_EQ(sorted(dump()), sorted(without(network, {7})));
+}
+
 TEST_F(WayBack, WhereItIsNotClearWhatToDeleteNothingIs) {
   const auto field = [](int id, const char *name, const char *type) {
     return R"({"table":"field_info","field":)" + std::to_string(id) + R"(,"name":")" + name +
@@ -172,20 +187,31 @@ TEST_F(WayBack, OnlyRegularFilesAreTables) {
     EXPECT_EQ(run("ls -A " + root).out, "current\n");
   }
   EXPECT_EQ(sorted(dump()), sorted(network));
+  if (!hasOtherUsers()) return;
+  putTablesBack();
+  ASSERT_EQ(run("cd " + currentDir + " && mv value_info.pag /usr/NQ/tmp/there && " +
+                "ln -s /usr/NQ/tmp/there value_info.pag && chown -h 1000 value_info.pag")
+                .status,
+            0);
+  EXPECT_THAT(sweep("-m").err, testing::EndsWith(cannotOpen)) << "another user's link";
 }
 
 // A private database stays private, and nothing that another user has prepared is used.
 TEST_F(WayBack, VersionsAreAsPrivateAsTheirTables) {
   load(network + Lines{rawValue("ff")});
-  ASSERT_EQ(run("chmod 750 " + currentDir + "; chmod 640 " + currentDir + "/value_info.pag; " +
-                "mkdir /usr/NQ/victim; : >/usr/NQ/victim/precious; " + "ln -s /usr/NQ/victim " +
-                root + "/.dbsweep-make; " + "ln -s /usr/NQ/victim " + root + "/.dbsweep-abcdef")
-                .status,
-            0);
+  const std::string chown = hasOtherUsers() ? "chown -h 1000:1001 " : ": ";
+  const std::string owner = hasOtherUsers() ? " 1000 1001\n" : " 0 0\n";
+  const auto prepare = [&](const std::string &command) { ASSERT_EQ(run(command).status, 0); };
+  prepare("cd " + currentDir + "; chmod 640 value_info.pag; " + chown +
+          ". value_info.pag; chmod 2750 .");
+  prepare("mkdir /usr/NQ/victim; : >/usr/NQ/victim/precious; cd " + root +
+          "; ln -s /usr/NQ/victim .dbsweep-make; ln -s /usr/NQ/victim .dbsweep-abcdef; " + chown +
+          ".dbsweep-abcdef; mkdir .dbsweep-opened; : >.dbsweep-opened/precious");
   EXPECT_EQ(sweep("-d 8").status, 1);
-  EXPECT_EQ(run("stat -c %a " + root + "/[0-9]* " + root + "/[0-9]*/value_info.pag").out,
-            "750\n640\n");
+  EXPECT_EQ(run("stat -c '%a %u %g' " + root + "/[0-9]* " + root + "/[0-9]*/value_info.pag").out,
+            "2750" + owner + "640" + owner);
   EXPECT_TRUE(exists("/usr/NQ/victim/precious"));
+  EXPECT_TRUE(exists(root + "/.dbsweep-opened/precious")) << "no directory that a run has made";
 }
 
 TEST_F(WayBack, TheTraceTellsWhatWasDoneAndAFullDiskWhatWasNot) {
