@@ -209,10 +209,11 @@ TEST_F(Objdb, ADumpEndsWithAnErrorAtWhatItCannotRead) {
 
 // Each row works in the database directory, where $V is an archived version of "current".
 TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
+  const std::string owner = hasOtherUsers() ? "1000 1001" : "0 0";
   const struct {
     const char *command;
     int status;
-    const char *text;  // of what is said, on either output
+    std::string text;  // of what is said, on either output
     int versions;      // that there are afterwards
     bool changed = false;
   } cases[] = {
@@ -241,7 +242,14 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
        "current\" is no directory; nothing was", 2},
       {"touch $V/unfinished; mkdir current/sub; objdb restore $V; ls */", 0, "sub", 2},
       {"touch $V/unfinished; rm current/name_info.*; objdb restore $V && objdb versions", 0, "", 1},
-      {"chmod 2775 current; objdb restore $V; stat -c %a current", 0, "2775", 2},
+      {"chown 1000:1001 current; chmod 2775 current; objdb restore $V; stat -c '%a %u %g' current",
+       0, "2775 " + owner, 2},
+      {"chown 1000:1001 current; chmod 750 current; touch $V/unfinished; objdb restore $V; stat -c "
+       "'%a %u %g' current",
+       0, "750 " + owner, 1},
+      {"chown 1000:1001 current; objdb archive >x; stat -c '%a %u %g' $(cat x); stat -c %u "
+       "$(cat x)/id_keeper.pag",
+       0, "777 " + owner + "\n0\n", 2},
       {"objdb restore nothing", 2, "no version \"nothing\"", 1},
       {"touch $V/unfinished; objdb remove $V", 2, "with --force", 1},
       {"touch $V/unfinished; objdb remove --force $V", 0, "", 0},

@@ -55,9 +55,8 @@ ObjdbStatus putInPlace(const std::string &database, const Version &version, Work
   if (!makeCurrent(database, work, keeps, &replaced, &error)) {
     throw CommandFailure(error + "; nothing was changed");
   }
-  if (error.empty() && version.unfinished && finishVersion(version, &error) && !keeps &&
-      !replaced.name.empty()) {
-    removeVersion(database, replaced, &error);
+  if (error.empty() && version.unfinished && finishVersion(version, &error)) {
+    work->removeReplaced(&error);
   }
   if (keeps && !replaced.name.empty()) puts(replaced.name.c_str());
   if (error.empty()) return objdbFine;

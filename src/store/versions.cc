@@ -191,17 +191,16 @@ bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, V
     }
     return work->publish(currentName, like, error);
   }
-  Version fresh{};
-  if (keeps ? !publishByTime(work, database, &fresh, error) : !work->prepare(like, error)) {
-    return false;
-  }
-  const std::string exchanged = work->name();
-  if (!work->exchange(currentName, error)) {
+  if (!keeps) {
+    if (!work->replace(currentName, like, error)) return false;
+  } else {
+    if (!publishByTime(work, database, before, error)) return false;
     std::string ignored;
-    if (keeps) work->retract(&ignored);
-    return false;
+    if (!work->exchange(currentName, error)) {
+      work->retract(&ignored);
+      return false;
+    }
   }
-  *before = {exchanged, pathIn(database, exchanged), false};
   error->clear();  // names that were taken
   if (syncDirectory(database) != 0) failAttempt("sync", database, error);
   return true;

@@ -68,9 +68,9 @@ bool finishVersion(const Version &version, std::string *error);
 
 // Makes the work directory's tables those of "current", at once: the two exchange their names, so
 // that "current" is always there and whole. If what it was is to be kept, the work directory
-// becomes a version before that, so that its name is one, *before, from then on; otherwise *before
-// is where to remove it from. Where there is no "current", the work directory takes that name, and
-// *before has none. True once "current" is the new one, though *error says what failed after that.
+// becomes a version before that, so that its name is one, *before, from then on; otherwise it is
+// the work directory's to remove. Where there is no "current", the work directory takes that name,
+// and *before has none. True once "current" is the new one, though *error says what failed after.
 bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, Version *before,
                  std::string *error);
 

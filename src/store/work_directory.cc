@@ -17,6 +17,7 @@
 namespace {
 
 constexpr char prefix[] = ".dbsweep-";
+constexpr char replacedName[] = "replaced";  // in a work directory
 constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 bool isSameFile(const struct stat &a, const struct stat &b) {
@@ -35,6 +36,20 @@ std::string workName() {
   std::string name = prefix;
   for (const unsigned char each : random) name += letters[each % (sizeof letters - 1)];
   return name;
+}
+
+// The files of a work directory, and those of a directory that it was to replace.
+int removeContents(int directory) {
+  const Descriptor replaced(openat(directory, replacedName, directoryFlags));
+  if (replaced.isOpen() &&
+      (removeFiles(replaced.get()) != 0 || unlinkat(directory, replacedName, AT_REMOVEDIR) != 0)) {
+    return -1;
+  }
+  return removeFiles(directory);
+}
+
+bool isPrivate(const struct stat &directory) {
+  return directory.st_uid == geteuid() && (directory.st_mode & 0777) == 0700;
 }
 
 }  // namespace
@@ -72,8 +87,7 @@ std::unique_ptr<WorkDirectory> WorkDirectory::makeOnce(const std::string &databa
   Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags));
   struct stat made {};
   // Somebody else may have put another directory there meanwhile.
-  const bool ours = directory.isOpen() && fstat(directory.get(), &made) == 0 &&
-                    made.st_uid == geteuid() && (made.st_mode & 0777) == 0700;
+  const bool ours = directory.isOpen() && fstat(directory.get(), &made) == 0 && isPrivate(made);
   if (!ours || flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
     failAttempt("make", path, error);
     const int reason = errno;
@@ -106,7 +120,7 @@ std::unique_ptr<WorkDirectory> WorkDirectory::take(const std::string &database,
 
 WorkDirectory::~WorkDirectory() {
   if (published_ || !hasName(name_)) return;
-  if (removeFiles(fd()) == 0) unlinkat(database_.get(), name_.c_str(), AT_REMOVEDIR);
+  if (removeContents(fd()) == 0) unlinkat(database_.get(), name_.c_str(), AT_REMOVEDIR);
 }
 
 bool WorkDirectory::hasName(const std::string &name) const {
@@ -182,11 +196,12 @@ bool WorkDirectory::retract(std::string *error) {
     errno = ENOENT;
     return failAttempt("find", named, error);
   }
-  // Known as a leftover from here on, should the process die.
+  // Known as a leftover as soon as it has the name, should the process die or the power fail.
   [[maybe_unused]] const int owned = fchown(fd(), geteuid(), getegid());
   const std::string fresh = workName();
-  if (fchmod(fd(), 0700) != 0 || renameat2(database_.get(), named.c_str(), database_.get(),
-                                           fresh.c_str(), RENAME_NOREPLACE) != 0) {
+  if (fchmod(fd(), 0700) != 0 || fsync(fd()) != 0 ||
+      renameat2(database_.get(), named.c_str(), database_.get(), fresh.c_str(), RENAME_NOREPLACE) !=
+          0) {
     return failAttempt("rename", named, error);
   }
   name_ = fresh;
@@ -195,13 +210,8 @@ bool WorkDirectory::retract(std::string *error) {
   return true;
 }
 
-bool WorkDirectory::prepare(const struct stat &like, std::string *error) {
-  [[maybe_unused]] const int owned = fchown(fd(), like.st_uid, like.st_gid);
-  return (fchmod(fd(), like.st_mode & 07777) == 0 && fsync(fd()) == 0) ||
-         failAttempt("sync", name_, error);
-}
-
-bool WorkDirectory::exchange(const std::string &name, std::string *error) {
+bool WorkDirectory::exchangeNames(int from, const std::string &entry, const std::string &name,
+                                  std::string *error) {
   struct stat other {};
   // The names of what is no directory are not exchanged: a link leads to files that are elsewhere.
   if (fstatat(database_.get(), name.c_str(), &other, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -211,8 +221,7 @@ bool WorkDirectory::exchange(const std::string &name, std::string *error) {
     errno = ENOTDIR;
     return failAttempt("exchange", name, error);
   }
-  if (renameat2(database_.get(), name_.c_str(), database_.get(), name.c_str(), RENAME_EXCHANGE) !=
-      0) {
+  if (renameat2(from, entry.c_str(), database_.get(), name.c_str(), RENAME_EXCHANGE) != 0) {
     return failAttempt("exchange", name, error);
   }
   name_ = name;
@@ -220,8 +229,34 @@ bool WorkDirectory::exchange(const std::string &name, std::string *error) {
   return true;
 }
 
+bool WorkDirectory::exchange(const std::string &name, std::string *error) {
+  return exchangeNames(database_.get(), name_, name, error);
+}
+
+bool WorkDirectory::replace(const std::string &name, const struct stat &like, std::string *error) {
+  // From here on it may be another user's, and so may be what it replaces. Inside a work directory
+  // both are still known as a leftover, should the process die.
+  auto enclosing = make("/proc/self/fd/" + std::to_string(database_.get()), error);
+  if (enclosing == nullptr) return false;
+  if (renameat2(database_.get(), name_.c_str(), enclosing->fd(), replacedName, RENAME_NOREPLACE) !=
+      0) {
+    return failAttempt("rename", name_, error);
+  }
+  [[maybe_unused]] const int owned = fchown(fd(), like.st_uid, like.st_gid);
+  const bool isReady =
+      fchmod(fd(), like.st_mode & 07777) == 0 && fsync(fd()) == 0 && fsync(enclosing->fd()) == 0;
+  if (!isReady) failAttempt("sync", name_, error);
+  replaced_ = std::move(enclosing);
+  published_ = true;  // whatever happens, what lies in the other directory goes with that one
+  return isReady && exchangeNames(replaced_->fd(), replacedName, name, error);
+}
+
+bool WorkDirectory::removeReplaced(std::string *error) {
+  return replaced_ == nullptr || replaced_->remove(error);
+}
+
 bool WorkDirectory::remove(std::string *error) {
-  if (removeFiles(fd()) != 0 || unlinkat(database_.get(), name_.c_str(), AT_REMOVEDIR) != 0) {
+  if (removeContents(fd()) != 0 || unlinkat(database_.get(), name_.c_str(), AT_REMOVEDIR) != 0) {
     return failAttempt("remove", name_, error);
   }
   published_ = true;  // nothing is left for the destructor
@@ -242,8 +277,9 @@ void removeLeftovers(const std::string &database) {
   for (const std::string &name : names) {
     const Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags | O_NONBLOCK));
     struct stat status {};
-    if (directory.isOpen() && fstat(directory.get(), &status) == 0 && status.st_uid == geteuid() &&
-        flock(directory.get(), LOCK_EX | LOCK_NB) == 0 && removeFiles(directory.get()) == 0) {
+    // A directory that others may write to could have been moved there by them.
+    if (directory.isOpen() && fstat(directory.get(), &status) == 0 && isPrivate(status) &&
+        flock(directory.get(), LOCK_EX | LOCK_NB) == 0 && removeContents(directory.get()) == 0) {
       unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
     }
   }

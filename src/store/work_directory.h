@@ -50,12 +50,14 @@ class WorkDirectory {
   // The same where a directory without entries may stand, whose place it takes.
   bool publishOver(const std::string &name, const struct stat &like, std::string *error);
 
-  // Gives it the owner, group and mode of the directory `like`, for an exchange of names, with what
-  // is in it on the disk.
-  bool prepare(const struct stat &like, std::string *error);
-
-  // Exchanges the names of this directory and of another one, at once.
+  // Exchanges the names of this published directory and of another one, at once.
   bool exchange(const std::string &name, std::string *error);
+
+  // Puts it in the place of the directory NAME, at once and with the owner, group and mode of
+  // `like`. What stood there goes with removeReplaced (false, and *error says why, when that
+  // fails), or else with this object.
+  bool replace(const std::string &name, const struct stat &like, std::string *error);
+  bool removeReplaced(std::string *error);
 
   // Takes a published directory's name away again; the destructor will remove it.
   bool retract(std::string *error);
@@ -73,6 +75,10 @@ class WorkDirectory {
   // Null with errno ENOENT when the directory was removed again before it was locked.
   static std::unique_ptr<WorkDirectory> makeOnce(const std::string &database, std::string *error);
 
+  // Exchanges the names of an entry of a directory and of a directory of the database.
+  bool exchangeNames(int from, const std::string &entry, const std::string &name,
+                     std::string *error);
+
   // Whether the directory still stands under that name.
   bool hasName(const std::string &name) const;
 
@@ -80,6 +86,7 @@ class WorkDirectory {
   Descriptor directory_;
   std::string name_;
   bool published_ = false;
+  std::unique_ptr<WorkDirectory> replaced_;  // the work directory in which the replaced one lies
 };
 
 // Removes what dead processes have left of work directories of this user.

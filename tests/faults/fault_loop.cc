@@ -239,6 +239,12 @@ bool holdLines(const Versions &versions, const Lines &lines) {
   });
 }
 
+bool hasLeftovers() {
+  return std::ranges::any_of(fs::directory_iterator(database), [](const auto &entry) {
+    return entry.path().filename().string().starts_with(".");
+  });
+}
+
 // What the operator does next: a run, and the restore that it asks for.
 void expectAWayOn(const Round &round) {
   static std::unordered_map<std::string, bool> known;
@@ -263,6 +269,9 @@ void expectAWayOn(const Round &round) {
   const Outcome next = runAlone(count, "yes\n");
   ASSERT_EQ(next.status, 0) << "the next run: " << next.err;
   ASSERT_EQ(linesOf("current"), *current);
+  if (!hasLeftovers()) return;
+  ASSERT_EQ(runAlone({"objdb", "archive"}).status, 0);
+  ASSERT_FALSE(hasLeftovers()) << "what the dead process has left stays";
 }
 
 std::string standsFor(const std::string &argument, const Versions &versions) {
@@ -292,8 +301,7 @@ Snapshot Snapshot::take() {
     struct stat status {};
     if (lstat(path.c_str(), &status) != 0) continue;
     const bool isDirectory = S_ISDIR(status.st_mode);
-    snapshot.files_.push_back(
-        {path, status.st_mode & 07777, isDirectory, isDirectory ? "" : readFile(path)});
+    snapshot.files_.push_back({path, status, isDirectory, isDirectory ? "" : readFile(path)});
   }
   return snapshot;
 }
@@ -311,7 +319,8 @@ void Snapshot::putBack() const {
       close(fd);
       ASSERT_EQ(written, static_cast<ssize_t>(file.content.size())) << file.path;
     }
-    chmod(file.path.c_str(), file.mode);
+    ASSERT_EQ(chown(file.path.c_str(), file.status.st_uid, file.status.st_gid), 0);
+    chmod(file.path.c_str(), file.status.st_mode & 07777);
   }
   fs::remove("/usr/NQ/conf/dbsweep.lock");
   for (const auto &entry : fs::directory_iterator("/usr/NQ/log")) fs::remove(entry);

@@ -5,6 +5,8 @@
 // judge of its own where nothingIsLost says too little.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <functional>
 #include <map>
@@ -25,7 +27,7 @@ class Snapshot {
  private:
   struct File {
     std::string path;
-    unsigned mode;
+    struct stat status;
     bool isDirectory;
     std::string content;
   };

@@ -22,11 +22,17 @@ void SyncedDisk::synced(const fs::path &path, size_t begin, size_t end) {
   if (S_ISDIR(status.st_mode)) {
     auto &entries = directories_[status.st_ino];
     entries.clear();
+    modes_[status.st_ino] = status.st_mode & 07777;
     for (const auto &entry : fs::directory_iterator(path)) {
       const ino_t number = statusOf(entry).st_ino;
       entries[entry.path().filename()] = number;
       // What was never synced itself is there and empty.
-      entry.is_directory() ? void(directories_[number]) : void(files_[number]);
+      if (entry.is_directory()) {
+        directories_[number];
+        modes_.try_emplace(number, statusOf(entry).st_mode & 07777);
+      } else {
+        files_[number];
+      }
     }
     return;
   }
@@ -62,6 +68,7 @@ void SyncedDisk::put(const fs::path &directory, ino_t number) {
     if (directories_.contains(entry)) {
       fs::create_directory(path);
       put(path, entry);
+      chmod(path.c_str(), modes_[entry]);
     } else {
       std::ofstream(path, std::ios::binary) << files_[entry];
     }

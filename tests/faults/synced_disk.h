@@ -33,4 +33,5 @@ class SyncedDisk {
   std::filesystem::path root_;
   std::map<ino_t, std::string> files_;
   std::map<ino_t, std::map<std::string, ino_t>> directories_;
+  std::map<ino_t, mode_t> modes_;  // of directories
 };

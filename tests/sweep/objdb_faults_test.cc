@@ -16,6 +16,13 @@ Lines network() {
   return lines;
 }
 
+// A "current" of the platform's own user, where there are other users than root.
+void loadNetwork() {
+  std::filesystem::remove_all(root);
+  load(network());
+  if (hasOtherUsers()) run("chown 1000:1001 " + currentDir);
+}
+
 std::string asInput(const Lines &lines) {
   std::string input;
   for (const std::string &line : lines) input += line + "\n";
@@ -65,8 +72,7 @@ class EveryFaultOfObjdb : public PlatformTest,
 TEST_P(EveryFaultOfObjdb, LosesNothing) {
   const auto &[command, fault] = GetParam();
   if (isOneOf(expected, command, fault)) GTEST_SKIP() << "is a loss that it reports";
-  std::filesystem::remove_all(root);
-  load(network());
+  loadNetwork();
   faultEverywhere(command, fault);
 }
 
@@ -87,8 +93,7 @@ class SecondProgramInObjdb : public PlatformTest, public testing::WithParamInter
 TEST_P(SecondProgramInObjdb, MeetsAWholeDatabase) {
   const Command &first = std::get<0>(GetParam());
   const Command &second = std::get<1>(GetParam());
-  std::filesystem::remove_all(root);
-  load(network());
+  loadNetwork();
   letInEverywhere(first, second,
                   [&](const Round &round, const Outcome &other, const Versions &before) {
                     const bool isSweep = second.line[0] == "dbsweep";
