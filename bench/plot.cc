@@ -18,7 +18,7 @@
 namespace {
 
 constexpr uint32_t sizes[] = {10'000, 30'000, 100'000, 300'000, 1'000'000, 3'000'000};
-constexpr double width = 720, height = 440, left = 64, right = 200, top = 40, bottom = 48;
+constexpr double width = 744, height = 440, left = 64, right = 224, top = 40, bottom = 48;
 // Seconds at the lower and the upper edge; both axes are logarithmic.
 constexpr double shortest = 0.01, longest = 100;
 
