@@ -9,9 +9,12 @@
 #include <unordered_map>
 
 #include "internal/caches.h"
+#include "platform/descriptor.h"
+#include "platform/files.h"
 #include "platform/paths.h"
 #include "platform/report.h"
 #include "platform/strings.h"
+#include "platform/table_structure.h"
 #include "records/codecs.h"
 #include "support.h"
 
@@ -204,6 +207,31 @@ TEST_F(Platform, AScanThatBreaksOffIsNotAtItsEnd) {
   EXPECT_LT(records, 2000);
   EXPECT_EQ(_NQ_dbm_db_scan(db), DbmScan::broken);
   _NQ_dbm_db_close(db);
+}
+
+// A salvage knows records by it, and stores are quickest in its order.
+TEST_F(Platform, TheOrderOfKeysIsTheLibrarysHash) {
+  NQ_dbm_db *db = open("t");
+  for (uint32_t key = 0; key < 1000; ++key) {
+    const std::string bytes(reinterpret_cast<const char *>(&key), 1 + key % sizeof key);
+    ASSERT_EQ(_NQ_dbm_db_store_raw(db, bytes + std::to_string(key * key), "x"), 0);
+  }
+  _NQ_dbm_db_close(db);
+  const Descriptor file(openRegular("/usr/NQ/tmp/t.pag", O_RDONLY));
+  TablePages pages(file.get());
+  TableStructure structure;
+  ASSERT_TRUE(pages.readHead(&structure));
+  const std::string content = readFile("/usr/NQ/tmp/t.pag");
+  size_t records = 0;
+  for (const uint64_t offset : pages.directory()) {
+    Bucket bucket;
+    ASSERT_TRUE(pages.readBucket(offset, &bucket));
+    for (const RecordPlace &record : bucket.records) {
+      ASSERT_EQ(_NQ_dbm_db_order(&content[record.offset], record.keyBytes), record.hash);
+      ++records;
+    }
+  }
+  EXPECT_GE(records, 1000u);
 }
 
 TEST_F(Platform, LocksBelongToTheProcessAndItsLastHandle) {

@@ -242,10 +242,8 @@ std::string damageStructure(RawTable &table, std::mt19937 &random) {
   }
 }
 
-// Whatever the structure of a table says, a run ends soon and by itself. When it says that all went
-// well, it has all that the file leads to.
-TEST_F(Damage, StructuresThatLie) {
-  fs::remove_all(root);
+// A database whose tables have many buckets.
+Lines largeNetwork() {
   Lines lines = emptyNetwork();
   for (uint32_t id = 1; id <= 600; ++id) {
     lines = lines + nameLines(id, 10, "object " + std::to_string(id));
@@ -258,7 +256,14 @@ TEST_F(Damage, StructuresThatLie) {
                     R"(,"name":"more )" + std::to_string(field) +
                     R"(","type":"Integer","flags":1})");
   }
-  load(lines);
+  return lines;
+}
+
+// Whatever the structure of a table says, a run ends soon and by itself. When it says that all went
+// well, it has all that the file leads to.
+TEST_F(Damage, StructuresThatLie) {
+  fs::remove_all(root);
+  load(largeNetwork());
   ASSERT_EQ(run("dbsweep -d '600 599 10 11'", "yes\n").status, 0);  // so that space is free
   start = Snapshot::take();
   constexpr long most = sanitized ? 200 : 2000;
@@ -288,6 +293,33 @@ TEST_F(Damage, StructuresThatLie) {
   }
   printf("%zu damaged structures: %zu told, %zu without a loss\n", tried.size(), told, whole);
   EXPECT_GT(std::min(told, whole), tried.size() / 20);
+}
+
+// The records of buckets that no entry of the directory leads to are all found.
+TEST_F(Damage, HiddenBucketsAreSalvaged) {
+  fs::remove_all(root);
+  load(largeNetwork());
+  const Lines before = sorted(dump());
+  start = Snapshot::take();
+  for (const std::string name : {"obj_info", "value_info"}) {
+    start.putBack();
+    RawTable table(currentDir + "/" + name + ".pag");
+    std::set<size_t> hidden;
+    for (size_t entry = 0; entry < table.entries(); ++entry) {
+      const size_t bucket = table.bucket(entry);
+      if (entry % 3 == 1 && bucket != table.bucket(entry - 1)) hidden.insert(bucket);
+      if (hidden.contains(bucket)) {
+        table.put(table.directory() + 8 * entry, uint64_t{table.bucket(0)});
+      }
+    }
+    ASSERT_FALSE(hidden.empty());
+    table.write();
+    const Outcome salvaged = run("objdb salvage current");
+    EXPECT_THAT(salvaged.err, testing::HasSubstr(name + ": "));
+    const std::string version = onlyVersion();
+    EXPECT_EQ(sorted(dumpLines(run("objdb dump --version " + version.substr(root.size() + 1)).out)),
+              before);
+  }
 }
 
 }  // namespace
