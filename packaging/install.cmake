@@ -30,7 +30,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "offline maintenance of the Corvane object
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
   "dbsweep deletes the objects of a retired protocol, or single ones, from the
 object database of the Corvane network-management platform and writes its
-tables anew. objdb checks, compares, dumps, loads, archives, restores and
+tables again. objdb checks, compares, dumps, loads, archives, restores and
 salvages such databases.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)

@@ -196,6 +196,13 @@ TEST_F(Salvage, ADryRunNamesWhatASweepDeletesAndADiffWhatItDeleted) {
   EXPECT_EQ(run("objdb diff " + name + " nothing").status, 2);
 }
 
+TEST_F(Salvage, ACheckTellsTheNameThatItIsAbout) {
+  Lines host = nameLines(7, 11, "gw1.example");
+  host.pop_back();  // from name_info
+  load(emptyNetwork() + nameLines(7, 10, "gw1") + host);
+  EXPECT_THAT(run("objdb check").out, testing::HasSubstr("object 7, field 11, name gw1.example: "));
+}
+
 TEST_F(Salvage, WhyItCannotLookIsSaidInWords) {
   load(emptyNetwork());
   const struct {

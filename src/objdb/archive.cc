@@ -30,7 +30,7 @@ ObjdbStatus runArchive(Options &options) {
   VersionPath database;
   bool partial = false;
   options.directory(&database);
-  options.flag("--partial", &partial, "Even if the current tables are not whole");
+  options.flag("--partial", &partial, "Archive tables that are not whole, too");
   options.parse();
   return archiveCurrent(database.directory, partial);
 }

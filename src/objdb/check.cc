@@ -54,43 +54,46 @@ constexpr struct {
     {"unfinished-version", "refusal", "a run did not finish, and its previous tables are kept",
      "'objdb restore' brings them back; sweeps refuse until then"},
     {"unopened", "loss", "cannot be opened",
-     "restore an archived version; 'objdb salvage' makes one of what can still be read"},
-    {"damaged-structure", "loss", "the file leads to its records wrongly, and hides some of them",
+     "objdb(8) has a cure for each reason; if it is damage, restore an archived version, or take "
+     "what 'objdb salvage' can still read"},
+    {"damaged-structure", "loss", "the directory of the file is wrong, and hides records",
      "'objdb salvage' looks for hidden records; or restore an archived version"},
-    {"needs-recovery", "loss", "the dbm library wants the table recovered",
+    {"needs-recovery", "loss", "the dbm library asks for a recovery of the table",
      "'objdb salvage' recovers it in a new version"},
-    {"unreached", "loss", "a scan does not read the records that the library counts",
-     "'objdb salvage' looks for them; or restore an archived version"},
+    {"unreached", "loss", "a scan reads other records than the library counts",
+     "'objdb salvage' looks for the missing ones; or restore an archived version"},
     {"undecodable", "loss", "the record cannot be decoded",
      "'objdb salvage' leaves it out; or restore an archived version"},
-    {"cut-string", "loss", "a text has a NUL inside and ends there for every reader",
-     "'objdb salvage' keeps what is before it"},
-    {"trailing-bytes", "loss", "bytes lie after the end of the record, where nobody reads them",
+    {"cut-string", "loss", "a text has a NUL inside, and every reader stops there",
+     "'objdb salvage' keeps the part before it"},
+    {"trailing-bytes", "loss", "there are bytes after the end of the record, which nobody reads",
      "'objdb salvage' leaves them out, as a sweep does"},
-    {"wrong-key", "fault", "the record lies under a key that is not its own",
-     "'objdb salvage' puts it under its own, unless a record is there"},
-    {"no-counter", "fault", "the id keeper has no counter, and ids would be handed out twice",
-     "'objdb salvage' sets it above every id"},
+    {"wrong-key", "fault", "the key is not the one of this record",
+     "'objdb salvage' puts it under the right key, unless another record is there"},
+    {"no-counter", "fault", "the id keeper has no counter, so that ids would be given out twice",
+     "'objdb salvage' sets the counter above every id"},
     {"id-beyond-counter", "fault",
-     "the id is not below the id keeper's counter and would be given out again",
+     "the id is not below the id keeper's counter, and would be given out again",
      "'objdb salvage' raises the counter"},
-    {"unknown-type", "loss", "the field is defined with a type that is none",
-     "'objdb salvage' leaves the definition out, and its values"},
-    {"same-field-name", "fault", "another field has the name too",
+    {"unknown-type", "loss", "the field is defined with a type that does not exist",
+     "'objdb salvage' leaves out the definition and its values"},
+    {"same-field-name", "fault", "another field has the same name",
      "'objdb salvage' adds the field's id to its name"},
-    {"unknown-field", "loss", "no definition has the field",
+    {"unknown-field", "loss", "the field has no definition",
      "'objdb salvage' leaves it out, as a sweep does"},
-    {"wrong-type", "fault", "the type is not that of the field", "'objdb salvage' leaves it out"},
-    {"unknown-constant", "fault", "the enumeration has no constant of that number",
-     "'objdb salvage' adds constants without a meaning"},
-    {"wrong-table", "fault", "a name lies among the values, or a value among the names",
+    {"wrong-type", "fault", "the record has another type than its field",
+     "'objdb salvage' leaves it out"},
+    {"unknown-constant", "fault", "the enumeration has no constant with this number",
+     "'objdb salvage' adds constants with names of its own"},
+    {"wrong-table", "fault",
+     "a name is in the table of the values, or a value in the table of the names",
      "'objdb salvage' moves it, as a sweep does"},
-    {"duplicate-name", "fault", "another object has the name too",
+    {"duplicate-name", "fault", "another object has the same name",
      "rename one of the two; 'objdb salvage' adds the object's id to its name"},
-    {"unindexed-name", "fault", "the object has the name, but name_info does not lead to it",
-     "'objdb salvage' makes name_info anew, as a sweep does"},
+    {"unindexed-name", "fault", "name_info does not lead from this name to the object",
+     "'objdb salvage' makes name_info again, as a sweep does"},
     {"stray-index", "fault", "name_info leads to an object that does not have the name",
-     "'objdb salvage' makes name_info anew, as a sweep does"},
+     "'objdb salvage' makes name_info again, as a sweep does"},
 };
 
 class Findings {
@@ -214,7 +217,7 @@ class Check {
       const auto counted = reader.counted();
       findings_.add(unreached, table, Json::object(),
                     std::to_string(reader.recordsRead()) + " read of " +
-                        (counted ? std::to_string(*counted) : "how many cannot be told"));
+                        (counted ? std::to_string(*counted) : "an unknown number"));
     }
     if (table == idKeeper && isWhole(table) && counter_ == 0) findings_.add(noCounter, table);
   }
@@ -236,17 +239,24 @@ class Check {
   // The first name that the object has in obj_info; empty when it has none. Not to be called while
   // a record of the name tables is in use, which lies where this one is decoded.
   std::string nameOf(uint32_t objectId) {
-    if (tables_[objInfo] == nullptr) return "";
     for (const uint32_t fieldId : nameFields_) {
-      const DecodedRecord record(objInfo, tables_[objInfo]->fetch(keyOf({objectId, fieldId})));
-      if (record) return record.name;
+      if (std::string name = nameOf(objectId, fieldId); !name.empty()) return name;
     }
     return "";
   }
 
+  std::string nameOf(uint32_t objectId, uint32_t fieldId) {
+    if (tables_[objInfo] == nullptr) return "";
+    const DecodedRecord record(objInfo, tables_[objInfo]->fetch(keyOf({objectId, fieldId})));
+    return record ? record.name : "";
+  }
+
+  // With the name that the finding is about, if obj_info has it.
   Json membersOf(const NameEntry &entry) {
     Json members{{"object", entry.objectId}, {"field", entry.fieldId}};
-    if (const std::string name = nameOf(entry.objectId); !name.empty()) members["name"] = name;
+    std::string name = nameOf(entry.objectId, entry.fieldId);
+    if (name.empty()) name = nameOf(entry.objectId);
+    if (!name.empty()) members["name"] = name;
     return members;
   }
 

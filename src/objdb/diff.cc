@@ -90,5 +90,5 @@ ObjdbStatus runDiff(Options &options) {
 }  // namespace
 
 const Command diffCommand{
-    "diff", "Write what stands in one version alone: \"-\" the first, \"+\" the second",
+    "diff", "Compare two versions: \"-\" is only in the first, \"+\" only in the second",
     "objdb diff 22112026.231500 current", runDiff};

@@ -22,8 +22,7 @@ struct DumpChoice {
   bool redacted = false;
 };
 
-// What a line is sorted by, and the line with its end, one behind the other in one piece of
-// storage.
+// What a line is sorted by, followed by the line with its end, in one piece of storage.
 struct Line {
   uint64_t prefix;  // the first bytes of the order, as a number
   const char *bytes;
@@ -177,10 +176,10 @@ ObjdbStatus runDump(Options &options) {
   VersionPath database;
   DumpChoice choice;
   options.version(&database);
-  options.text("--table", &choice.table, "Only the records of this table");
-  options.id("--object", &choice.object, "Only the records of the object with this id");
-  options.text("--field", &choice.field, "Only the records of the field with this name");
-  options.flag("--redact", &choice.redacted, "With tokens in the place of names and texts");
+  options.text("--table", &choice.table, "Write only the records of this table");
+  options.id("--object", &choice.object, "Write only the records of the object with this id");
+  options.text("--field", &choice.field, "Write only the records of the field with this name");
+  options.flag("--redact", &choice.redacted, "Write a token in place of each name and text");
   options.parse();
   const auto isChosen = [&](const TableFormat &format) { return *choice.table == format.name; };
   if (choice.table && std::none_of(tableFormats.begin(), tableFormats.end(), isChosen)) {

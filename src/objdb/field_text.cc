@@ -75,7 +75,7 @@ ValueWord parseWord(const NQwFieldInfo &field, const std::string &text) {
       word.number = parseConstant(field, text);
       break;
     default:
-      refuse(field, text, "its type is none");
+      refuse(field, text, "its type is unknown");
   }
   return word;
 }

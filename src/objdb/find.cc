@@ -165,11 +165,11 @@ ObjdbStatus runFind(Options &options) {
   FindOptions find;
   options.version(&version);
   options.arguments("BINDING", &find.bindings,
-                    "FIELD=VALUE, or FIELD~[VALUE,...] for a list with all of these in it");
+                    "FIELD=VALUE, or FIELD~[VALUE,...] for a list that contains all of these");
   options.flag("--names", &find.names, "Write the name of each object too");
   options.flag("--json", &find.json, "Write lines of JSON");
-  options.flag("--count", &find.count, "Write how many there are and nothing else");
-  options.id("--max-objects", &find.mostObjects, "Hold no more objects than that in memory");
+  options.flag("--count", &find.count, "Write only how many objects there are");
+  options.id("--max-objects", &find.mostObjects, "Hold at most this many objects in memory");
   options.parse();
   if (find.mostObjects == 0u) throw CommandFailure("--max-objects: must be 1 at least");
   return findObjects(version, find);

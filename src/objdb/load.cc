@@ -71,7 +71,7 @@ ObjdbStatus loadDatabase(const VersionPath &database, bool sealed) {
   }
   std::ios::sync_with_stdio(false);  // which reads character by character
   const std::vector<StoredRecord> records = readDump(std::cin, sealed);
-  umask(0);  // the platform's daemons share the tables, whoever they run as
+  umask(0);  // the platform's daemons share the tables, and run as any user
   std::string error;
   struct stat like {};
   if (!makeDirectories(database.directory, &error)) throw std::runtime_error(error);
@@ -92,7 +92,7 @@ ObjdbStatus runLoad(Options &options) {
   bool unsealed = false;
   options.version(&database);
   options.flag("--unsealed", &unsealed,
-               "Take lines without a dump's header and trailer, which tell that none is missing");
+               "Take lines without a header and a trailer, which would show a missing line");
   options.parse();
   try {
     return loadDatabase(database, !unsealed);

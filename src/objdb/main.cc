@@ -28,9 +28,9 @@ void printHelp() {
       "Usage: objdb COMMAND [OPTION...]\n");
   for (const Command *command : commands) printf("  %-11s %s\n", command->name, command->summary);
   puts(
-      "\n'objdb COMMAND --help' tells the options of a command, 'objdb --version' what this "
-      "program\n"
-      "and its databases depend on.");
+      "\n'objdb COMMAND --help' lists the options of a command. 'objdb --version' tells the "
+      "version,\n"
+      "the word size and the dbm library.");
 }
 
 // What a database depends on, besides the version of the program.
@@ -79,7 +79,7 @@ ObjdbStatus flushOutput(ObjdbStatus status) {
 struct HandleExhaustedMemory {
   HandleExhaustedMemory() {
     std::set_new_handler(endOutOfMemory);
-    std::set_terminate(endOutOfMemory);  // which no exception reaches but for want of memory
+    std::set_terminate(endOutOfMemory);  // only missing memory gets an exception here
   }
 };
 [[gnu::init_priority(101)]] HandleExhaustedMemory handleExhaustedMemory;

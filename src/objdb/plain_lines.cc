@@ -86,7 +86,7 @@ class PlainText {
   std::string_view rest_;
 };
 
-// The type whose name comes next; 0 when it is none.
+// The type whose name comes next; 0 when no name does.
 int32_t skipType(PlainText &at) {
   for (int32_t type = Integer; type <= Enumeration; ++type) {
     if (at.skip(typeNames[type])) return type;

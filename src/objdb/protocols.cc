@@ -129,7 +129,7 @@ const NQwFieldInfo *requireField(const std::string &protocol) {
   }
   if (found == nullptr) throw CommandFailure("no Boolean field \"" + name + "\"");
   const std::string refused =
-      alike > 1 && name != found->name ? "several fields collate like it" : whyRefused(*found);
+      alike > 1 && name != found->name ? "several fields sort as equal to it" : whyRefused(*found);
   if (!refused.empty()) {
     throw CommandFailure("dbsweep refuses the protocol \"" + protocol + "\": " + refused);
   }
@@ -166,8 +166,8 @@ ObjdbStatus runProtocols(Options &options) {
   std::optional<std::string> idsOf;
   bool json = false;
   options.version(&database);
-  options.text("--ids", &idsOf, "List the ids of this protocol's objects instead");
-  options.flag("--json", &json, "List them as lines of JSON");
+  options.text("--ids", &idsOf, "List the ids of the objects of this protocol");
+  options.flag("--json", &json, "Write lines of JSON");
   options.parse();
   return printProtocols(database, idsOf, json);
 }

@@ -31,7 +31,7 @@ ObjdbStatus runRemove(Options &options) {
   bool force = false;
   options.directory(&database);
   options.argument("VERSION", &database.name, "The version, as 'objdb versions' names it");
-  options.flag("--force", &force, "Even if a run has left it unfinished");
+  options.flag("--force", &force, "Remove an unfinished version, too");
   options.parse();
   return removeArchived(database, force);
 }

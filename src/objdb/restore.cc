@@ -105,8 +105,8 @@ ObjdbStatus runRestore(Options &options) {
   bool dryRun = false;
   options.directory(&database);
   options.argument("VERSION", &database.name, "The version, as 'objdb versions' names it");
-  options.flag("--partial", &partial, "Even if the version is not whole");
-  options.flag("--dry-run", &dryRun, "Only try all that can be tried");
+  options.flag("--partial", &partial, "Restore a version that is not whole, too");
+  options.flag("--dry-run", &dryRun, "Copy and compare the tables, and change nothing");
   options.parse();
   return restoreTables(database, partial, dryRun);
 }

@@ -41,7 +41,7 @@ struct Account {
   std::optional<uint64_t> counted;  // by the library
   uint64_t read = 0;
   uint64_t moved = 0;    // to the key or the table where they belong
-  uint64_t rebuilt = 0;  // made anew from other tables
+  uint64_t rebuilt = 0;  // made again from other tables
   uint64_t hidden = 0;   // of those read: in blocks that nothing leads to
   bool damaged = false;  // in its structure: what was hidden may not all have been found
 
@@ -113,9 +113,7 @@ class Salvage {
     for (size_t table = 0; table < tableCount; ++table) {
       const RecordViews records(records_[table].begin(), records_[table].end());
       if (writeTable(directory, table, records)) continue;
-      *error = "could not write table \"" + directory + "/" + tableFormats[table].name +
-               "\": " + strerror(errno);
-      return false;
+      return failAttempt("write", tableFile(table, pageSuffix), error);
     }
     return true;
   }
@@ -130,24 +128,24 @@ class Salvage {
         if (count != 0) text += (text.empty() ? "" : ", ") + std::to_string(count) + what;
       };
       if (!account.counted) {
-        text = std::to_string(account.read) + " records read, of how many cannot be told";
+        text = std::to_string(account.read) + " records read of an unknown number";
       } else if (account.unread() != 0) {
         text =
             std::to_string(account.read) + " records read of " + std::to_string(*account.counted);
       }
       if (account.damaged) text += (text.empty() ? "" : ", ") + std::string("damaged structure");
-      add(account.hidden, " found where nothing leads to");
+      add(account.hidden, " found in blocks that nothing leads to");
       add(account.undecodable, " cannot be decoded");
       add(account.unknownType, " of an unknown type left out");
       add(account.unknownField, " of unknown fields left out");
-      add(account.wrongType, " not of their field's type left out");
-      add(account.displaced, " left out because another record has their place");
-      add(account.cut, " with a text cut at a NUL");
-      add(account.renamed, " renamed because another object has the name");
-      add(account.moved, " moved to where they belong");
-      add(account.rebuilt, " made anew");
+      add(account.wrongType, " with another type than their field left out");
+      add(account.displaced, " left out because another record has their key");
+      add(account.cut, " cut at a NUL or at their end");
+      add(account.renamed, " renamed because another has the name");
+      add(account.moved, " moved to the right key or table");
+      add(account.rebuilt, " made again");
       if (!text.empty()) fprintf(stderr, "objdb: %s: %s\n", tableFormats[table].name, text.c_str());
-      if (table == nameInfo) continue;  // which is made anew from what is left
+      if (table == nameInfo) continue;  // which is made again from what is left
       for (const Loss &loss : losses_[table]) print(table, loss, json);
       lost = lost || (table != nameInfo && account.hasLoss());
     }
@@ -227,7 +225,7 @@ class Salvage {
       if (isNew && stray.isCut) ++account.cut;
       if (!isNew && place->second != stray.bytes) {
         ++account.displaced;
-        loseByKey(table, "another record has its place", stray.key);
+        loseByKey(table, "another record has its key", stray.key);
       }
     }
     for (const std::string &key : undecodable) {
@@ -313,7 +311,7 @@ class Salvage {
         makeNameUnique(record, &at->second);
       } else {
         ++account.unknownType;
-        lose(fieldInfo, "is of no type", record);
+        lose(fieldInfo, "has an unknown type", record);
       }
       at = isKnown ? std::next(at) : records.erase(at);
     }
@@ -377,10 +375,10 @@ class Salvage {
     const auto definition = definitions_.find(record.fieldId);
     if (definition == definitions_.end()) {
       ++accounts_[table].unknownField;
-      lose(table, "no definition has its field", record);
+      lose(table, "its field has no definition", record);
     } else if (definition->second.type != record.type) {
       ++accounts_[table].wrongType;
-      lose(table, "is not of its field's type", record);
+      lose(table, "has another type than its field", record);
     } else {
       return true;
     }
@@ -402,7 +400,7 @@ class Salvage {
                      : encodedValue(record.objectId, record.fieldId, record.name);
           const bool isNew = records_[other].try_emplace(at->first, bytes).second;
           ++(isNew ? accounts_[table].moved : accounts_[table].displaced);
-          if (!isNew) lose(table, "another record has its place", record);
+          if (!isNew) lose(table, "another record has its key", record);
         }
         at = stays ? std::next(at) : records_[table].erase(at);
       }
@@ -478,7 +476,7 @@ class Salvage {
       const bool fits = record.type != Enumeration || noteConstants(record, &needed);
       if (!fits) {
         ++accounts_[valueInfo].wrongType;
-        lose(valueInfo, "no enumeration has its number", record);
+        lose(valueInfo, "its enumeration cannot have its number", record);
       }
       at = fits ? std::next(at) : records_[valueInfo].erase(at);
     }
@@ -562,7 +560,7 @@ ObjdbStatus salvageVersion(const std::string &directory, const std::string &name
   std::string error;
   const auto lock = lockOrFail(source);
   removeLeftovers(directory);
-  umask(0);  // the platform's daemons share the tables, whoever they run as
+  umask(0);  // the platform's daemons share the tables, and run as any user
   Salvage salvage(source);
   Version made;
   const auto fill = [&salvage](WorkDirectory *work, std::string *why) {

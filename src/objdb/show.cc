@@ -156,9 +156,9 @@ ObjdbStatus runShow(Options &options) {
   ShowOptions show;
   options.version(&version);
   options.arguments("OBJECT", &show.objects, "The id of an object, or its name");
-  options.text("--field", &show.nameField, "The name field in which to look, for names only");
+  options.text("--field", &show.nameField, "Take each OBJECT for a name in this name field");
   options.flag("--json", &show.json, "Write lines of JSON");
-  options.id("--max-objects", &show.mostObjects, "Hold no more objects than that in memory");
+  options.id("--max-objects", &show.mostObjects, "Hold at most this many objects in memory");
   options.parse();
   if (show.objects.empty()) throw CommandFailure("show: no object given");
   if (show.mostObjects == 0u) throw CommandFailure("--max-objects: must be 1 at least");

@@ -83,7 +83,7 @@ ObjdbStatus runVersions(Options &options) {
   bool digest = false;
   bool json = false;
   options.directory(&database);
-  options.flag("--digest", &digest, "Read all records, and tell the digest that a dump ends with");
+  options.flag("--digest", &digest, "Read all records, and write the digest of a dump's trailer");
   options.flag("--json", &json, "List the versions as lines of JSON");
   options.parse();
   return listByAge(database.directory, digest, json);

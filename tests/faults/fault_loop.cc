@@ -479,6 +479,7 @@ void nothingIsLost(const Round &round) {
     ASSERT_EQ(outcome.status, 128 + SIGKILL);
   } else {
     ASSERT_TRUE(outcome.status < 4 || outcome.status == 255);
+    ASSERT_EQ(outcome.err.find("/proc/"), std::string::npos) << "a path for this process alone";
     if (outcome.status != 0) {
       ASSERT_NE(outcome.err, clean.err) << "a failure that says nothing";
     } else if (outcome.err == clean.err && outcome.out.empty() == clean.out.empty()) {
