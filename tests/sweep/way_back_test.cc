@@ -67,6 +67,7 @@ TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
     ASSERT_EQ(run("cd " + currentDir + " && " + each.damage).status, 0);
     saveTables();
     const bool hasObjects = each.damage.find("obj_info") == std::string::npos;
+    const std::string inode = run("stat -c %i " + currentDir + "/value_info.pag").out;
     const Outcome outcome = sweep("-p 'QRT Session'");
     EXPECT_EQ(outcome.status, each.reasons.empty() ? 0 : 1);
     const std::string kept = each.reasons.empty() ? "" : keptMessage(each.reasons, onlyVersion());
@@ -77,6 +78,7 @@ TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
       EXPECT_EQ(run("ls -A " + root).out, "current\n");
       continue;
     }
+    EXPECT_EQ(run("stat -c %i " + onlyVersion() + "/value_info.pag").out, inode) << "copied";
     const std::string missing = hasObjects ? "id_keeper.*" : "obj_info.*";
     EXPECT_EQ(run("cd " + onlyVersion() + " && for each in *; do cmp $each " + saved +
                   "/current/$each || exit; done; [ -e value_info.pag ] && [ ! -e unfinished ]")
