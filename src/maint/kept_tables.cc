@@ -118,6 +118,7 @@ void makeVersionOnce(KeepBy how) {
   prepareLastWords("The run did not finish. The previous tables are kept in " +
                    keptVersion.directory + "; restore them with 'objdb restore " +
                    keptVersion.name + "'.");
+  sayLastWordsBySignal();
 }
 
 }  // namespace
@@ -153,6 +154,7 @@ void keepCopyOf(size_t table) {
 
 void settleKeptTables() {
   if (keptDirectory == nullptr) return;
+  const SignalsHeld held;  // the last words are true as long as the mark stands, and no longer
   std::string reasons = reasonsToKeep();
   std::string error;
   if (reasons.empty()) {

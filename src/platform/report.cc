@@ -119,6 +119,25 @@ void sayLastWords() {
   appendLine(logFile, lastWords);
 }
 
+void sayLastWordsBySignal() {
+  struct sigaction action {};
+  // The signal waits until the handler returns, and finds the default action then.
+  action.sa_handler = [](int number) {
+    sayLastWords();
+    raise(number);
+  };
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  sigfillset(&action.sa_mask);
+  for (const int number :
+       {SIGHUP, SIGINT, SIGQUIT, SIGILL, SIGTRAP, SIGABRT, SIGBUS, SIGFPE, SIGUSR1, SIGSEGV,
+        SIGUSR2, SIGPIPE, SIGALRM, SIGTERM, SIGXCPU, SIGXFSZ, SIGSYS}) {
+    struct sigaction present {};
+    if (sigaction(number, nullptr, &present) == 0 && present.sa_handler == SIG_DFL) {
+      sigaction(number, &action, nullptr);
+    }
+  }
+}
+
 void NQuTraceS(int component, int traceClass, const char *application, int, int, const char *format,
                ...) {
   char head[256];

@@ -44,6 +44,10 @@ void prepareLastWords(const std::string &text);
 void forgetLastWords();
 void sayLastWords();
 
+// Has every signal that would end the process as it stands say the last words before it does. What
+// is caught or ignored stays so.
+void sayLastWordsBySignal();
+
 // Like NQuLogS for "/usr/NQ/log/nqw.trace", with the trace class in hexadecimal. Every trace is
 // kept.
 [[gnu::format(printf, 6, 7)]] void NQuTraceS(int component, int traceClass, const char *application,

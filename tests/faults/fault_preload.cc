@@ -2,6 +2,7 @@
 // counts the calls that change the file system below /usr/NQ, and with FAULT_LOOKS those that only
 // look at it too. At the one that FAULT_AT names it does what FAULT_HOW says:
 //   kill           ends the process
+//   terminate      asks it to end, by a signal that it may catch
 //   stop           stops it, until the one that started it says in FAULT_COUNT to go on
 //   forget         ends it, and makes the directory FAULT_DISK forget what was not synced
 //                  (forget-entries, forget-contents and forget-creations: only that of it). Without
@@ -109,6 +110,7 @@ bool fault(const char *call) {
     while (count->starts < stop) syscall(SYS_sched_yield);
     return false;
   }
+  if (strcmp(how, "terminate") == 0) return kill(getpid(), SIGTERM) != 0;
   losePower();
   if (atoi(how) == 0) kill(getpid(), SIGKILL);
   errno = atoi(how);

@@ -139,6 +139,29 @@ TEST_P(TwoAtOnce, OneWins) {
 
 INSTANTIATE_TEST_SUITE_P(Dbsweep, TwoAtOnce, testing::ValuesIn(pairs()), pairName);
 
+// A deletion in place has no handlers: a signal ends it wherever it is. The log then tells where
+// the tables from before are.
+TEST_F(Faults, TheLogOfATerminatedDeletionNamesTheWayBack) {
+  const Command command = dbsweep("ids", {"-d", "2 4 6"});
+  const Fault terminate{"terminate", "terminate"};
+  const Snapshot start = Snapshot::take();
+  long points = 0;
+  ASSERT_EQ(runWithFault(command, terminate, 0, &points).status, 0);
+  size_t marked = 0;
+  for (const long at : pointsToTry(points)) {
+    start.putBack();
+    SCOPED_TRACE("point " + std::to_string(at));
+    ASSERT_EQ(runWithFault(command, terminate, at).status, 128 + SIGTERM);
+    const std::string version = onlyVersion(), log = readFile("/usr/NQ/log/nqw.log");
+    const bool isMarked = exists(version + "/unfinished") && version.find("/.") == version.npos;
+    marked += isMarked ? 1 : 0;
+    ASSERT_EQ(log.find("objdb restore " + version.substr(version.rfind('/') + 1)) != log.npos,
+              isMarked)
+        << log;
+  }
+  EXPECT_GT(marked, 2u);
+}
+
 // Counted, not timed: a run over four times the objects takes four times the memory requests, and
 // but a few more calls that change the file system, since the tables grow in large steps.
 TEST_F(Faults, TheCostOfAValueDoesNotGrowWithTheirNumber) {
