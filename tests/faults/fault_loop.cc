@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <regex>
 #include <thread>
 #include <unordered_map>
@@ -27,7 +28,7 @@ using testing::EndsWith;
 const fs::path databases = "/usr/NQ/databases";
 const fs::path database = databases / "nqwdb";
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef DBSWEEP_SANITIZED
 constexpr bool sanitized = true;
 #else
 constexpr bool sanitized = false;
@@ -44,29 +45,16 @@ void giveUp(int) {
   kill(watched, SIGKILL);
 }
 
-// Waits for the end of a child, and runs `meanwhile` each time that it stops.
-int endOf(pid_t child, FaultCount *count, const std::function<void()> &meanwhile) {
-  watched = child;
+// Has a process that takes too long killed.
+void watch(pid_t process) {
+  watched = process;
   struct sigaction action {};
   action.sa_handler = giveUp;
   sigaction(SIGALRM, &action, nullptr);
   alarm(patience);
-  int status = 0;
-  while (waitpid(child, &status, meanwhile ? WNOHANG : 0) != child) {
-    if (!meanwhile) continue;
-    if (count->stops > count->starts) {
-      meanwhile();
-      watched = child;
-      alarm(patience);
-      ++count->starts;
-    }
-    usleep(50);
-  }
-  alarm(0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Where a run counts: a file that every run of the same depth uses again.
+// Where a program counts: a file that every program of the same depth uses again.
 FaultCount *countOf(const std::string &file) {
   static std::map<std::string, FaultCount *> counts;
   FaultCount *&count = counts[file];
@@ -77,8 +65,6 @@ FaultCount *countOf(const std::string &file) {
         mmap(nullptr, sizeof(FaultCount), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
     close(fd);
   }
-  count->~FaultCount();
-  new (count) FaultCount{};
   return count;
 }
 
@@ -89,62 +75,149 @@ std::vector<char *> pointers(const std::vector<std::string> &texts) {
   return result;
 }
 
-std::vector<std::string> environmentFor(const std::string &program, const Fault &fault, long at,
+std::vector<std::string> environmentFor(const std::string &program, const Fault &fault,
                                         const std::string &count) {
   std::vector<std::string> result;
   for (char **entry = environ; *entry != nullptr; ++entry) result.emplace_back(*entry);
   const bool allocations = fault.points == Points::allocations;
   const std::string preload = allocations ? ALLOCATION_FAULT_PRELOAD : FAULT_PRELOAD;
-  // A fault that is never reached must not take the power at the end either.
-  const std::string how = at == 0 ? "none" : fault.how;
   for (const std::string &entry :
        {"LD_PRELOAD=" + preload, "FAULT_IN=" + fs::path(program).filename().string(),
-        "FAULT_AT=" + std::to_string(at), "FAULT_HOW=" + how, "FAULT_COUNT=" + count,
-        "FAULT_DISK=" + databases.string(), std::string("FAULT_ALONE=1"),
-        std::string("ASAN_OPTIONS=verify_asan_link_order=0")}) {
+        "FAULT_HOW=" + fault.how, "FAULT_COUNT=" + count, "FAULT_DISK=" + databases.string(),
+        std::string("FAULT_ALONE=1"), std::string("ASAN_OPTIONS=verify_asan_link_order=0")}) {
     result.push_back(entry);
   }
   if (fault.points == Points::calls) result.emplace_back("FAULT_LOOKS=1");
-  if (fault.on && at != 0) result.emplace_back("FAULT_ON=1");
+  if (fault.on) result.emplace_back("FAULT_ON=1");
   if (!fault.mapped) result.emplace_back("FAULT_NOMAP=1");
   return result;
 }
 
-// A command that runs, as posix_spawn starts it: no shell, and no copy of this process.
-class Running {
+// A command that was started once and runs as often as it is told to; see fault_count.h.
+class Program {
  public:
-  Running(const Command &command, const Fault &fault, long at)
-      : base_("/usr/NQ/tmp/run" + std::to_string(depth++)), count_(countOf(base_ + "count")) {
+  // With a point the start itself counts, too: some allocations come before it is ready.
+  Program(const Command &command, const Fault &fault, long at = 0)
+      : command_(command),
+        fault_(fault),
+        startedFor_(at),
+        base_("/usr/NQ/tmp/run" + std::to_string(depth++)),
+        count_(countOf(base_ + "count")) {
+    *count_ = {};
+    count_->at = at;
     writeFile(base_ + "in", command.input);
+    int orders[2], reports[2];
+    if (pipe2(orders, O_CLOEXEC) != 0 || pipe2(reports, O_CLOEXEC) != 0) abort();
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addopen(&files, 0, (base_ + "in").c_str(), O_RDONLY, 0);
     constexpr int anew = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
     posix_spawn_file_actions_addopen(&files, 1, (base_ + "out").c_str(), anew, 0644);
     posix_spawn_file_actions_addopen(&files, 2, (base_ + "err").c_str(), anew, 0644);
-    const auto environment = environmentFor(command.line[0], fault, at, base_ + "count");
-    const int failed = posix_spawnp(&child_, command.line[0].c_str(), &files, nullptr,
+    posix_spawn_file_actions_adddup2(&files, orders[0], ordersPipe);
+    posix_spawn_file_actions_adddup2(&files, reports[1], reportsPipe);
+    const auto environment = environmentFor(command.line[0], fault, base_ + "count");
+    const int failed = posix_spawnp(&original_, command.line[0].c_str(), &files, nullptr,
                                     pointers(command.line).data(), pointers(environment).data());
     posix_spawn_file_actions_destroy(&files);
     if (failed != 0) abort();
+    close(orders[0]);
+    close(reports[1]);
+    orders_ = orders[1];
+    reports_ = reports[0];
+    watch(original_);
+    isReady_ = nextReport().has_value();
+    if (isReady_) alarm(0);
+    startCalls_ = count_->calls;
   }
-  ~Running() { --depth; }
-  Running(const Running &) = delete;
-  Running &operator=(const Running &) = delete;
+  ~Program() {
+    close(orders_);
+    close(reports_);
+    if (isReady_) waitpid(original_, nullptr, 0);
+    alarm(0);
+    --depth;
+  }
+  Program(const Program &) = delete;
+  Program &operator=(const Program &) = delete;
 
-  Outcome end(const std::function<void()> &meanwhile) const {
-    const int status = endOf(child_, count_, meanwhile);
+  // `meanwhile` runs each time that the command stops. Killed after that time, if one is given.
+  Outcome run(long at, const std::function<void()> &meanwhile = {},
+              std::optional<std::chrono::nanoseconds> killAfter = {}) {
+    if (at != startedFor_ && at != 0 && at <= startCalls_) {
+      Program other(command_, fault_, at);
+      const Outcome outcome = other.run(at, meanwhile);
+      *count_ = *other.count_;
+      return outcome;
+    }
+    if (at == 0 || at != startedFor_) *count_ = {at, startCalls_, ""};
+    for (const char *output : {"out", "err"}) {
+      if (truncate((base_ + output).c_str(), 0) != 0) abort();
+    }
+    order();
+    const int status = end(meanwhile, killAfter);
     EXPECT_FALSE(hung) << "does not end";
-    return {status, readFile(base_ + "out"), readFile(base_ + "err")};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+            readFile(base_ + "out"), readFile(base_ + "err")};
   }
-  pid_t id() const { return child_; }
   const FaultCount &count() const { return *count_; }
 
  private:
-  inline static int depth = 0;  // a command may run while another one is stopped
+  void order() const {
+    if (isReady_ && write(orders_, "", 1) != 1) abort();
+  }
+
+  // Nothing when the program has ended.
+  std::optional<FaultReport> nextReport() const {
+    FaultReport report{};
+    ssize_t size = 0;
+    do {
+      size = read(reports_, &report, sizeof report);
+    } while (size < 0 && errno == EINTR);
+    return size == sizeof report ? std::optional(report) : std::nullopt;
+  }
+
+  // Its status as of waitpid.
+  int end(const std::function<void()> &meanwhile,
+          std::optional<std::chrono::nanoseconds> killAfter) {
+    pid_t copy = original_;
+    while (const auto report = nextReport()) {
+      switch (report->what) {
+        case FaultReport::ready:
+          break;
+        case FaultReport::started:
+          copy = report->value;
+          watch(copy);
+          if (!killAfter) break;
+          std::this_thread::sleep_for(*killAfter);
+          kill(copy, SIGKILL);
+          break;
+        case FaultReport::stopped:
+          if (meanwhile) meanwhile();
+          watch(copy);
+          order();
+          break;
+        case FaultReport::ended:
+          alarm(0);
+          return report->value;
+      }
+    }
+    int status = 0;
+    waitpid(original_, &status, 0);
+    isReady_ = false;
+    return status;
+  }
+
+  inline static int depth = 0;  // a program may run while another one is stopped
+
+  const Command &command_;
+  const Fault &fault_;
+  long startedFor_;
   std::string base_;
   FaultCount *count_;
-  pid_t child_ = 0;
+  pid_t original_ = 0;
+  int orders_ = -1, reports_ = -1;
+  bool isReady_ = false;  // for orders; not when the start itself has failed
+  long startCalls_ = 0;   // counted before it was ready
 };
 
 bool isVersionName(const std::string &name) {
@@ -371,11 +444,10 @@ bool isOneOf(const std::vector<std::string> &cases, const Command &command, cons
 }
 
 Outcome runWithFault(const Command &command, const Fault &fault, long at, long *points,
-                     std::string *call, const std::function<void()> &meanwhile) {
-  const Running running(command, fault, at);
-  const Outcome outcome = running.end(meanwhile);
-  if (points != nullptr) *points = running.count().calls;
-  if (call != nullptr) *call = running.count().name;
+                     const std::function<void()> &meanwhile) {
+  Program program(command, fault, at);
+  const Outcome outcome = program.run(at, meanwhile);
+  if (points != nullptr) *points = program.count().calls;
   return outcome;
 }
 
@@ -384,10 +456,8 @@ Outcome runAlone(const std::vector<std::string> &line, const std::string &input)
 }
 
 Outcome runAndKill(const Command &command, std::chrono::nanoseconds after) {
-  const Running running(command, {"none", "none"}, 0);
-  std::this_thread::sleep_for(after);
-  kill(running.id(), SIGKILL);
-  return running.end({});
+  const Fault none{"none", "none"};
+  return Program(command, none).run(0, {}, after);
 }
 
 std::vector<long> pointsToTry(long points) {
@@ -411,8 +481,9 @@ void faultEverywhere(const Command &wanted, const Fault &fault) {
   start.putBack();
   const Versions before = versionsNow();
   const Command command = aimed(wanted, before);
-  long points = 0;
-  const Outcome clean = runWithFault(command, fault, 0, &points);
+  Program program(command, fault);
+  const Outcome clean = program.run(0);
+  const long points = program.count().calls;
   ASSERT_EQ(clean.status, 0) << clean.err;
   ASSERT_GT(points, 10) << "not the calls of such a run";
   const Versions after = versionsNow();
@@ -420,9 +491,9 @@ void faultEverywhere(const Command &wanted, const Fault &fault) {
   const std::vector<long> tried = pointsToTry(points + (fault.how.starts_with("forget") ? 1 : 0));
   for (const long at : tried) {
     start.putBack();
-    std::string call;
     Round round{command, fault, at, false, {}, clean, before, after, {}};
-    round.outcome = runWithFault(command, fault, at, nullptr, &call);
+    round.outcome = program.run(at);
+    const std::string call = program.count().name;
     round.reached = !call.empty();
     SCOPED_TRACE(command.label + ": " + fault.label + " at point " + std::to_string(at) + " of " +
                  std::to_string(points) + (round.reached ? ", " + call : ", not reached") +
@@ -446,19 +517,19 @@ void letInEverywhere(const Command &first, const Command &second, const JudgeTwo
   const Versions before = versionsNow();
   const Command command = aimed(first, before), other = aimed(second, before);
   const Fault stop{"stop", "stop", Points::calls};
-  long points = 0;
-  const Outcome clean = runWithFault(command, stop, 0, &points);
+  Program program(command, stop), otherProgram(other, stop);
+  const Outcome clean = program.run(0);
+  const long points = program.count().calls;
   ASSERT_EQ(clean.status, 0) << clean.err;
   ASSERT_GT(points, 10) << "not the calls of such a run";
   const Versions after = versionsNow();
   const std::vector<long> tried = pointsToTry(points);
   for (const long at : tried) {
     start.putBack();
-    std::string call;
     Outcome otherOutcome{-1, "", ""};
     Round round{command, stop, at, false, {}, clean, before, after, {}};
-    round.outcome = runWithFault(command, stop, at, nullptr, &call,
-                                 [&] { otherOutcome = runWithFault(other, stop, 0); });
+    round.outcome = program.run(at, [&] { otherOutcome = otherProgram.run(0); });
+    const std::string call = program.count().name;
     round.reached = otherOutcome.status >= 0;
     SCOPED_TRACE(other.label + " in " + command.label + " at point " + std::to_string(at) + " of " +
                  std::to_string(points) + ", " + call +

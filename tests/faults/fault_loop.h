@@ -106,10 +106,10 @@ std::string caseName(const testing::TestParamInfo<std::tuple<Command, Fault>> &t
 // for their cure: take them out of the list with the cure.
 bool isOneOf(const std::vector<std::string> &cases, const Command &command, const Fault &fault);
 
-// The fault at point `at`; beyond the last one for none. Counts the points of the run in *points
-// and names the call at the fault in *call, where they are given.
+// The fault at point `at`, or 0 for none. Counts the points of the run in *points, where that is
+// given. `meanwhile` runs each time that the command stops.
 Outcome runWithFault(const Command &command, const Fault &fault, long at, long *points = nullptr,
-                     std::string *call = nullptr, const std::function<void()> &meanwhile = {});
+                     const std::function<void()> &meanwhile = {});
 
 // The same without a fault, for many short runs: no shell, and no look for processes.
 Outcome runAlone(const std::vector<std::string> &line, const std::string &input = "");

@@ -1,9 +1,9 @@
 // Loaded before the C library into the process under test (and passive in the processes it starts):
 // counts the calls that change the file system below /usr/NQ, and with FAULT_LOOKS those that only
-// look at it too. At the one that FAULT_AT names it does what FAULT_HOW says:
+// look at it too. At the one that FaultCount::at names it does what FAULT_HOW says:
 //   kill           ends the process
 //   terminate      asks it to end, by a signal that it may catch
-//   stop           stops it, until the one that started it says in FAULT_COUNT to go on
+//   stop           stops it, until the one that started it has it go on
 //   forget         ends it, and makes the directory FAULT_DISK forget what was not synced
 //                  (forget-entries, forget-contents and forget-creations: only that of it). Without
 //                  an end by then, at the end of the process.
@@ -28,6 +28,7 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -44,42 +45,6 @@ bool isTarget() {
   return name != nullptr && strcmp(name, program_invocation_short_name) == 0;
 }
 
-#ifdef FAULT_ALLOCATIONS
-
-void losePower() {}
-
-#else
-
-// Null where nothing is to be forgotten.
-SyncedDisk *disk() {
-  static const bool forgets = isTarget() && strncmp(getenv("FAULT_HOW"), "forget", 6) == 0;
-  static SyncedDisk *watched = forgets ? new SyncedDisk(getenv("FAULT_DISK")) : nullptr;
-  return watched;
-}
-
-void losePower() {
-  if (disk() == nullptr || passive) return;
-  passive = true;
-  using enum SyncedDisk::Written;
-  const std::string how = getenv("FAULT_HOW");
-  disk()->losePower(how == "forget-entries"     ? contents
-                    : how == "forget-contents"  ? entries
-                    : how == "forget-creations" ? removals
-                                                : nothing);
-}
-
-__attribute__((constructor)) void startDisk() {
-  passive = true;
-  disk();
-  passive = false;
-}
-
-__attribute__((destructor)) void endDisk() {
-  losePower();
-}
-
-#endif
-
 // By system calls, since the functions are those that are counted here.
 FaultCount *openCount() {
   const long fd = syscall(SYS_open, getenv("FAULT_COUNT"), O_RDWR);
@@ -95,19 +60,93 @@ FaultCount *openCount() {
   return reinterpret_cast<FaultCount *>(memory);
 }
 
+FaultCount *sharedCount() {
+  static FaultCount *count = openCount();
+  return count;
+}
+
+void report(FaultReport report) {
+  syscall(SYS_write, reportsPipe, &report, sizeof report);
+}
+
+bool awaitOrder() {
+  char order = 0;
+  return syscall(SYS_read, ordersPipe, &order, 1) == 1;
+}
+
+// Returns in each copy that shall run.
+void runCopies() {
+  for (const int pipe : {ordersPipe, reportsPipe}) syscall(SYS_fcntl, pipe, F_SETFD, FD_CLOEXEC);
+  report({FaultReport::ready, 0});
+  while (awaitOrder()) {
+    const pid_t copy = fork();
+    if (copy == 0) {
+      syscall(SYS_lseek, 0, 0, SEEK_SET);
+      report({FaultReport::started, getpid()});
+      return;
+    }
+    int status = 0;
+    waitpid(copy, &status, 0);
+    report({FaultReport::ended, status});
+  }
+  _exit(0);
+}
+
+#ifdef FAULT_ALLOCATIONS
+
+void losePower() {}
+
+__attribute__((constructor)) void begin() {
+  if (isTarget()) runCopies();
+}
+
+#else
+
+// Null where nothing is to be forgotten.
+SyncedDisk *disk() {
+  static const bool forgets =
+      isTarget() && strncmp(getenv("FAULT_HOW"), "forget", 6) == 0 && sharedCount()->at != 0;
+  static SyncedDisk *watched = forgets ? new SyncedDisk(getenv("FAULT_DISK")) : nullptr;
+  return watched;
+}
+
+void losePower() {
+  if (disk() == nullptr || passive) return;
+  passive = true;
+  using enum SyncedDisk::Written;
+  const std::string how = getenv("FAULT_HOW");
+  disk()->losePower(how == "forget-entries" ? contents
+                    : how == "forget-contents" ? entries
+                    : how == "forget-creations" ? removals
+                                                : nothing);
+}
+
+__attribute__((constructor)) void begin() {
+  if (!isTarget()) return;
+  runCopies();
+  passive = true;
+  disk();
+  passive = false;
+}
+
+__attribute__((destructor)) void end() {
+  losePower();
+}
+
+#endif
+
 // Whether the call shall fail; errno is set then.
 bool fault(const char *call) {
   if (passive || !isTarget()) return false;
-  static const long at = atol(getenv("FAULT_AT"));
   static const char *how = getenv("FAULT_HOW");
   static const bool on = getenv("FAULT_ON") != nullptr;
-  static FaultCount *count = openCount();
-  const long number = ++count->calls;
-  if (number != at && !(on && number > at)) return false;
+  FaultCount *const count = sharedCount();
+  const long number = ++count->calls, at = count->at;
+  if (at == 0 || (number != at && !(on && number > at))) return false;
   if (number == at) strncpy(count->name, call, sizeof count->name - 1);
   if (strcmp(how, "stop") == 0) {
-    const int stop = ++count->stops;
-    while (count->starts < stop) syscall(SYS_sched_yield);
+    report({FaultReport::stopped, 0});
+    awaitOrder();
     return false;
   }
   if (strcmp(how, "terminate") == 0) return kill(getpid(), SIGTERM) != 0;

@@ -257,10 +257,9 @@ TEST_F(Faults, ADiskCanBeFull) {
       const bool fits = run("cp -a " + saved + "/current " + root).status == 0;
       if (!fits) std::filesystem::remove_all(currentDir);
       std::filesystem::remove("/usr/NQ/conf/dbsweep.lock");
-      const Outcome outcome = shared
-                                  ? runWithFault(command, {"stop", "stop", Points::changes, true},
-                                                 1, nullptr, nullptr, fill)
-                                  : runWithFault(command, none, 0);
+      const Outcome outcome =
+          shared ? runWithFault(command, {"stop", "stop", Points::changes, true}, 1, nullptr, fill)
+                 : runWithFault(command, none, 0);
       SCOPED_TRACE(outcome.err);
       ASSERT_THAT(outcome.status, AnyOf(0, 1));
       if (!fits) {

@@ -21,7 +21,7 @@ inline const std::string rewriting =
 inline const std::string cannotOpen = "dbsweep: Cannot open objects database.\n";
 
 // The sanitizers make everything slower, and smaller numbers tell as much.
-#ifdef __SANITIZE_ADDRESS__
+#ifdef DBSWEEP_SANITIZED
 constexpr bool sanitized = true;
 #else
 constexpr bool sanitized = false;
