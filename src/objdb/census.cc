@@ -4,10 +4,12 @@
 
 #include <cstdio>
 
+#include "objdb/fnv64.h"
+
 namespace {
 
 uint64_t hashBytes(uint64_t hash, std::string_view bytes) {
-  for (const char each : bytes) hash = (hash ^ static_cast<unsigned char>(each)) * 1099511628211u;
+  for (const char each : bytes) hash = fnv64Step(hash, static_cast<unsigned char>(each));
   return hash;
 }
 
@@ -15,9 +17,10 @@ uint64_t hashBytes(uint64_t hash, std::string_view bytes) {
 
 void Census::add(size_t table, std::string_view key, std::string_view bytes) {
   ++records_[table];
+  // The length of the key tells where it ends and the record begins.
   const std::string frame =
       keyOf({static_cast<uint32_t>(table), static_cast<uint32_t>(key.size())});
-  digest_ += hashBytes(hashBytes(hashBytes(14695981039346656037u, frame), key), bytes);
+  digest_ += hashBytes(hashBytes(hashBytes(fnv64Start, frame), key), bytes);
 }
 
 uint64_t Census::total() const {

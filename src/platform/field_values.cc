@@ -29,6 +29,8 @@ ValueList *copyList(const ValueList *from, int32_t type) {
     free(list);
     return nullptr;
   }
+  // Known before the strings are copied: after a failure freeList frees those that are there, and
+  // finds null for the others.
   list->count = from->count;
   for (uint32_t i = 0; i < from->count; ++i) {
     ValueListEntry &to = list->entries[i];

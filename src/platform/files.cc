@@ -35,11 +35,15 @@ int copyBytes(int from, int to) {
 
 int openQuietly(const std::string &path, int flags) {
   flags |= O_RDONLY | O_CLOEXEC;
+  // Only the owner of a file may ask for O_NOATIME; others are refused with EPERM.
   const int fd = open(path.c_str(), flags | O_NOATIME);
   return fd < 0 && errno == EPERM ? open(path.c_str(), flags) : fd;
 }
 
 int openRegular(const std::string &path, int flags, mode_t mode) {
+  // O_CREAT goes with O_EXCL only, after a plain open has found nothing: alone it would open what
+  // somebody else puts there in between. O_NONBLOCK: a FIFO in the place of a table is not waited
+  // for.
   const bool makes = (flags & O_CREAT) != 0;
   flags = (flags & ~O_CREAT) | O_NONBLOCK | O_CLOEXEC;
   const auto openAs = [&](int more) {
@@ -51,6 +55,7 @@ int openRegular(const std::string &path, int flags, mode_t mode) {
   if (!file.isOpen() && errno == ENOENT && makes) {
     file = Descriptor(openAs(O_NOFOLLOW | O_CREAT | O_EXCL));
   } else if (!file.isOpen() && errno == ELOOP) {
+    // The directory may be open to everybody, and a link in it lead anywhere.
     struct stat link {};
     const bool trusted = lstat(path.c_str(), &link) == 0 && link.st_uid == 0;
     if (trusted) file = Descriptor(openAs(0));
@@ -76,6 +81,7 @@ int copyFileSynced(int from, int directory, const std::string &name) {
   return target.close();
 }
 
+// The caller syncs the directory, with all else that it has made there.
 int makeMarker(int directory, const std::string &name) {
   Descriptor marker(openat(directory, name.c_str(),
                            O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
@@ -102,6 +108,7 @@ int removeFiles(int directory) {
   const std::unique_ptr<DIR, int (*)(DIR *)> entries(fdopendir(own.get()), closedir);
   if (entries == nullptr) return -1;
   own.release();
+  // readdir ends with a null pointer and fails with one: only errno tells the two apart.
   errno = 0;
   while (const dirent *entry = readdir(entries.get())) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;

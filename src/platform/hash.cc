@@ -9,7 +9,8 @@ _Hash::_Hash(int size, int, int, float)
 _Hash::~_Hash() = default;
 
 uint32_t _Hash::hash(const void *key) const {
-  // Ids are handed out one after the other; the multiplication spreads them over the places.
+  // Ids are handed out one after the other. The multiplication (by 2^64 over the golden ratio)
+  // spreads them over the places, and its upper half depends on all bits of the key.
   return static_cast<uint32_t>((uint64_t{reinterpret_cast<uintptr_t>(key)} * 0x9E3779B97F4A7C15u) >>
                                32);
 }
@@ -22,11 +23,13 @@ int _Hash::dataCmp(const void *a, const void *b) const {
   return a == b ? 0 : 1;
 }
 
+// 0 marks a free place, so no key may have it.
 uint32_t _Hash::storedHash(const void *key) const {
   return std::max(hash(key), uint32_t{1});
 }
 
-// Where the key is, or the free place where it would be.
+// Where the key is, or the free place where it would be; there always is one, see insert. Comparing
+// the hashes first spares most comparisons of strings.
 size_t _Hash::placeOf(const void *key, uint32_t hash) const {
   size_t place = hash & (places_.size() - 1);
   while (places_[place].hash_ != 0 &&
@@ -37,7 +40,7 @@ size_t _Hash::placeOf(const void *key, uint32_t hash) const {
 }
 
 void _Hash::insert(void *key, void *data) {
-  if (size_ >= places_.size() / 4 * 3) grow();
+  if (size_ >= places_.size() / 4 * 3) grow();  // fuller, linear probing has to walk too far
   const uint32_t keyHash = storedHash(key);
   _HashItem &item = places_[placeOf(key, keyHash)];
   if (item.hash_ == 0) ++size_;
@@ -58,7 +61,8 @@ void _Hash::prefetch(const void *key) const {
 void _Hash::remove(void *key) {
   size_t hole = placeOf(key, storedHash(key));
   if (places_[hole].hash_ == 0) return;
-  // The items behind it move up, as far as that brings them no nearer than their first place.
+  // Later items of the run move into the hole, but never before their home place. A mark for
+  // "removed" would be simpler, and would make every later search walk over it.
   for (size_t place = next(hole); places_[place].hash_ != 0; place = next(place)) {
     const size_t mask = places_.size() - 1;
     const size_t fromFirst = (place - places_[place].hash_) & mask;
@@ -70,6 +74,7 @@ void _Hash::remove(void *key) {
   --size_;
 }
 
+// Moves the items by their stored hashes: no key is hashed or compared again.
 void _Hash::grow() {
   std::vector<_HashItem> places(places_.size() * 2);
   places_.swap(places);

@@ -38,6 +38,8 @@ void _List::insert(const void *element, const void *after, int front) {
 
 void _List::remove(const void *element) {
   _ListNode *node = nodeOf(element);
+  // An element with a node of its own is in no list when the node has no neighbour before it and is
+  // not the first one either.
   if (node == nullptr || (node->prev == nullptr && first_ != node)) return;
   (node->prev == nullptr ? first_ : node->prev->next) = node->next;
   (node->next == nullptr ? last_ : node->next->prev) = node->prev;

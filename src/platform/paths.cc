@@ -45,6 +45,7 @@ int _NQConcatPath(char *path, size_t size, const char *component) {
 int _NQMakeDir(const char *path, mode_t mode, int existingOk) {
   if (mkdir(path, mode) == 0) return 0;
   if (errno != EEXIST || existingOk != 1) return -1;
+  // Something is there, which may be a file.
   struct stat status {};
   return stat(path, &status) == 0 && S_ISDIR(status.st_mode) ? 0 : -1;
 }

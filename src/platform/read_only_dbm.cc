@@ -12,6 +12,8 @@ DBM *openReadOnlyDbm(const std::string &path) {
   const std::string pages = path + ".pag";
   const int directory = openRegular(path + ".dir", O_RDONLY);
   if (directory < 0) return nullptr;
+  // Opened by us and handed over by descriptor: the library would follow any link and wait for a
+  // FIFO. It closes the descriptor, also when it fails (GDBM_CLOERROR).
   const int fd = openRegular(pages, O_RDONLY);
   constexpr int flags = GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR;
   GDBM_FILE file = fd < 0 ? nullptr : gdbm_fd_open(fd, pages.c_str(), 0, flags, nullptr);

@@ -29,7 +29,8 @@ struct Line {
   size_t length = 0;
 };
 
-// The head as it is, the text with its line ends escaped.
+// The head as it is, the text with its line ends escaped: a name from the database must not make
+// lines of its own in the log. The room holds the longest text with every character escaped.
 void formatLine(Line *line, const char *head, const char *text) {
   line->length = static_cast<size_t>(snprintf(line->bytes, 256, "%s", head));
   for (const char *p = text; *p != '\0'; ++p) {
@@ -70,6 +71,7 @@ Line lastWords;
 volatile sig_atomic_t hasLastWords = 0;
 
 // "2026-11-22 23:59:59 4711 85 ", the part of the head that log and trace share.
+// Not cached: a run may last past midnight.
 int formatStamp(char *buffer, size_t size, int component) {
   const time_t now = time(nullptr);
   tm local{};
@@ -102,7 +104,7 @@ void dropReports() {
 }
 
 void prepareLastWords(const std::string &text) {
-  hasLastWords = 0;
+  hasLastWords = 0;  // a signal in between must not say half of a line
   char head[256];
   formatLogHead(head, sizeof head, databaseComponent, severityError, "nqw");
   formatLine(&lastWords, head, text.substr(0, longestText - 1).c_str());
@@ -115,7 +117,7 @@ void forgetLastWords() {
 
 void sayLastWords() {
   if (hasLastWords == 0) return;
-  hasLastWords = 0;
+  hasLastWords = 0;  // first: a signal may come while the line is written
   appendLine(logFile, lastWords);
 }
 

@@ -13,6 +13,7 @@ int compareNullable(const char *a, const char *b, Compare compare) {
   return compare(a, b);
 }
 
+// Looked up each time: a program may set its locale after the first hash.
 bool collatesByBytes() {
   const char *locale = setlocale(LC_COLLATE, nullptr);
   return strcmp(locale, "C") == 0 || strcmp(locale, "POSIX") == 0 || strncmp(locale, "C.", 2) == 0;

@@ -46,7 +46,7 @@ bool fail(int fd, int error) {
 
 using File = std::unique_ptr<FILE, int (*)(FILE *)>;
 
-// The name of a process, as it gave it itself; without what a terminal would take for an order.
+// The name of a process, which it may choose itself: without characters that control a terminal.
 std::string processName(long process) {
   const File comm(fopen(("/proc/" + std::to_string(process) + "/comm").c_str(), "re"), fclose);
   char name[64];
@@ -67,7 +67,7 @@ std::string lockHolder(const struct stat &file) {
   const File locks(fopen("/proc/locks", "re"), fclose);
   char line[256];
   while (locks != nullptr && fgets(line, sizeof line, locks.get()) != nullptr) {
-    long holder = 0;
+    long holder = 0;  // 0 for a process of another namespace
     char place[64];
     if (sscanf(line, "%*s FLOCK %*s %*s %ld %63s", &holder, place) != 2 || holder <= 0 ||
         strcmp(place, wanted) != 0) {
@@ -89,10 +89,13 @@ bool TableLock::acquire(const char *path, int fd) {
   struct stat opened {};
   if (fstat(fd, &opened) != 0) return false;
   if (!S_ISREG(opened.st_mode)) return fail(-1, ESTALE);
+  // By device and inode, not by path: a file keeps its lock when it is renamed or linked elsewhere.
   auto held = findHeld(opened.st_dev, opened.st_ino);
   if (held != registry.files.end()) {
     ++held->handles;
   } else {
+    // A descriptor of the registry's own: flock belongs to the open file, and would go with the
+    // caller's descriptor.
     const int own = openRegular(path, O_RDONLY);
     if (own < 0) return false;
     struct stat named {};

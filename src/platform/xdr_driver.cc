@@ -19,6 +19,7 @@ uint32_t recordsWithRest = 0;
 
 XdrBuffer xdrBuffer(size_t atLeast) {
   if (capacity < atLeast) {
+    // The old contents need not be kept: an encoding that did not fit is done once more.
     const size_t size = std::max(atLeast, initialSize);
     std::unique_ptr<char[]> larger(new (std::nothrow) char[size]);
     if (larger == nullptr) {

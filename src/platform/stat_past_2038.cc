@@ -1,8 +1,8 @@
-// For 32-bit programs alone. The dbm library and the C++ library of a 32-bit Debian ask for the
-// state of a file with its times in 32 bits, and the C library refuses that for a file whose time
-// lies past 2038: no table could be opened any more, whatever the rest of the program can do. The
-// linker puts these in place of what those libraries call. They cut the times, which neither
-// library looks at, and fail for nothing else.
+// stat for files with a time past 2038, in 32-bit programs alone. There the dbm library and the C++
+// library of Debian ask for a file's state with times of 32 bits, and the C library refuses that
+// for such a file: no table could be opened, whatever the rest of the program can do. The linker
+// puts the functions below in place of those that the two libraries call. They truncate the times,
+// which neither library looks at.
 #undef _TIME_BITS  // the structure as those libraries know it
 
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 
 namespace {
 
-timespec cutTime(const statx_timestamp &time) {
+timespec truncatedTime(const statx_timestamp &time) {
   return {static_cast<time_t>(time.tv_sec), static_cast<long>(time.tv_nsec)};
 }
 
@@ -29,9 +29,9 @@ int stateOf(int directory, const char *path, int flags, struct stat64 *status) {
   status->st_size = static_cast<off64_t>(from.stx_size);
   status->st_blksize = static_cast<blksize_t>(from.stx_blksize);
   status->st_blocks = static_cast<__blkcnt64_t>(from.stx_blocks);
-  status->st_atim = cutTime(from.stx_atime);
-  status->st_mtim = cutTime(from.stx_mtime);
-  status->st_ctim = cutTime(from.stx_ctime);
+  status->st_atim = truncatedTime(from.stx_atime);
+  status->st_mtim = truncatedTime(from.stx_mtime);
+  status->st_ctim = truncatedTime(from.stx_ctime);
   return 0;
 }
 

@@ -1,5 +1,5 @@
-// The database that find and show ask: opened for reading alone, with as much of it in the caches
-// as the question needs, or with a limit as many objects as that.
+// The database that find, show and protocols query: opened for reading alone. The callers load as
+// much of it as their question needs; with a limit no more objects than that are in the caches.
 #pragma once
 
 #include <algorithm>
@@ -13,21 +13,21 @@
 #include "objdb/table_reader.h"
 #include "store/database.h"
 
-class AskedDatabase {
+class QueryDatabase {
  public:
   // Opens the version, locks it as the other reading commands do, makes it the database that
   // queries ask, and loads the definitions and the constants; with a limit also that many objects
   // at most, while queries find the others in the tables. Throws CommandFailure.
-  AskedDatabase(const VersionPath &version, std::optional<uint32_t> mostObjects);
+  QueryDatabase(const VersionPath &version, std::optional<uint32_t> mostObjects);
 
   ObjectDatabase *get() const { return db_; }
 
-  // With a limit, the objects that queries do not list since they have no name under the common
-  // name field; else none.
+  // With a limit, the objects that queries do not list because they have no name under the common
+  // name field; otherwise no object.
   ObjectIds unlistedObjects() const;
 
-  // The objects whose name under the binding's field is the binding's. All of them: queries tell
-  // but one of those that share a name.
+  // The objects whose name under the binding's field is the binding's. All of them: of objects that
+  // share a name, queries tell only one.
   ObjectIds objectsNamed(NQwFieldBinding *binding) const;
 
   // What to end with: objdbFailed, with the reason on standard error, when records that could not
@@ -40,7 +40,7 @@ class AskedDatabase {
 };
 
 // A query's result, checked. Throws CommandFailure when there is none.
-ObjectIds takeIds(NQwObjectIdList *list);
+ObjectIds requireIds(NQwObjectIdList *list);
 
 // Leaves those ids in the list that `isKept` says yes to, in their order.
 template <typename IsKept>

@@ -1,4 +1,4 @@
-#include "driver/surroundings.h"
+#include "driver/inherited_state.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -17,8 +17,9 @@ void openStandardStreams() {
   }
 }
 
-void distrustEnvironment() {
+void sanitizeEnvironment() {
   if (getuid() == geteuid()) return;
+  // Collected first: unsetenv moves what is being walked over.
   std::vector<std::string> dropped{"IFS"};
   for (char **each = environ; *each != nullptr; ++each) {
     if (strncmp(*each, "LD_", 3) == 0) dropped.emplace_back(*each, strcspn(*each, "="));

@@ -1,4 +1,4 @@
-#include "objdb/asked_database.h"
+#include "objdb/query_database.h"
 
 #include <algorithm>
 #include <cstring>
@@ -38,8 +38,8 @@ uint32_t mostNames(const std::string &directory) {
 }
 
 // The object of every record of both tables, by the keys.
-template <typename Take>
-void forEachKeyedObject(ObjectDatabase *db, Take take) {
+template <typename Visit>
+void forEachKeyedObject(ObjectDatabase *db, Visit visit) {
   for (NQ_dbm_db *table : {db->objInfoDb, db->valueInfoDb}) {
     DbmRecord record;
     table->first = 1;
@@ -47,14 +47,15 @@ void forEachKeyedObject(ObjectDatabase *db, Take take) {
       uint32_t objectId = 0;
       if (record.key.size() != 2 * sizeof objectId) continue;
       memcpy(&objectId, record.key.data(), sizeof objectId);
-      take(objectId);
+      visit(objectId);
     }
   }
 }
 
 }  // namespace
 
-AskedDatabase::AskedDatabase(const VersionPath &version, std::optional<uint32_t> mostObjects) {
+QueryDatabase::QueryDatabase(const VersionPath &version, std::optional<uint32_t> mostObjects) {
+  // The readers are opened for their locks alone, and for their words when they cannot be had.
   for (size_t table = 0; table < tableCount; ++table) {
     if (!tableFormats[table].isLocked) continue;
     OpenFailure failure;
@@ -65,7 +66,7 @@ AskedDatabase::AskedDatabase(const VersionPath &version, std::optional<uint32_t>
   const time_t time = versionOf(version.name);
   ObjectDatabase *opened = openForReading(version.path(), time);
   if (opened == nullptr) throw CommandFailure("could not open \"" + version.path() + "\"");
-  dropReports();
+  dropReports();  // a command that only looks must not write to the platform's log
   shareDatabase(opened);
   db_ = nqwDbGetDb(time);
   // Known before the definitions, since room for names is made with them.
@@ -76,10 +77,10 @@ AskedDatabase::AskedDatabase(const VersionPath &version, std::optional<uint32_t>
   if (max_objects_cached != 0) loadObjectsWithinLimit(db_);
 }
 
-ObjectIds AskedDatabase::unlistedObjects() const {
+ObjectIds QueryDatabase::unlistedObjects() const {
   ObjectIds unlisted(newObjectIdList(0));
   if (max_objects_cached == 0) return unlisted;
-  const ObjectIds listed = takeIds(listObjects(nullptr));
+  const ObjectIds listed = requireIds(listObjects(nullptr));
   uint32_t *end = listed->objectIds + listed->count;
   std::sort(listed->objectIds, end);
   startBuffering(db_);  // which the query has stopped
@@ -95,10 +96,10 @@ ObjectIds AskedDatabase::unlistedObjects() const {
   return unlisted;
 }
 
-ObjectIds AskedDatabase::objectsNamed(NQwFieldBinding *binding) const {
+ObjectIds QueryDatabase::objectsNamed(NQwFieldBinding *binding) const {
   if (cache_overflow == 0) {
     NQwFieldBindList bindings{1, binding};
-    return takeIds(listObjects(&bindings));
+    return requireIds(listObjects(&bindings));
   }
   ObjectIds ids(newObjectIdList(0));
   forEachRecord<dbObject>(db_->objInfoDb, [&](const dbObject *record) {
@@ -110,14 +111,14 @@ ObjectIds AskedDatabase::objectsNamed(NQwFieldBinding *binding) const {
   return ids;
 }
 
-ObjdbStatus AskedDatabase::judge(ObjdbStatus status) {
+ObjdbStatus QueryDatabase::judge(ObjdbStatus status) {
   if (loadLosses.unreadable == 0) return status;
   fprintf(stderr, "objdb: %u records could not be read, and may be missing from the answer\n",
           loadLosses.unreadable);
   return objdbFailed;
 }
 
-ObjectIds takeIds(NQwObjectIdList *list) {
+ObjectIds requireIds(NQwObjectIdList *list) {
   if (list == nullptr)
     throw CommandFailure("the query failed: error " + std::to_string(NQwError()));
   return ObjectIds(list);

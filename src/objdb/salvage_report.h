@@ -1,0 +1,9 @@
+// The last step of a salvage: says what was lost.
+#pragma once
+
+#include "objdb/salvaged_tables.h"
+
+// A line on standard error for each table that is not as it was, and one for each record: among
+// those lines, or as JSON on standard output. True when anything was lost. name_info counts for
+// nothing there, since it is rebuilt from obj_info.
+bool reportLosses(const SalvagedTables &tables, bool json);
