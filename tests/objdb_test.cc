@@ -272,6 +272,7 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
        0, "2025-12-01T00:00:00", 2},
       {"touch $V/unfinished; objdb check", 1, "unfinished-version: version ", 1},
       {"touch $V/unfinished; objdb versions", 1, " unfinished", 1},
+      {"mv $V 221126.231500; objdb versions", 0, "221126.231500 2026-11-22T23:15:00 ", 1},
       {"objdb versions --digest --json | jq -r .digest >x; objdb dump | grep -c $(cat x)", 0, "1\n",
        1},
   };

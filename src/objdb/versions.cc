@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "objdb/changes.h"
@@ -14,15 +15,14 @@ struct ListedVersion {
   Survey survey;
 };
 
-// The time that names a version, of either data format; 0 for another name.
+// The time that names a version, of either data format; 0 for another name. The length tells the
+// format: "%Y" takes the two digits of the old one too, for a year of the first century.
 time_t timeOf(const std::string &name) {
-  for (const char *format : {"%d%m%Y.%H%M%S", "%d%m%y.%H%M%S"}) {
-    tm parts{};
-    parts.tm_isdst = -1;
-    const char *end = strptime(name.c_str(), format, &parts);
-    if (end != nullptr && *end == '\0') return mktime(&parts);
-  }
-  return 0;
+  const bool isOld = name.size() == strlen("ddmmyy.HHMMSS");
+  tm parts{};
+  parts.tm_isdst = -1;
+  const char *end = strptime(name.c_str(), isOld ? "%d%m%y.%H%M%S" : "%d%m%Y.%H%M%S", &parts);
+  return end != nullptr && *end == '\0' ? mktime(&parts) : 0;
 }
 
 std::string shownTime(time_t time) {
@@ -67,7 +67,8 @@ ObjdbStatus listByAge(const std::string &directory, bool digest, bool json) {
     list.push_back({version, timeOf(version.name),
                     digest ? surveyVersion(version.directory) : surveyQuickly(version.directory)});
   }
-  // By name within a second of two data formats.
+  // Stable: versions of one second, in the names of both data formats, stay in the order of their
+  // names.
   std::stable_sort(list.begin(), list.end(),
                    [](const ListedVersion &a, const ListedVersion &b) { return a.time < b.time; });
   ObjdbStatus status = objdbFine;
