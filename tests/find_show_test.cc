@@ -334,12 +334,22 @@ TEST_F(AskSmall, VersionsAreAskedAndLeftAsTheyAre) {
 
 // Characters that the locale does not know have no weight of their own, and collate equal.
 TEST_F(AskSmall, NamesThatCollateEqualFindEachOther) {
+  const auto field = [](int id, const std::string &name, const std::string &type) {
+    return R"({"table":"field_info","field":)" + std::to_string(id) + R"(,"name":")" + name +
+           R"(","type":")" + type + R"(","flags":1})";
+  };
   const std::string locale = "LOCPATH=/usr/NQ/tmp LC_ALL=en_US.UTF-8 ";
   ASSERT_EQ(run("localedef --no-archive -i en_US -f UTF-8 /usr/NQ/tmp/en_US.UTF-8").status, 0)
       << "install the package locales";
   std::filesystem::remove_all(currentDir);
   load(emptyNetwork() + nameLines(7, 10, "gw\u0378") + nameLines(8, 10, "gw2") +
-       Lines{valueLine(8, 24, "\"type\":\"String\",\"value\":\"\u0378\"")});
+       Lines{valueLine(8, 24, "\"type\":\"String\",\"value\":\"\u0378\""),
+             field(40, "isOne\u0378", "Boolean"), field(41, "isTwo\u0378", "Boolean"),
+             field(42, "isTwo\u0379", "String")});
+  EXPECT_EQ(run(locale + "objdb protocols --ids One\u0379").status, 0);
+  EXPECT_THAT(run(locale + "objdb protocols --ids Two\u0380").err,
+              HasSubstr("several fields sort as equal to it"))
+      << "a sweep refuses it too, whatever the type of the other field";
   for (const char *limit : {"", " --max-objects 1"}) {
     for (const char *question :
          {"find 'Selection Name=gw\u0379'", "show gw\u0379", "find 'Description=\u0379'",

@@ -14,7 +14,6 @@
 #include "internal/iListO.h"
 #include "internal/loaders.h"
 #include "internal/protocol.h"
-#include "internal/util.h"
 #include "maint/delete_object.h"
 #include "maint/kept_tables.h"
 #include "maint/outcome.h"
@@ -58,7 +57,7 @@ bool isEmptyFile(const std::string &path) {
   return status.st_size == 0;
 }
 
-// The tables that every database has and this one has not, as long as the open has not made them.
+// The tables that every database has and this one lacks. Called before the open, which makes them.
 std::vector<size_t> absentTables() {
   std::vector<size_t> absent;
   const char *directory = dbPath(nullptr, nullptr);
@@ -103,6 +102,9 @@ void noteMissing(std::vector<size_t> absent) {
 void openForRun(int dflag, int pflag, int mflag) {
   const std::vector<size_t> absent = absentTables();
   directoryFailure = endWithoutDirectory;
+  // A list alone is deleted from the tables through the shared handle, so the run takes that one:
+  // two handles must not write one table (dbm_table.h). Other runs have a handle of their own,
+  // which they close before the rewrite.
   if (mflag != 0) {
     runDb = open_nqwdb_ndbm_old(0);
   } else if (dflag != 0 && pflag == 0) {
@@ -118,7 +120,7 @@ void openForRun(int dflag, int pflag, int mflag) {
 }
 
 void fillCaches(int mflag) {
-  ObjValCache = new ObjTable(1500, 3, 3, 0.333f);
+  ObjValCache = new ObjTable(1500, 3, 3, 0.333f);  // the loaders enter into it
   if (buildEnumTable(runDb) == 0) {
     endWith(exitNormal, "dbsweep: Could not build enum table in cache.");
   }
@@ -190,12 +192,12 @@ void deleteListed(int (*deleteObject)(uint32_t objectId)) {
 // Deletes from the tables. What the library might write over in a damaged one counts as not read.
 void deleteListedInPlace() {
   for (size_t table = 0; table < tableCount; ++table) {
-    const bool changes = tableFormats[table].isRebuilt;
+    const bool changes = tableFormats[table].isRebuilt;  // deletions touch the same three
     if (changes && !_NQ_dbm_db_check_space(tableOf(runDb, table)) && outcome.unread == 0) {
       outcome.unread = 1;
     }
   }
-  keepTables(KeepBy::copying);
+  keepTables(KeepBy::copying);  // before the first deletion
   const RecordCounts before = countRecords(runDb);
   deleteListed(deleteObjectInPlace);
   const RecordCounts expected = expectedRecords(runDb, before);
@@ -205,7 +207,7 @@ void deleteListedInPlace() {
   const auto locks = lockVersion(dbPath(nullptr, nullptr), &ignored);
   closeRunDb();
   outcome.incomplete = !areComplete(dbPath(nullptr, nullptr), expected);
-  settleKeptTables();
+  removeOrReportKeptVersion();
 }
 
 void countObjects() {
@@ -243,25 +245,9 @@ uint32_t protocolFieldOrEnd() {
   return field.fieldId;
 }
 
-NQwFieldBinding *newProtocolQuery(uint32_t fieldId) {
-  auto *query = static_cast<NQwFieldBinding *>(allocateOrEnd(sizeof(NQwFieldBinding)));
-  constexpr int32_t isTrue = 1;
-  query->fieldId = fieldId;
-  query->value = newFieldValue(Boolean, &isTrue);
-  return query;
-}
-
-NQwObjectIdList *objectsOfProtocol(uint32_t fieldId) {
-  NQwFieldBinding *query = newProtocolQuery(fieldId);
-  NQwObjectIdList *ids = objectsWithFieldValue(query);
-  NQwDbFreeFieldValue(query->value);
-  free(query);
-  if (ids == nullptr) endUnopened();
-  return ids;
-}
-
 void deleteProtocol(uint32_t fieldId) {
   NQwObjectIdList *ids = objectsOfProtocol(fieldId);
+  if (ids == nullptr) endUnopened();
   deleteFromCachesAlone();
   int deleted = 0;
   std::unordered_set<uint32_t> seen;  // an object may have two values that match
@@ -290,6 +276,7 @@ void loadAndPurge(int dflag, int pflag, int mflag) {
   outcome.unread = loadLosses.unreadable;
   const bool onlyCounts = dflag != 0 && objectids[0] == countOnly;
   const bool rewrites = pflag != 0 || mflag != 0;
+  // Before the list is deleted: a run that refuses the protocol has changed nothing.
   const uint32_t protocol = pflag != 0 && !onlyCounts ? protocolFieldOrEnd() : 0;
   if (dflag != 0) {
     openTraceFile();

@@ -8,19 +8,19 @@
 #include <set>
 #include <vector>
 
-#include "internal/iListO.h"
 #include "internal/loaders.h"
-#include "objdb/asked_database.h"
+#include "internal/protocol.h"
 #include "objdb/commands.h"
 #include "objdb/field_text.h"
 #include "objdb/options.h"
 #include "objdb/progress.h"
+#include "objdb/query_database.h"
 #include "platform/strings.h"
 
 namespace {
 
 constexpr char capabilityMap[] = "/usr/NQ/conf/capability_map";
-constexpr size_t longestProtocol = 77;
+constexpr size_t longestProtocol = 77;  // what -p of dbsweep takes
 
 std::vector<const NQwFieldInfo *> booleanFields() {
   std::vector<const NQwFieldInfo *> fields;
@@ -48,14 +48,6 @@ std::string whyRefused(const NQwFieldInfo &field) {
   return sameText > 1 ? "several fields have it" : "";
 }
 
-// The ids that a deletion by the field selects, in its order.
-std::vector<uint32_t> selectedObjects(uint32_t fieldId) {
-  NQwFieldValue isTrue{0, Boolean, {1}, 0};
-  const NQwFieldBinding binding{fieldId, &isTrue};
-  const ObjectIds list = takeIds(objectsWithFieldValue(&binding));
-  return {list->objectIds, list->objectIds + list->count};
-}
-
 struct Protocol {
   const NQwFieldInfo *field;
   size_t objects;
@@ -64,7 +56,8 @@ struct Protocol {
 std::vector<Protocol> listProtocols() {
   std::vector<Protocol> protocols;
   for (const NQwFieldInfo *field : booleanFields()) {
-    protocols.push_back({field, selectedObjects(field->fieldId).size()});
+    const ObjectIds objects = requireIds(objectsOfProtocol(field->fieldId));
+    protocols.push_back({field, static_cast<size_t>(objects->count)});
   }
   std::sort(protocols.begin(), protocols.end(), [](const Protocol &a, const Protocol &b) {
     if (a.objects != b.objects) return a.objects > b.objects;
@@ -74,8 +67,8 @@ std::vector<Protocol> listProtocols() {
   return protocols;
 }
 
-// The protocol names of the platform's file, one a line; blank lines and those that start with "#"
-// are none.
+// The protocol names of the platform's file, one a line; blank lines and lines that start with "#"
+// have no name.
 std::set<std::string> namesOfPlatform() {
   std::set<std::string> names;
   std::ifstream file(capabilityMap);
@@ -88,6 +81,7 @@ std::set<std::string> namesOfPlatform() {
   return names;
 }
 
+// A name that is not UTF-8 is shown all the same, with replacement characters.
 std::string dumped(const Json &line) {
   return line.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -117,19 +111,19 @@ void printAll(bool json) {
   }
 }
 
-// The field that a sweep would take for the name.
+// The field that a sweep would take for the name. Looks for one that collates like it, or better is
+// equal, and then asks for the sweep's own choice: fields of other types may have the name too.
 const NQwFieldInfo *requireField(const std::string &protocol) {
   const std::string name = "is" + protocol;
   const NQwFieldInfo *found = nullptr;
-  int alike = 0;
   for (const NQwFieldInfo *field : booleanFields()) {
     if (strcoll_new(field->name, name.c_str()) != 0) continue;
-    ++alike;
     if (found == nullptr || name == field->name) found = field;
   }
   if (found == nullptr) throw CommandFailure("no Boolean field \"" + name + "\"");
+  const bool isChosen = findProtocolField(name.c_str()).fieldId == found->fieldId;
   const std::string refused =
-      alike > 1 && name != found->name ? "several fields sort as equal to it" : whyRefused(*found);
+      isChosen || name == found->name ? whyRefused(*found) : "several fields sort as equal to it";
   if (!refused.empty()) {
     throw CommandFailure("dbsweep refuses the protocol \"" + protocol + "\": " + refused);
   }
@@ -138,7 +132,7 @@ const NQwFieldInfo *requireField(const std::string &protocol) {
 
 ObjdbStatus printProtocols(const VersionPath &database, const std::optional<std::string> &idsOf,
                            bool json) {
-  const AskedDatabase asked(database, std::nullopt);
+  const QueryDatabase asked(database, std::nullopt);
   {
     const Phase phase("reading the names");
     loadObjectNames(asked.get());
@@ -148,17 +142,18 @@ ObjdbStatus printProtocols(const VersionPath &database, const std::optional<std:
     loadObjectValues(asked.get());
   }
   if (idsOf) {
-    for (const uint32_t id : selectedObjects(requireField(*idsOf)->fieldId)) {
+    const ObjectIds ids = requireIds(objectsOfProtocol(requireField(*idsOf)->fieldId));
+    for (int32_t i = 0; i < ids->count; ++i) {
       if (json) {
-        puts(dumped({{"object", id}}).c_str());
+        puts(dumped({{"object", ids->objectIds[i]}}).c_str());
       } else {
-        printf("%u\n", id);
+        printf("%u\n", ids->objectIds[i]);
       }
     }
   } else {
     printAll(json);
   }
-  return AskedDatabase::judge(objdbFine);
+  return QueryDatabase::judge(objdbFine);
 }
 
 ObjdbStatus runProtocols(Options &options) {
