@@ -12,6 +12,7 @@
 
 namespace {
 
+// "comm" is the kernel's name of a process, without its arguments, so that no grep finds itself.
 constexpr char mapGuiCommand[] = "/bin/ps -eo pid,comm | grep nqw_binary | /bin/awk ' {print $1}'";
 constexpr char databaseDaemonCommand[] =
     "/bin/ps -eo pid,comm | grep -v dbsweep | grep nqwdb | /bin/awk ' {print $1}'";

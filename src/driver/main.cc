@@ -9,9 +9,9 @@
 #include <new>
 
 #include "driver/daemons.h"
+#include "driver/inherited_state.h"
 #include "driver/options.h"
 #include "driver/signals.h"
-#include "driver/surroundings.h"
 #include "maint/load_purge.h"
 #include "maint/rewrite.h"
 #include "maint/run.h"
@@ -35,14 +35,17 @@ void sayPhase(const char *phase) {
 }
 
 void run(const Options &options) {
+  // First: what the daemons still hold in memory would be written over the new tables.
   sayPhase("checking daemons");
   checkDaemons();
 
   std::set_new_handler(nqwDbOutOfMemory);
   sayPhase("connect to object database");
   loadAndPurge(options.dflag, options.pflag, options.mflag);
+  // A list of ids alone is deleted from the tables as they stand; nothing is rewritten.
   if (options.dflag != 0 && options.mflag == 0 && options.pflag == 0) return;
 
+  // From here on an interruption would leave tables half removed or half written.
   installSignalHandlers(cleanupCaches);
   sayPhase("save clear files in dbdir");
   removeCurrentFiles();
@@ -70,15 +73,15 @@ void run(const Options &options) {
 
 int main(int argc, char **argv) {
   std::set_terminate(endUncaught);
-  std::atexit(sayLastWords);
-  openStandardStreams();
+  std::atexit(sayLastWords);  // many functions below end the process with exit
+  openStandardStreams();      // before the first message
   setlocale(LC_ALL, "");
   const char *programName = programNameOf(argc > 0 ? argv[0] : "dbsweep");
   if (geteuid() != 0) {
     fprintf(stderr, "%s: must be run as super-user\n", programName);
     exit(exitRefused);
   }
-  distrustEnvironment();
+  sanitizeEnvironment();  // before the first shell command
   const Options options = parseOptions(argc, argv, programName);
   if (options.cflag != 0) {
     fputs("The -c option is no longer supported since corvaneTurboDatabase is standard.\n", stderr);

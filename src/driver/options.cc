@@ -54,6 +54,7 @@ bool parseObjectId(const char *text, size_t length, uint32_t *id) {
   if (length > longestId) return false;
   char digits[longestId + 1] = {};
   memcpy(digits, text, length);
+  // Wider than an id on either word size, so that an id above 2^31 - 1 is read as it stands.
   const long long number = strtoll(digits, nullptr, 10);
   if (number < std::numeric_limits<int32_t>::min() ||
       number > std::numeric_limits<uint32_t>::max()) {
@@ -98,6 +99,7 @@ void usage() {
   exit(exitUsage);
 }
 
+// Into an array of its own first: a list that is refused leaves no half of it in objectids.
 bool parseObjectIdList(const char *text) {
   uint32_t ids[mostObjectIds];
   int32_t count = 0;
@@ -127,6 +129,7 @@ Options parseOptions(int argc, char **argv, const char *programName) {
         options.cflag = 1;
         break;
       case 'm':
+        // At once, in the order of the options: what stands before -m has been judged by then.
         refuseSecondMigration(programName);
         options.mflag = 1;
         break;
@@ -145,6 +148,7 @@ Options parseOptions(int argc, char **argv, const char *programName) {
     }
   }
   if (options.dflag == 0) {
+    // Nothing to do, or all three at once. -c with one other action is refused later, in main.
     const int actions = options.cflag + options.mflag + options.pflag;
     if (actions == 0 || actions == 3) usage();
   }

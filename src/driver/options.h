@@ -8,7 +8,7 @@ struct Options {
   int pflag = 0;  // delete the objects of a protocol
 };
 
-// argv[0] behind its last "/"; the whole of it when there is none or nothing follows it.
+// What follows the last "/" of argv[0]; the whole of it where it has none or ends with one.
 const char *programNameOf(const char *invokedAs);
 
 // Writes the usage text to standard error and exits with status 255.

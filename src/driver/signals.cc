@@ -37,13 +37,13 @@ void signalHandler(int signal) {
   if (cleanupRoutine == nullptr) return;
   if (ending != 0) _exit(exitRefused);
   ending = 1;
-  sayLastWords();
+  sayLastWords();  // before the cleanup, which may not come to its end
   // The alarm has to come through also when it was what called us.
   sigset_t alarmAlone;
   sigemptyset(&alarmAlone);
   sigaddset(&alarmAlone, SIGALRM);
   sigprocmask(SIG_UNBLOCK, &alarmAlone, nullptr);
-  alarm(10);
+  alarm(10);  // the cleanup may wait for a lock of the allocator that the interrupted code holds
   cleanupRoutine(signal);
   _exit(exitRefused);
 }

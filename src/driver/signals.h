@@ -19,10 +19,10 @@ int installSignalHandlers(void (*cleanup)(int signal));
 // Says the last words of the run (platform/report.h), runs the cleanup once and ends the process
 // with status 1, without exit handlers. A further signal during the cleanup, or a cleanup that is
 // stuck for ten seconds, ends it at once. The cleanup frees memory and closes the database, and may
-// meet the code that it interrupted half way: what comes of it is of no use to anybody any more,
-// and the process never goes back to that code.
+// meet structures that the interrupted code has left half changed. That is survivable: the process
+// never goes back to that code, and nobody uses the structures afterwards.
 void signalHandler(int signal);
 
-// Hold and release blockedSignals: around the rewrite. 0, or -1.
+// These hold and release blockedSignals, around the rewrite. 0, or -1.
 int blockSignals();
 int unblockSignals();

@@ -9,22 +9,21 @@
 
 namespace {
 
-// The current database under bulk access, for as long as a query runs. Null when it cannot be
-// opened.
-class QueriedDatabase {
+// Brackets a query by bulk access to the current database, which is null when it cannot be opened.
+class BulkAccess {
  public:
-  QueriedDatabase() : db_(nqwDbGetDb(0)) {
+  BulkAccess() : db_(nqwDbGetDb(0)) {
     if (db_ == nullptr) {
       logDatabaseNotOpen();
     } else {
       startBuffering(db_);
     }
   }
-  ~QueriedDatabase() {
+  ~BulkAccess() {
     if (db_ != nullptr) stopBuffering(db_);
   }
-  QueriedDatabase(const QueriedDatabase &) = delete;
-  QueriedDatabase &operator=(const QueriedDatabase &) = delete;
+  BulkAccess(const BulkAccess &) = delete;
+  BulkAccess &operator=(const BulkAccess &) = delete;
 
   ObjectDatabase *get() const { return db_; }
 
@@ -70,7 +69,7 @@ bool satisfies(const ObjCacheEntry *object, const NQwFieldBindList *bindings) {
 }  // namespace
 
 NQwObjectIdList *listObjects(NQwFieldBindList *bindings) {
-  const QueriedDatabase database;
+  const BulkAccess database;
   if (database.get() == nullptr) return nullptr;
   if (bindings == nullptr) return allObjectIds();
   return cache_overflow == 0 ? objectsMatchingBindings(bindings)
@@ -78,7 +77,7 @@ NQwObjectIdList *listObjects(NQwFieldBindList *bindings) {
 }
 
 NQwObjectIdList *objectsWithFieldValue(const NQwFieldBinding *binding) {
-  const QueriedDatabase database;
+  const BulkAccess database;
   if (database.get() == nullptr) return nullptr;
   if (binding == nullptr) return allObjectIds();
   return cache_overflow == 0 ? objectsOfField(*binding, true)

@@ -3,7 +3,8 @@
 // are null with NQw_DB_OPEN_FAILED (logged) when it cannot be opened.
 //
 // While objects are left out of the cache (cache_overflow), the tables are searched instead
-// (value_search.h), and lists come in the order of those searches.
+// (value_search.h), and lists come in the order of those searches. As everything that asks for the
+// current database, the first query may end the process while it opens it (shared_database.h).
 #pragma once
 
 #include "platform/field_values.h"

@@ -6,6 +6,7 @@
 #include "store/shared_database.h"
 
 uint32_t nameToObjectId(uint32_t fieldId, const char *name) {
+  // A null name has no key in the table; the index takes it, and says which error it is.
   if (cache_overflow == 0 || name == nullptr) return lookupNameInIndex(fieldId, name);
   ObjectDatabase *db = nqwDbGetDb(0);
   if (db == nullptr) {

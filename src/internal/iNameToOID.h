@@ -9,5 +9,5 @@
 // then also NQw_DB_OPEN_FAILED (logged).
 uint32_t nameToObjectId(uint32_t fieldId, const char *name);
 
-// The index alone.
+// Asks the index alone.
 uint32_t lookupNameInIndex(uint32_t fieldId, const char *name);

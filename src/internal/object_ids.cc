@@ -35,6 +35,7 @@ NQwObjectIdList *newObjectIdList(size_t room) {
 }
 
 void appendObjectId(NQwObjectIdList *list, uint32_t objectId) {
+  // A full list is known by its count alone, since the record has no room for a capacity.
   constexpr int32_t step = 1000;
   if (list->count % step == 0) {
     const size_t room = static_cast<size_t>(list->count) + step;

@@ -8,16 +8,16 @@
 
 #include "internal/caches.h"
 
-// Calls take(object, values) for every object, newest first, with its values in the order of its
-// list, in a vector that it may change. Following one list is waiting for memory at every value, so
-// several lists are followed side by side. The objects must not be found or removed meanwhile.
-template <typename Take>
-void forEachObject(const ObjTable *table, Take take) {
+// Calls visit(object, values) for every object, newest first, with its values in the order of its
+// list, in a vector that it may change. Following a single list waits for memory at every value, so
+// several are followed side by side. No object may be removed or made the newest meanwhile.
+template <typename Visit>
+void forEachObject(const ObjTable *table, Visit visit) {
   struct Lane {
     ObjCacheEntry *object;
     std::vector<CachedValue *> values;
   };
-  std::array<Lane, 16> lanes;
+  std::array<Lane, 16> lanes;  // about as many fetches as a processor has under way at a time
   for (RecencyIter walk(table); walk() != nullptr;) {
     size_t used = 0;
     std::vector<std::pair<Lane *, FieldValIter>> underWay;
@@ -36,6 +36,6 @@ void forEachObject(const ObjTable *table, Take take) {
       }
       std::erase_if(underWay, [](const auto &way) { return way.second() == nullptr; });
     }
-    for (size_t i = 0; i < used; ++i) take(lanes[i].object, lanes[i].values);
+    for (size_t i = 0; i < used; ++i) visit(lanes[i].object, lanes[i].values);
   }
 }

@@ -5,30 +5,30 @@
 
 #include "platform/dbm_table.h"
 
-// Calls `take` with the bytes of every record, in the order of the table. Returns how many records
-// could not be read: those that the library cannot give, those that `take` refuses, and those that
+// Calls `visit` with the bytes of every record, in the order of the table. Returns how many records
+// could not be read: those that the library cannot give, those that `visit` refuses, and those that
 // a broken scan did not reach.
-template <typename Take>
-uint32_t forEachStored(NQ_dbm_db *table, Take take) {
+template <typename Visit>
+uint32_t forEachStored(NQ_dbm_db *table, Visit visit) {
   uint32_t unreadable = 0;
   DbmRecord record;
   table->first = 1;
   while (_NQ_dbm_db_getnext_raw(table, &record)) {
-    if (record.bytes.data() == nullptr || !take(record.bytes)) ++unreadable;
+    if (record.bytes.data() == nullptr || !visit(record.bytes)) ++unreadable;
   }
   return unreadable + static_cast<uint32_t>(_NQ_dbm_db_unreached(table));
 }
 
-// Calls `take` with every record that can be read, in the order of the table. Returns how many
+// Calls `visit` with every record that can be read, in the order of the table. Returns how many
 // could not: records that do not decode, and those that a broken scan did not reach.
-template <typename Record, typename Take>
-uint32_t forEachRecord(NQ_dbm_db *table, Take take) {
+template <typename Record, typename Visit>
+uint32_t forEachRecord(NQ_dbm_db *table, Visit visit) {
   uint32_t unreadable = 0;
   table->first = 1;
   do {
     auto *record = static_cast<Record *>(_NQ_dbm_db_getnext(table));
     if (record != nullptr) {
-      take(record);
+      visit(record);
     } else if (_NQ_dbm_db_scan(table) == DbmScan::underWay) {
       ++unreadable;
     }

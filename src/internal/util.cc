@@ -60,6 +60,8 @@ void loadValue(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId) {
   freeFieldValue(stored);
 }
 
+// Takes the values out of the fields' lists too, and the names out of their indexes: both would
+// point at freed storage.
 void evict(ObjCacheEntry *entry) {
   for (FieldValIter walk(entry->values); walk() != nullptr;) {
     CachedValue *item = walk();
@@ -109,6 +111,7 @@ int listContains(NQwFieldValue *cached, NQwFieldValue *query) {
   ValueList *have = cached->value.list;
   ValueList *want = query->value.list;
   if (want->count > have->count) return 0;
+  // By bytes and not by collation, as the platform compares the entries of lists.
   const bool strings = cached->type == String;
   const CompareEntries compare = strings ? compareStrings : compareNumbers;
   sortEntries(have, compare);
@@ -135,6 +138,7 @@ int ensureObjectCached(ObjectDatabase *db, uint32_t objectId) {
 }
 
 int cacheObjectFromTables(ObjectDatabase *db, uint32_t objectId) {
+  // Loaded first: the object becomes the newest, so that room is not made by dropping itself.
   if (loadObjectFromTables(db, objectId) == 0) return 0;
   ObjCacheEntry *oldest = ObjValCache->oldest();
   if (static_cast<uint32_t>(ObjValCache->size()) <= max_objects_cached || oldest == nullptr ||
@@ -146,7 +150,7 @@ int cacheObjectFromTables(ObjectDatabase *db, uint32_t objectId) {
 }
 
 int loadObjectFromTables(ObjectDatabase *db, uint32_t objectId) {
-  // Looked up ahead of everything else, so that a failure leaves the cache as it is.
+  // Asked before anything is entered, so that a failure leaves the cache as it is.
   if (!objectExists(db, objectId)) {
     _NQwError = NQw_OBJECT_NOT_FOUND;
     return 0;

@@ -8,10 +8,9 @@
 #include "internal/iNameToOID.h"
 #include "internal/object_ids.h"
 #include "internal/util.h"
-#include "records/codecs.h"
+#include "platform/report.h"
 #include "records/field_codec.h"
 #include "records/value_table.h"
-#include "store/error_report.h"
 
 namespace {
 
@@ -43,6 +42,7 @@ NQwObjectIdList *objectNamed(const NQwFieldBinding *binding) {
   return result;
 }
 
+// The cache goes before the table: with it no record has to be read and decoded.
 bool objectHasValue(ObjectDatabase *db, uint32_t objectId, const NQwFieldBinding *binding) {
   NQwFieldValue *cached = getCachedFieldValue(objectId, binding->fieldId);
   if (cached != nullptr) return fieldValuesMatch(cached, binding->value) != 0;
@@ -64,6 +64,7 @@ NQwObjectIdList *search(ObjectDatabase *db, const NQwObjectIdList *candidates,
   return result;
 }
 
+// In the order of the first list.
 ObjectIds intersection(const NQwObjectIdList *ordered, const NQwObjectIdList *other) {
   const std::unordered_set<uint32_t> both(other->objectIds, other->objectIds + other->count);
   ObjectIds result(newObjectIdList(static_cast<size_t>(ordered->count)));
@@ -110,6 +111,8 @@ NQwObjectIdList *findObjectsWithValues(ObjectDatabase *db, const NQwFieldBindLis
   if (bindings->count == 1) {
     return findObjectsWithValueIn(db, candidates.get(), &bindings->bindings[0]);
   }
+  // Each binding is asked of all candidates, also after one that matches nothing: a field that is
+  // not defined is an error wherever it stands.
   ObjectIds running;
   for (int32_t i = 0; i < bindings->count; ++i) {
     ObjectIds matches(findObjectsWithValueIn(db, candidates.get(), &bindings->bindings[i]));

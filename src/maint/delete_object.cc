@@ -1,6 +1,5 @@
 #include "maint/delete_object.h"
 
-#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
@@ -48,6 +47,8 @@ int deleteObjectEntries(uint32_t objectId, ObjCacheEntry *entry) {
     if ((flags & nameFieldFlag) != 0 && findObjectValue(objectId, fieldId) == nullptr) {
       return failDeletion("Cache");
     }
+    // First from the caches, then from the tables: after a failure the caller is told, and the
+    // object keeps the values that have not been visited.
     unlinkCachedValue(entry, field, item);
     freeCachedValue(item);
     const int deleted = deleteStoredValue(objectId, fieldId, flags, db);
@@ -59,6 +60,8 @@ int deleteObjectEntries(uint32_t objectId, ObjCacheEntry *entry) {
 
 int deleteStoredValue(uint32_t objectId, uint32_t fieldId, uint32_t flags, ObjectDatabase *db) {
   const bool isNameField = (flags & nameFieldFlag) != 0;
+  // The stored name and not the cached one: under its key the entry of name_info lies. That no name
+  // could be read does not mean that there is none.
   const char *name = isNameField ? getObjectName(db, objectId, fieldId) : nullptr;
   if (isNameField && name == nullptr && _NQ_dbm_db_look_failed(db->objInfoDb)) {
     return failDeletion("Database");
@@ -106,7 +109,7 @@ const uint32_t *newBearer(const Name &name) {
   if (bearers.empty()) return nullptr;
   const uint32_t *oldest = nullptr;
   for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
-    if (bearers.contains(object()->objectId)) oldest = object()->objectId;
+    if (bearers.contains(object()->objectId)) oldest = object()->objectId;  // the walk's last
   }
   return oldest;
 }
@@ -127,9 +130,9 @@ bool canLookFor(uint32_t objectId, uint32_t fieldId, ObjectDatabase *db) {
   return !_NQ_dbm_db_look_failed(db->valueInfoDb);
 }
 
-// Every record under a key of the object and of a field that there is. Where the load has not met
-// all records, nothing else finds those of the object. One that the library cannot look for cannot
-// be deleted either: then the object keeps the others too, its name above all.
+// Deletes every record under a key of the object and any field: one that the load could not read is
+// in no cache and would be left over. What the library cannot look for it cannot delete either;
+// then the object keeps all its records, its name above all.
 bool deleteByKeys(uint32_t objectId, ObjectDatabase *db) {
   std::vector<const NQwFieldInfo *> fields;
   for (_HashIter each(FieldInfoCache); each() != nullptr; each++) {
@@ -152,6 +155,7 @@ bool deleteByKeys(uint32_t objectId, ObjectDatabase *db) {
 int deleteObjectInPlace(uint32_t objectId) {
   ObjectDatabase *db = nqwDbGetDb(0);
   const ObjCacheEntry *object = ObjValCache->find(objectId);
+  // Noted before the deletion, which takes them out of name_info.
   std::vector<Name> names;
   if (object != nullptr && db != nullptr) names = namesOf(object, db);
   const bool isPartlyRead = loadLosses.unreadable > 0 && db != nullptr;

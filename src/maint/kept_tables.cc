@@ -99,8 +99,9 @@ bool hasRoom(const std::string &database, const VersionContent &content, std::st
   return false;
 }
 
-// Nothing is kept afterwards if a signal is about to end the run.
-void makeVersionOnce(KeepBy how) {
+// False when a signal is about to end the run: then nothing is kept. The signal is let through when
+// this returns.
+bool makeKeptVersion(KeepBy how) {
   const std::string database = databaseDirectory();
   const VersionContent content = contentOf(how);
   std::string error;
@@ -113,12 +114,14 @@ void makeVersionOnce(KeepBy how) {
   if (held.interrupted()) {
     keptDirectory->retract(&error);
     keptDirectory.reset();
-    return;
+    return false;
   }
+  // While the signals are still held back: from now on every end of the run has to say this.
   prepareLastWords("The run did not finish. The previous tables are kept in " +
                    keptVersion.directory + "; restore them with 'objdb restore " +
                    keptVersion.name + "'.");
   sayLastWordsBySignal();
+  return true;
 }
 
 }  // namespace
@@ -136,11 +139,14 @@ void refuseUnfinished() {
 }
 
 void keepTables(KeepBy how) {
-  // Without the handler an exhausted memory comes back here, and nothing stays half made.
+  if (keptDirectory != nullptr) return;
+  // Without the handler an exhausted memory comes back here as an exception, and the destructors
+  // remove what is half made.
   const std::new_handler handler = std::set_new_handler(nullptr);
   try {
-    // Once more only for a signal that was pending and did not end the run after all.
-    while (keptDirectory == nullptr) makeVersionOnce(how);
+    while (!makeKeptVersion(how)) {
+      // The pending signal has not ended the run after all: once more.
+    }
   } catch (const std::bad_alloc &) {
     nqwDbOutOfMemory();
   }
@@ -152,12 +158,13 @@ void keepCopyOf(size_t table) {
   if (!unlinkFromCurrent(*keptDirectory, table, &error)) endUnkept(keptVersion.directory, error);
 }
 
-void settleKeptTables() {
+void removeOrReportKeptVersion() {
   if (keptDirectory == nullptr) return;
   const SignalsHeld held;  // the last words are true as long as the mark stands, and no longer
   std::string reasons = reasonsToKeep();
   std::string error;
   if (reasons.empty()) {
+    // First the name, at once: a version that can be seen is whole. The files go with the object.
     keptDirectory->retract(&error);
     if (!keptDirectory->isPublished()) {
       keptDirectory.reset();
@@ -167,7 +174,7 @@ void settleKeptTables() {
     reasons = keptVersion.directory + " could not be removed";
   }
   finishVersion(keptVersion, &error);
-  forgetLastWords();
+  forgetLastWords();  // from here on the line on standard error says where the version is
   fprintf(stderr, "dbsweep: The previous tables are kept in %s: %s.\n",
           keptVersion.directory.c_str(), reasons.c_str());
   runStatus = exitRefused;

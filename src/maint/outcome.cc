@@ -18,6 +18,7 @@ class Reasons {
 
 }  // namespace
 
+// Texts and order are those of the manual: scripts look for them.
 std::string reasonsToKeep() {
   Reasons reasons;
   reasons.addCount(outcome.unread, " records could not be read");

@@ -31,6 +31,8 @@ bool syncTables(ObjectDatabase *db) {
   return directory != nullptr && syncDirectory(directory) == 0 && synced;
 }
 
+// Counted in the files and not in the handle that has written them, which knows only what it was
+// told.
 bool areComplete(const char *directory, const RecordCounts &records) {
   for (size_t table = 0; table < tableCount; ++table) {
     const TableFormat &format = tableFormats[table];

@@ -126,7 +126,7 @@ void rewriteDatabase(int migrate) {
   heldLocks = lockVersion(currentDirectory(), &ignored);
   closeRunDb();
   outcome.incomplete = !areComplete(currentDirectory(), expected);
-  settleKeptTables();
+  removeOrReportKeptVersion();
   heldLocks.reset();
   if (migrate != 0) recordMigration();  // last: a run that is cut short does not count
 }

@@ -17,6 +17,8 @@ void closeRunDb() {
   if (runDb != nullptr) close_nqwdb_ndbm(freeFieldList(std::exchange(runDb, nullptr)));
 }
 
+// In the order that caches.h asks for. Each pointer is cleared before what it points at is freed: a
+// signal may run this a second time.
 void cleanupCaches(int doFree) {
   if (doFree == 0) return;
   if (enumconstantstable != nullptr) destroyEnumTable(std::exchange(enumconstantstable, nullptr));

@@ -9,6 +9,7 @@ namespace {
 ObjdbStatus archiveCurrent(const std::string &directory, bool partial) {
   requireDatabase(directory);
   const std::string current = pathIn(directory, currentName);
+  // Before the tables are read for the first time: the copy is compared with what is read here.
   const auto lock = lockOrFail(current);
   removeLeftovers(directory);
   const Survey source = surveyVersion(current);

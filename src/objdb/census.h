@@ -1,5 +1,7 @@
-// The lines around the records of a dump, by which a dump that was cut or changed is told.
+// The lines around the records of a dump, which tell whether it was truncated or changed.
 #pragma once
+
+#include <array>
 
 #include "objdb/record_lines.h"
 

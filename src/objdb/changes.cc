@@ -27,6 +27,7 @@ void requireDatabase(const std::string &directory) {
   if (!S_ISDIR(status.st_mode)) {
     throw CommandFailure("no database directory \"" + directory + "\": " + strerror(ENOTDIR));
   }
+  // --dir was given with a version's own path: what would be made there, nobody would find.
   if (hasTables(directory)) {
     throw CommandFailure("\"" + directory + "\" is a version; --dir names the directory above it");
   }
@@ -55,6 +56,8 @@ bool copyCompared(WorkDirectory *work, const std::string &from, const Survey &so
     const Phase phase("copying the tables");
     if (!copyTables(work, from, source.halfTables, error)) return false;
   }
+  // By reading the copy from its files: other programs of the platform take no locks, and the disk
+  // may have kept something else than it was given.
   const Survey copy = surveyVersion(work->path());
   if (copy.census.toJson() == source.census.toJson() && copy.isWhole == source.isWhole) return true;
   *error = "the copy of \"" + from + "\" does not hold the same; another process may change it";

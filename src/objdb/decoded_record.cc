@@ -10,7 +10,7 @@
 #include "records/field_codec.h"
 
 DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(table) {
-  _NQwError = NQw_NO_ERROR;
+  _NQwError = NQw_NO_ERROR;  // cleared, so that a failure can be told from an earlier one
   errno = 0;
   const uint32_t cutBefore = cutStrings;
   decoded_ =
@@ -86,7 +86,7 @@ std::string_view DecodedRecord::properKey() {
 }
 
 size_t DecodedRecord::encodedBytes() const {
-  // Most records are one of these, and need not be encoded to know.
+  // The sums of table_records.h and field_codec.h for most records, which then need not be encoded.
   const auto textBytes = [](const char *text) {
     return text == nullptr ? size_t{4} : 4 + (strlen(text) + 3) / 4 * 4;
   };

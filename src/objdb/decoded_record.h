@@ -34,7 +34,7 @@ class DecodedRecord {
   int32_t type = 0;            // of a value or a definition; a name is a String
   uint32_t flags = 0;          // of a definition
   const char *name = nullptr;  // of the name tables, or a value that is a single string
-  bool isCut = false;          // a string has a NUL inside, and what follows is not read
+  bool isCut = false;          // a string has a NUL inside, and what follows it is not read
 
  private:
   size_t table_;

@@ -31,17 +31,11 @@ bool addMissing(TableReader *here, TableReader *there, size_t table, bool isNew,
     if (isInBoth && other == record.bytes) continue;
     std::optional<Json> line;
     if (record.bytes.data() != nullptr) line = recordToJson(table, record.key, record.bytes);
-    if (!line) {
-      fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
-              toHex(record.key).c_str(), tableFormats[table].name);
-      return false;
-    }
+    if (!line) return sayUndecodable(table, record.key);
     differences->push_back({line->value("object", int64_t{-1}), line->value("field", int64_t{-1}),
                             table, isNew, line->dump()});
   }
-  if (here->isComplete()) return true;
-  fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", tableFormats[table].name);
-  return false;
+  return here->isComplete() || sayIncomplete(table);
 }
 
 ObjdbStatus diffVersions(const std::string &directory, const std::string &before,
@@ -55,6 +49,7 @@ ObjdbStatus diffVersions(const std::string &directory, const std::string &before
   for (size_t table = 0; table < tableCount; ++table) {
     TableReader *was = old[table].get();
     TableReader *is = current[table].get();
+    // Each scans one table and fetches from the other, so that both directions take one scan each.
     if (!addMissing(was, is, table, false, &differences) ||
         !addMissing(is, was, table, true, &differences)) {
       return objdbFailed;

@@ -22,7 +22,7 @@ struct DumpChoice {
   bool redacted = false;
 };
 
-// What a line is sorted by, followed by the line with its end, in one piece of storage.
+// A line with its end, after what it is sorted by, both in one piece of storage.
 struct Line {
   uint64_t prefix;  // the first bytes of the order, as a number
   const char *bytes;
@@ -36,12 +36,10 @@ struct Line {
   }
 };
 
-// Sorts by the words of the key as numbers, whatever the machine's byte order, and then by the
-// name.
+// Bytes that sort as the words of the key do as numbers, whatever the machine's byte order, and
+// then as the name does: so that dumps of both word sizes and byte orders can be compared.
 std::string sortKey(size_t table, std::string_view key) {
-  const size_t wordBytes = tableFormats[table].name == std::string_view("name_info")
-                               ? sizeof(uint32_t)
-                               : 2 * sizeof(uint32_t);
+  const size_t wordBytes = table == nameInfo ? sizeof(uint32_t) : 2 * sizeof(uint32_t);
   std::string order;
   for (size_t at = 0; at < key.size();) {
     uint32_t word = 0;
@@ -73,6 +71,7 @@ class Filter {
  public:
   Filter(const VersionPath &database, const DumpChoice &choice) : choice_(choice) {
     if (!choice.field) return;
+    // A reader of its own, since each makes one scan.
     OpenFailure failure;
     const auto fields =
         TableReader::open(database.path(), fieldInfo, TableReader::Demand::lockedTable, &failure);
@@ -85,15 +84,15 @@ class Filter {
     }
   }
 
-  bool takesAll() const { return !choice_.table && !choice_.object && !choice_.field; }
-  bool takesTable(size_t table) const {
+  bool wantsAll() const { return !choice_.table && !choice_.object && !choice_.field; }
+  bool wantsTable(size_t table) const {
     return !choice_.table || *choice_.table == tableFormats[table].name;
   }
-  bool takes(size_t table, std::string_view bytes) const {
+  bool wants(size_t table, std::string_view bytes) const {
     if (!choice_.object && !choice_.field) return true;
     const DecodedRecord record(table, bytes);
     const bool hasObject = table == objInfo || table == valueInfo || table == nameInfo;
-    if (!record) return true;  // to be told
+    if (!record) return true;  // wanted, so that it is reported
     if (choice_.object && (!hasObject || record.objectId != *choice_.object)) return false;
     objectMet_ = true;
     return !choice_.field || (table != idKeeper && fieldIds_.contains(record.fieldId));
@@ -112,19 +111,13 @@ class Filter {
 // be read and written.
 bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Redaction *redaction,
                Census &census) {
-  const char *name = tableFormats[table].name;
   Arena storage;
   std::vector<Line> lines;
   DbmRecord record;
   while (reader->next(&record)) {
-    if (!filter.takes(table, record.bytes)) continue;
+    if (!filter.wants(table, record.bytes)) continue;
     std::optional<std::string> line = recordToLine(table, record.key, record.bytes);
-    if (!line) {
-      const ProgressPause pause;
-      fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
-              toHex(record.key).c_str(), name);
-      return false;
-    }
+    if (!line) return sayUndecodable(table, record.key);
     if (redaction != nullptr) {
       const StoredRecord redacted = redaction->redact(table, record.key, record.bytes);
       line = recordToLine(table, redacted.key, redacted.bytes);
@@ -135,15 +128,12 @@ bool dumpTable(TableReader *reader, size_t table, const Filter &filter, Redactio
     lines.push_back(storeLine(storage, sortKey(table, record.key), *line));
     census.add(table, record.key, record.bytes);
   }
-  if (!reader->isComplete()) {
-    fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", name);
-    return false;
-  }
+  if (!reader->isComplete()) return sayIncomplete(table);
   {
-    const Phase sorting(std::string("sorting ") + name);
+    const Phase sorting(std::string("sorting ") + tableFormats[table].name);
     std::sort(lines.begin(), lines.end());
   }
-  constexpr size_t ahead = 16;
+  constexpr size_t ahead = 16;  // sorted lines lie anywhere in memory
   for (size_t i = 0; i < lines.size(); ++i) {
     if (i + ahead < lines.size()) __builtin_prefetch(lines[i + ahead].text());
     fwrite(lines[i].text(), 1, lines[i].textLength, stdout);
@@ -159,15 +149,15 @@ ObjdbStatus dumpDatabase(const VersionPath &database, const DumpChoice &choice) 
   }
   Census census;
   Redaction redaction;
-  if (filter.takesAll()) puts(headerLine().dump().c_str());
+  if (filter.wantsAll()) puts(headerLine().dump().c_str());
   for (size_t table = 0; table < tableCount; ++table) {
     if (tables[table] == nullptr) continue;
-    if (filter.takesTable(table) && !dumpTable(tables[table].get(), table, filter,
+    if (filter.wantsTable(table) && !dumpTable(tables[table].get(), table, filter,
                                                choice.redacted ? &redaction : nullptr, census)) {
       return objdbFailed;
     }
   }
-  if (filter.takesAll()) puts(census.toJson().dump().c_str());
+  if (filter.wantsAll()) puts(census.toJson().dump().c_str());
   if (filter.missedObject()) throw CommandFailure("no object " + std::to_string(*choice.object));
   return objdbFine;
 }

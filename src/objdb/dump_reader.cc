@@ -21,7 +21,7 @@ class DumpReader {
     errno = 0;
     for (std::string text; std::getline(input_, text); phase.count()) {
       ++line_;
-      take(text);
+      addLine(text);
     }
     // The end of the input and an error in it look alike.
     if (input_.bad()) complain(std::string("the input could not be read: ") + strerror(errno));
@@ -36,7 +36,7 @@ class DumpReader {
  private:
   [[noreturn]] static void complain(const std::string &what) { throw std::runtime_error(what); }
 
-  void take(const std::string &text) {
+  void addLine(const std::string &text) {
     if (ended_) complain("a line after the trailer");
     const bool isHeader = sealed_ && line_ == 1;
     std::optional<StoredRecord> record;
@@ -45,21 +45,22 @@ class DumpReader {
       const Json line = parseLine(text);
       if (isHeader && !isHeaderLine(line)) complain("not the header of a dump");
       if (isHeader || (!sealed_ && isHeaderLine(line))) return;
-      if (isTrailerLine(line)) return takeTrailer(line);
+      if (isTrailerLine(line)) return checkTrailer(line);
       record = recordFromJson(line);
     }
-    if (sealed_) census_.add(record->table, record->key, record->bytes);
+    if (sealed_) census_.add(record->table, record->key, record->bytes);  // for the trailer
     records_.push_back(std::move(*record));
     lines_.push_back(line_);
   }
 
-  void takeTrailer(const Json &line) {
+  void checkTrailer(const Json &line) {
     if (!sealed_) return;
     if (line != census_.toJson()) complain("the trailer does not agree with the lines before it");
     ended_ = true;
   }
 
-  // A table has one record for each key: which of two would stay?
+  // A table has one record for each key, and nothing says which of two should stay. Sorted by a
+  // hash, which compares faster than keys that begin alike.
   void refuseTwice() {
     const Phase phase("comparing the keys");
     std::vector<std::pair<size_t, const StoredRecord *>> keys;

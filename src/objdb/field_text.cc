@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <map>
-#include <new>
 
-#include "internal/loaders.h"
+#include "internal/caches.h"
 #include "internal/util.h"
 #include "objdb/command.h"
 #include "records/table_records.h"
@@ -68,8 +66,7 @@ ValueWord parseWord(const NQwFieldInfo &field, const std::string &text) {
     case String:
       if (text.size() > longestString)
         refuse(field, text, "it has texts of 256 characters at most");
-      word.string = strdup(text.c_str());
-      if (word.string == nullptr) throw std::bad_alloc();
+      word.string = allocated(strdup(text.c_str()));
       break;
     case Enumeration:
       word.number = parseConstant(field, text);
@@ -80,21 +77,14 @@ ValueWord parseWord(const NQwFieldInfo &field, const std::string &text) {
   return word;
 }
 
-template <typename Record>
-Record *zeroFilled(size_t count = 1) {
-  auto *record = static_cast<Record *>(calloc(count, sizeof(Record)));
-  if (record == nullptr) throw std::bad_alloc();
-  return record;
-}
-
 FieldValue newValue(const NQwFieldInfo &field) {
   FieldValue value(zeroFilled<NQwFieldValue>());
   value->type = field.type;
   return value;
 }
 
-// Cuts the next entry of a list off its front: up to a comma, or a string of JSON.
-std::string cutEntry(std::string &rest) {
+// Takes the next entry off the front of a list: up to a comma, or a string of JSON.
+std::string popEntry(std::string &rest) {
   size_t end = 0;
   if (rest[0] == '"') {
     for (end = 1; end < rest.size() && rest[end] != '"'; ++end) {
@@ -113,9 +103,9 @@ std::vector<std::string> splitList(const NQwFieldInfo &field, const std::string 
   if (text.size() < 2 || text.front() != '[' || text.back() != ']') refuse(field, text, form);
   std::vector<std::string> entries;
   if (text == "[]") return entries;
-  std::string rest = text.substr(1, text.size() - 2) + ",";
+  std::string rest = text.substr(1, text.size() - 2) + ",";  // each entry ends with one
   try {
-    while (!rest.empty()) entries.push_back(cutEntry(rest));
+    while (!rest.empty()) entries.push_back(popEntry(rest));
   } catch (const Json::exception &) {
     refuse(field, text, form);
   }
@@ -168,6 +158,7 @@ const NQwFieldInfo *findField(const std::string &name) {
                          "\"; give the id of one");
   }
   if (found != nullptr) return found;
+  // No name is equal byte by byte. One that collates equal comes next, then an id.
   uint32_t fieldId = fieldNameToId(name.c_str());
   if (fieldId == 0) {
     const char *end = name.data() + name.size();
@@ -204,8 +195,9 @@ FieldValue parseList(const NQwFieldInfo &field, const std::string &text) {
   auto *list = zeroFilled<ValueList>();
   value->isList = 1;
   value->value.list = list;
-  list->entries = zeroFilled<ValueListEntry>(entries.size() + 1);
+  list->entries = zeroFilled<ValueListEntry>(entries.size() + 1);  // 1 more: calloc(0) may be null
   for (const std::string &entry : entries) {
+    // Counted only afterwards, so that a refused entry releases those before it and no other.
     list->entries[list->count].value = parseWord(field, entry);
     ++list->count;
   }

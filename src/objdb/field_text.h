@@ -8,18 +8,10 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <string_view>
-#include <vector>
 
+#include "objdb/owned_values.h"
 #include "objdb/record_lines.h"
-#include "platform/field_values.h"
-
-struct FreeFieldValue {
-  void operator()(NQwFieldValue *value) const { NQwDbFreeFieldValue(value); }
-};
-using FieldValue = std::unique_ptr<NQwFieldValue, FreeFieldValue>;
 
 // The field with that name, or with that id where none has the name. Null when there is none;
 // throws CommandFailure when several have it.

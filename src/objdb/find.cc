@@ -12,11 +12,11 @@
 #include "internal/selected_load.h"
 #include "internal/util.h"
 #include "internal/value_search.h"
-#include "objdb/asked_database.h"
 #include "objdb/commands.h"
 #include "objdb/field_text.h"
 #include "objdb/options.h"
 #include "objdb/progress.h"
+#include "objdb/query_database.h"
 #include "platform/strings.h"
 #include "store/name_table.h"
 
@@ -36,7 +36,7 @@ struct Question {
   std::vector<FieldValue> values;
 };
 
-// A name may have the signs in it, so the first one with a field before it tells.
+// A field's name may have the signs in it: the first sign that follows the name of a field counts.
 void addBinding(const std::string &text, Question *question) {
   const size_t first = text.find_first_of("=~");
   if (first == text.npos) {
@@ -59,7 +59,7 @@ bool isOnName(const NQwFieldBinding &binding) {
          singleString(binding.value) != nullptr;
 }
 
-void loadFor(const Question &question, const FindOptions &options, AskedDatabase &database) {
+void loadFor(const Question &question, const FindOptions &options, QueryDatabase &database) {
   if (options.mostObjects) return;
   std::set<uint32_t> fields;
   for (const NQwFieldBinding &binding : question.bindings) fields.insert(binding.fieldId);
@@ -69,9 +69,9 @@ void loadFor(const Question &question, const FindOptions &options, AskedDatabase
 }
 
 // Those of the objects that have the binding's value too.
-ObjectIds narrow(const AskedDatabase &database, ObjectIds ids, NQwFieldBinding &binding) {
+ObjectIds narrow(const QueryDatabase &database, ObjectIds ids, NQwFieldBinding &binding) {
   ObjectDatabase *db = database.get();
-  if (!isOnName(binding)) return takeIds(findObjectsWithValueIn(db, ids.get(), &binding));
+  if (!isOnName(binding)) return requireIds(findObjectsWithValueIn(db, ids.get(), &binding));
   keepIds(ids.get(), [&](uint32_t objectId) {
     const char *name = getObjectName(db, objectId, binding.fieldId);
     return name != nullptr && strcoll_new(name, singleString(binding.value)) == 0;
@@ -79,7 +79,7 @@ ObjectIds narrow(const AskedDatabase &database, ObjectIds ids, NQwFieldBinding &
   return ids;
 }
 
-// An object that has two values of a field may match once for each.
+// An object that has two values of a field may match once for each, and is to be told once.
 void dropRepeated(NQwObjectIdList *list) {
   std::unordered_set<uint32_t> met;
   keepIds(list, [&met](uint32_t objectId) { return met.insert(objectId).second; });
@@ -95,14 +95,15 @@ ObjectIds joined(const NQwObjectIdList &a, const NQwObjectIdList &b) {
 }
 
 ObjectIds askQueries(std::vector<NQwFieldBinding> &bindings) {
-  if (bindings.empty()) return takeIds(listObjects(nullptr));
-  if (bindings.size() == 1) return takeIds(objectsWithFieldValue(bindings.data()));
+  if (bindings.empty()) return requireIds(listObjects(nullptr));
+  if (bindings.size() == 1) return requireIds(objectsWithFieldValue(bindings.data()));
   NQwFieldBindList all{static_cast<int32_t>(bindings.size()), bindings.data()};
-  return takeIds(listObjects(&all));
+  return requireIds(listObjects(&all));
 }
 
-// Few objects have a name, but several may share it, of which the queries would tell one.
-ObjectIds answerByName(const AskedDatabase &database, std::vector<NQwFieldBinding> &bindings,
+// Begins with the name, which few objects have. Of objects that share it the queries would tell
+// only one.
+ObjectIds answerByName(const QueryDatabase &database, std::vector<NQwFieldBinding> &bindings,
                        NQwFieldBinding &name) {
   ObjectIds ids = database.objectsNamed(&name);
   for (NQwFieldBinding &binding : bindings) {
@@ -112,7 +113,7 @@ ObjectIds answerByName(const AskedDatabase &database, std::vector<NQwFieldBindin
   return ids;
 }
 
-ObjectIds answer(Question &question, const FindOptions &options, AskedDatabase &database) {
+ObjectIds answer(Question &question, const FindOptions &options, QueryDatabase &database) {
   const Phase phase("looking for the objects");
   loadFor(question, options, database);
   auto &bindings = question.bindings;
@@ -146,7 +147,7 @@ void writeObject(ObjectDatabase *db, uint32_t objectId, const FindOptions &optio
 }
 
 ObjdbStatus findObjects(const VersionPath &version, const FindOptions &options) {
-  AskedDatabase database(version, options.mostObjects);
+  QueryDatabase database(version, options.mostObjects);
   Question question;
   for (const std::string &text : options.bindings) addBinding(text, &question);
   const ObjectIds ids = answer(question, options, database);
@@ -157,7 +158,7 @@ ObjdbStatus findObjects(const VersionPath &version, const FindOptions &options) 
       writeObject(database.get(), ids->objectIds[i], options);
     }
   }
-  return AskedDatabase::judge(ids->count == 0 ? objdbFindings : objdbFine);
+  return QueryDatabase::judge(ids->count == 0 ? objdbFindings : objdbFine);
 }
 
 ObjdbStatus runFind(Options &options) {

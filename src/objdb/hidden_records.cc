@@ -27,12 +27,14 @@ bool readAt(int fd, uint64_t offset, size_t count, std::string *bytes) {
 }  // namespace
 
 void forEachHiddenRecord(
-    int fd, const std::function<void(const std::string &key, const std::string &bytes)> &take) {
+    int fd, const std::function<void(const std::string &key, const std::string &bytes)> &visit) {
   TableStructure structure;
   TablePages pages(fd);
-  // A wrong number of the next free block says nothing against the blocks that there are.
+  // A wrong next free block says nothing against the blocks that are there.
   if (!pages.readHead(&structure) && structure.fault != StructureFault::nextBlock) return;
-  if (pages.blockBytes() == 0) return;
+  if (pages.blockBytes() == 0) return;  // an empty file
+  // Every block is taken for a bucket; the bucket's own numbers and the records' hashes tell
+  // whether it is one. The blocks of records are mostly refused at the first.
   const std::unordered_set<uint64_t> reached(pages.directory().begin(), pages.directory().end());
   Spaces spaces;
   pages.readFreeSpaces(&spaces);
@@ -49,7 +51,7 @@ void forEachHiddenRecord(
       if (readAt(fd, record.offset, record.keyBytes, &key) &&
           _NQ_dbm_db_order(key.data(), key.size()) == record.hash &&
           readAt(fd, record.offset + record.keyBytes, record.dataBytes, &bytes)) {
-        take(key, bytes);
+        visit(key, bytes);
       }
     }
   }

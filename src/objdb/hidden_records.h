@@ -5,7 +5,8 @@
 #include <functional>
 #include <string>
 
-// Hands over key and bytes of each record of such a block, as long as its hash is its key's. Space
-// that the file calls free is left alone: it has old records, which were changed or deleted.
+// Calls `visit` with key and bytes of each record of such a block whose stored hash is that of its
+// key. Passes over space that the file calls free: there lie old records, which were changed or
+// deleted.
 void forEachHiddenRecord(
-    int fd, const std::function<void(const std::string &key, const std::string &bytes)> &take);
+    int fd, const std::function<void(const std::string &key, const std::string &bytes)> &visit);

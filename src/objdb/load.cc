@@ -59,19 +59,21 @@ bool buildTables(WorkDirectory *work, const std::vector<StoredRecord> &records,
       return failAttempt("write", tableFile(table, pageSuffix), error);
     }
   }
+  // Read again from the files: what was stored may not be what the disk has.
   if (surveyVersion(work->path()).census.toJson() == census.toJson()) return true;
   *error = "the tables do not hold what was written to them";
   return false;
 }
 
 ObjdbStatus loadDatabase(const VersionPath &database, bool sealed) {
+  // Before the input, which may be long; publishOver refuses what has come there meanwhile.
   refuseTaken(database.path());
   if (isatty(STDIN_FILENO) == 1) {
     fputs("objdb: reading a dump from the terminal, until Ctrl-D\n", stderr);
   }
   std::ios::sync_with_stdio(false);  // which reads character by character
   const std::vector<StoredRecord> records = readDump(std::cin, sealed);
-  umask(0);  // the platform's daemons share the tables, and run as any user
+  umask(0);  // the platform's daemons share the tables, whatever user they run as
   std::string error;
   struct stat like {};
   if (!makeDirectories(database.directory, &error)) throw std::runtime_error(error);

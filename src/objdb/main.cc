@@ -8,7 +8,6 @@
 #include <cstring>
 #include <exception>
 #include <new>
-#include <string_view>
 
 #include "objdb/census.h"
 #include "objdb/commands.h"
@@ -60,7 +59,8 @@ ObjdbStatus runCommand(const std::vector<std::string> &words) {
   throw CommandFailure(std::string("unknown ") + what + " \"" + name + "\"; see 'objdb --help'");
 }
 
-// What cannot be written is a failure, whatever came of the rest.
+// Output that could not be written makes a failure of any result. Here and nowhere else: no command
+// looks at what its single writes return.
 ObjdbStatus flushOutput(ObjdbStatus status) {
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
   fprintf(stderr, "objdb: could not write the output: %s\n", strerror(errno));
@@ -79,7 +79,8 @@ ObjdbStatus flushOutput(ObjdbStatus status) {
 struct HandleExhaustedMemory {
   HandleExhaustedMemory() {
     std::set_new_handler(endOutOfMemory);
-    std::set_terminate(endOutOfMemory);  // only missing memory gets an exception here
+    // Only an exception for which there is no memory gets that far: main catches all others.
+    std::set_terminate(endOutOfMemory);
   }
 };
 [[gnu::init_priority(101)]] HandleExhaustedMemory handleExhaustedMemory;

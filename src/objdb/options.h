@@ -19,15 +19,16 @@ class Options {
   Options(const Options &) = delete;
   Options &operator=(const Options &) = delete;
 
-  // Declare what there may be, with where to put it; what is not given stays as it is. Descriptions
-  // are for the help.
+  // Each declares one option or argument, and where its value goes; a value that is not given stays
+  // as it is. The descriptions are for the help.
   void flag(const char *name, bool *value, const char *description);
   void text(const char *name, std::optional<std::string> *value, const char *description);
   void id(const char *name, std::optional<uint32_t> *value, const char *description);
   void argument(const char *name, std::string *value, const char *description);
   void arguments(const char *name, std::vector<std::string> *values, const char *description);
 
-  // --dir alone, for commands that look at the whole database directory, and with --version.
+  // The first declares --dir alone, for commands that look at the whole database directory; the
+  // second --dir and --version.
   void directory(VersionPath *database);
   void version(VersionPath *database);
 

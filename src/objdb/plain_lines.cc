@@ -61,6 +61,7 @@ class PlainText {
     const char *begin = rest_.data();
     const auto [end, error] = std::from_chars(begin, begin + rest_.size(), *result);
     const auto length = static_cast<size_t>(end - begin);
+    // Written in another way ("007", "-0"), it is for the reader of JSON to take or refuse.
     if (error != std::errc() || rest_.substr(0, length) != std::to_string(*result)) return false;
     rest_.remove_prefix(length);
     return true;
@@ -86,7 +87,7 @@ class PlainText {
   std::string_view rest_;
 };
 
-// The type whose name comes next; 0 when no name does.
+// The type whose name comes next; 0 when no type has it.
 int32_t skipType(PlainText &at) {
   for (int32_t type = Integer; type <= Enumeration; ++type) {
     if (at.skip(typeNames[type])) return type;

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 
 // What the signal handler knows. It runs between any two steps of the program, but to its end.
 class ProgressLine {
@@ -39,7 +38,7 @@ class ProgressLine {
  private:
   // Calls nothing that a signal handler must not.
   static void show(int) {
-    const int savedErrno = errno;
+    const int savedErrno = errno;  // the interrupted code may be about to look at it
     const Phase *phase = current_;
     if (phase != nullptr && pauses_ == 0) {
       char *end = line_;

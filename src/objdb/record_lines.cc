@@ -2,16 +2,14 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <new>
 #include <set>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "objdb/decoded_record.h"
+#include "objdb/owned_values.h"
 
 namespace {
 
@@ -19,6 +17,7 @@ namespace {
   throw std::runtime_error(what);
 }
 
+// By the judgement of the library that writes the line: it throws for what it cannot write.
 bool isUtf8(const std::string &text) {
   const auto isAscii = [](char each) { return static_cast<unsigned char>(each) < 0x80; };
   if (std::all_of(text.begin(), text.end(), isAscii)) return true;
@@ -62,6 +61,7 @@ std::string shown(const Json &json) {
 template <typename Number>
 Number number(const Json &json) {
   if (!json.is_number_integer()) complain("not a whole number: " + shown(json));
+  // Looked at before it is taken: the library would wrap a number around that does not fit.
   const bool fits = json.is_number_unsigned() ? std::in_range<Number>(json.get<uint64_t>())
                                               : std::in_range<Number>(json.get<int64_t>());
   if (!fits) complain("out of range: " + json.dump());
@@ -98,7 +98,8 @@ class Members {
   }
   uint32_t id(const char *name) { return number<uint32_t>(at(name)); }
 
-  // To be called when every member that may be there has been asked for once.
+  // Called when every member that may be there has been asked for once: one that is left over would
+  // be dropped without a word.
   void finish() const {
     if (asked_ != line_.size()) complain("a member that the record has not");
   }
@@ -126,23 +127,12 @@ std::optional<std::string> textFromJson(const Json &json) {
 
 namespace {
 
-// Storage from malloc, as the records' owners release it.
-template <typename Storage>
-Storage *taken(Storage *storage) {
-  if (storage == nullptr) throw std::bad_alloc();
-  return storage;
-}
-
-template <typename Record>
-Record *zeroFilled(size_t count = 1) {
-  return taken(static_cast<Record *>(calloc(count, sizeof(Record))));
-}
-
 char *mallocText(const Json &json) {
   const std::optional<std::string> text = textFromJson(json);
-  return text ? taken(strdup(text->c_str())) : nullptr;
+  return text ? allocated(strdup(text->c_str())) : nullptr;
 }
 
+// A definition may have any number for a type, and has to come back with it.
 Json typeToJson(int32_t type) {
   if (type >= Integer && type <= Enumeration) return typeNames[type];
   return type;
@@ -197,12 +187,8 @@ void addValue(Json &line, const NQwFieldValue &value) {
 
 namespace {
 
-struct FreeValue {
-  void operator()(NQwFieldValue *value) const { NQwDbFreeFieldValue(value); }
-};
-
-std::unique_ptr<NQwFieldValue, FreeValue> valueFromJson(Members &line) {
-  std::unique_ptr<NQwFieldValue, FreeValue> value(zeroFilled<NQwFieldValue>());
+FieldValue valueFromJson(Members &line) {
+  FieldValue value(zeroFilled<NQwFieldValue>());
   value->type = typeFromJson(line.at("type"));
   const Json *entries = line.find("list");
   if (entries == nullptr) {
@@ -212,7 +198,8 @@ std::unique_ptr<NQwFieldValue, FreeValue> valueFromJson(Members &line) {
   auto *list = zeroFilled<ValueList>();
   value->isList = 1;
   value->value.list = list;
-  list->entries = zeroFilled<ValueListEntry>(arrayOf(*entries).size() + 1);
+  list->entries =
+      zeroFilled<ValueListEntry>(arrayOf(*entries).size() + 1);  // 1 more: calloc(0) may be null
   for (const Json &entry : *entries) {
     list->entries[list->count++].value = wordFromJson(value->type, entry);
   }
@@ -365,6 +352,7 @@ StoredRecord recordFromJson(const Json &line) {
   return record;
 }
 
+// Looks for members that stand twice while the library parses: afterwards only one of them is left.
 Json parseLine(std::string_view text) {
   std::vector<std::set<std::string>> names;  // of the objects around the present place
   const auto look = [&names](int, Json::parse_event_t event, const Json &parsed) {

@@ -13,7 +13,6 @@
 // back byte for byte.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <initializer_list>
 #include <nlohmann/json.hpp>
@@ -26,7 +25,7 @@
 
 using Json = nlohmann::ordered_json;
 
-extern const char *const typeNames[];  // by FieldType; null for 0, which is none
+extern const char *const typeNames[];  // by FieldType; null for 0, which is no type
 
 struct StoredRecord {
   size_t table;  // index into tableFormats
@@ -41,8 +40,8 @@ std::optional<Json> recordToJson(size_t table, std::string_view key, std::string
 // another type or out of range.
 StoredRecord recordFromJson(const Json &line);
 
-// The document of a line. Throws std::exception when it is none, or has a member twice, which
-// readers of JSON resolve differently.
+// The document of a line. Throws std::exception when the line is no document, or has a member
+// twice: readers of JSON differ in which of the two they take.
 Json parseLine(std::string_view text);
 
 // A key that is made of these words.
@@ -51,14 +50,14 @@ std::string keyOf(std::initializer_list<uint32_t> words);
 // A record as the table's encoder takes it, encoded. Throws std::exception when it cannot be.
 std::string encodedRecord(size_t table, const void *record);
 
-// A text, null or not UTF-8 included, and the members "type" and "value" or "list" of a value, as
-// the lines have them.
+// A text as the lines have it; it may be null, or not UTF-8.
 Json textToJson(const char *text);
 
-// The way back; what XDR and the keys take: characters without a NUL. Throws std::exception for
-// what is no text.
+// The text of such a member, without a NUL inside, which neither XDR nor the keys take; nothing for
+// null. Throws std::exception for anything else.
 std::optional<std::string> textFromJson(const Json &json);
 
+// Adds the members "type" and "value", or "type" and "list" with its flags.
 void addValue(Json &line, const NQwFieldValue &value);
 
 std::string toHex(std::string_view bytes);

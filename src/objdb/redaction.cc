@@ -38,7 +38,9 @@ std::string Redaction::tokenOf(const std::string &text) {
   std::string &token = tokens_[text];
   while (token.empty() && !text.empty()) {
     std::string next = digits(next_[text.size()]++, text.size(), fewCharacters);
-    if (next.size() > text.size()) {  // short texts run out of letters
+    if (next.size() > text.size()) {
+      // Short texts run out of letters and digits; then any character serves, under a counter of
+      // its own.
       next = digits(next_[text.size() + SIZE_MAX / 2]++, text.size(), 255);
     }
     if (used_.insert(next).second) token = next;

@@ -20,7 +20,7 @@ ObjdbStatus removeArchived(const VersionPath &database, bool force) {
   std::string error;
   if (removeVersion(database.directory, version, &error)) return objdbFine;
   if (errno != EWOULDBLOCK) throw CommandFailure(error);
-  // The run that made it still works.
+  // A run that is still at work holds the directory of its kept version, not its tables.
   throw CommandFailure("version \"" + version.name + "\" is held by " +
                            lockHolder(version.directory) + "; nothing was changed",
                        objdbInUse);

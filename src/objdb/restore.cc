@@ -80,7 +80,7 @@ ObjdbStatus restoreTables(const VersionPath &database, bool partial, bool dryRun
   requireKnownMark(version);
   refuseLink(current);
   const auto currentLock = lockOrFail(current);
-  const auto versionLock = lockOrFail(version.directory);
+  const auto versionLock = lockOrFail(version.directory);  // or it could be removed meanwhile
   if (!dryRun) removeLeftovers(database.directory);
   const Survey source = surveyVersion(version.directory);
   if (!source.isThere || (!source.isWhole && !partial)) {

@@ -1,9 +1,9 @@
 // All values of objects.
 
-#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <set>
+#include <utility>
 
 #include "internal/caches.h"
 #include "internal/iGetFVs.h"
@@ -11,13 +11,12 @@
 #include "internal/loaders.h"
 #include "internal/selected_load.h"
 #include "internal/util.h"
-#include "objdb/asked_database.h"
 #include "objdb/commands.h"
 #include "objdb/field_text.h"
 #include "objdb/options.h"
 #include "objdb/progress.h"
+#include "objdb/query_database.h"
 #include "platform/out_of_memory.h"
-#include "records/field_codec.h"
 #include "records/value_table.h"
 #include "store/name_table.h"
 
@@ -57,9 +56,9 @@ const NQwFieldInfo &nameField(const ShowOptions &options) {
   throw CommandFailure(unknownField(name, nameFieldFlag));
 }
 
-// The name table, which is asked with a limit, knows names by their bytes, and the locale may call
-// others equal.
-uint32_t objectNamed(const AskedDatabase &database, uint32_t fieldId, const std::string &name) {
+// With a limit the name table is asked. It finds a name by its bytes alone, while the locale may
+// call other names equal: those are looked for in obj_info.
+uint32_t objectNamed(const QueryDatabase &database, uint32_t fieldId, const std::string &name) {
   const uint32_t objectId = nameToObjectId(fieldId, name.c_str());
   if (objectId != 0 || cache_overflow == 0) return objectId;
   std::string text = name;
@@ -69,7 +68,7 @@ uint32_t objectNamed(const AskedDatabase &database, uint32_t fieldId, const std:
   return ids->count == 0 ? 0 : ids->objectIds[0];
 }
 
-void loadFor(const ShowOptions &options, AskedDatabase &database, std::vector<Asked> *objects) {
+void loadFor(const ShowOptions &options, QueryDatabase &database, std::vector<Asked> *objects) {
   const Phase phase("looking for the objects");
   ObjectDatabase *db = database.get();
   const uint32_t fieldId = nameField(options).fieldId;
@@ -84,7 +83,7 @@ void loadFor(const ShowOptions &options, AskedDatabase &database, std::vector<As
   if (!options.mostObjects) loadSelectedValues(db, isAsked, false);
 }
 
-// Of an object that has no name under the common name field, and is therefore not loaded on demand.
+// Reads an object that has no name under the common name field, which is not loaded on demand.
 Bindings readValues(ObjectDatabase *db, uint32_t objectId) {
   Bindings list(static_cast<NQwFieldBindList *>(allocateOrEnd(sizeof(NQwFieldBindList))));
   list->bindings = static_cast<NQwFieldBinding *>(
@@ -129,12 +128,13 @@ void writeObject(uint32_t objectId, const NQwFieldBindList &values, bool json, b
 }
 
 ObjdbStatus showObjects(const VersionPath &version, const ShowOptions &options) {
-  AskedDatabase database(version, options.mostObjects);
+  QueryDatabase database(version, options.mostObjects);
   std::vector<Asked> objects;
   loadFor(options, database, &objects);
   bool all = true;
   bool first = true;
   for (const Asked &object : objects) {
+    // A word that is a number may be a name as well: the id goes first.
     uint32_t objectId = object.byId;
     Bindings values = valuesOf(database.get(), objectId);
     if (values == nullptr) {
@@ -148,7 +148,7 @@ ObjdbStatus showObjects(const VersionPath &version, const ShowOptions &options) 
       writeObject(objectId, *values, options.json, std::exchange(first, false));
     }
   }
-  return AskedDatabase::judge(all ? objdbFine : objdbFindings);
+  return QueryDatabase::judge(all ? objdbFine : objdbFindings);
 }
 
 ObjdbStatus runShow(Options &options) {

@@ -20,7 +20,8 @@ class Surveyor {
       read(table);
     }
     if (survey_.isThere && definitions_ == 0) blame("it has no field definitions");
-    if (!survey_.isThere) survey_.whatIsWrong = "it holds no table";
+    if (!survey_.isThere)
+      survey_.whatIsWrong = "it holds no table";  // says more than the first one
     survey_.isWhole = survey_.whatIsWrong.empty();
     return survey_;
   }
@@ -31,6 +32,7 @@ class Surveyor {
   }
 
   void measure(size_t table) {
+    // A link counts as a file here; why it is not opened, the reader says.
     int files = 0;
     for (const char *suffix : tableSuffixes) {
       struct stat status {};
@@ -77,6 +79,7 @@ class Surveyor {
     return reader.isComplete();
   }
 
+  // By the keys, which begin with the id of the object, or of the field: no record is decoded.
   void note(size_t table, const DbmRecord &record) {
     if (table == idKeeper) {
       survey_.counter = DecodedRecord(table, record.bytes).counter;

@@ -1,8 +1,7 @@
-// What a version holds, found by reading it: whether it can be trusted as a whole, and
-// whether two versions hold the same.
+// What a version holds, found by reading it: whether it can be trusted as a whole, and whether two
+// versions hold the same.
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "objdb/census.h"
@@ -10,7 +9,7 @@
 struct Survey {
   bool isThere = false;                       // holds the file of a table
   bool isWhole = false;                       // see surveyVersion
-  std::string whatIsWrong;                    // when it is not whole: the first thing that was met
+  std::string whatIsWrong;                    // when it is not whole: the first reason met
   std::array<bool, tableCount> halfTables{};  // of which one of the two files is not there
   bool hasIdKeeper = false;                   // which archives of the platform itself do not have
   uint32_t counter = 0;                       // of the id keeper; 0 for none

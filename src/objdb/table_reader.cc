@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -75,7 +76,8 @@ std::string whyNotDirectoryFile(int fd) {
   return compared > 0 ? "made by a newer dbm library" : "made by an older dbm library";
 }
 
-// The library keeps its handle in need of recovery once it has met damage, and counts no more then.
+// Once the library has met damage, its handle is in need of recovery and does not count any more. A
+// handle of its own has met none yet.
 bool countAfresh(int fd, gdbm_count_t *records) {
   const int own = dup(fd);
   GDBM_FILE file = gdbm_fd_open(own, "", 0, GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR, nullptr);
@@ -85,7 +87,8 @@ bool countAfresh(int fd, gdbm_count_t *records) {
   return counted;
 }
 
-// The library tells it like any other reason, and a sound table would look damaged.
+// Called after each call that has failed. The library names missing memory like any other reason,
+// and a sound table would look damaged.
 void failIfOutOfMemory() {
   if (gdbm_errno == GDBM_MALLOC_ERROR) failForWantOfMemory();
 }
@@ -97,7 +100,7 @@ class Datum {
   Datum(const Datum &) = delete;
   Datum &operator=(const Datum &) = delete;
 
-  void take(datum fresh) {
+  void reset(datum fresh) {
     free(held_.dptr);
     held_ = fresh;
   }
@@ -145,6 +148,7 @@ std::unique_ptr<TableReader> TableReader::openNamed(const std::string &directory
   };
   const auto failByErrno = [&fail](const std::string &file) {
     if (errno == EINVAL) return fail(file, "not a file", OpenFailure::damaged);
+    // A right or a resource that we lack says nothing against the table.
     const bool isDamage = errno != EACCES && errno != EMFILE && errno != ENOMEM;
     return fail(file, strerror(errno), isDamage ? OpenFailure::damaged : OpenFailure::unavailable);
   };
@@ -169,7 +173,7 @@ std::unique_ptr<TableReader> TableReader::openNamed(const std::string &directory
     return fail(pages, "held by " + lockHolder(status), OpenFailure::inUse);
   }
   if (pread(fd.get(), &head, sizeof head, 0) < 0) return failByErrno(pages);
-  // Before the library looks, which believes what it reads.
+  // Before the library opens the file: it believes what it reads.
   TableStructure structure = readStructure(fd.get());
   constexpr int flags = GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR;
   GDBM_FILE file = gdbm_fd_open(fd.release(), pages.c_str(), 0, flags, nullptr);
@@ -196,13 +200,13 @@ bool TableReader::next(DbmRecord *record) {
     phase_.emplace("reading " + name_, showsProgress() ? count().value_or(0) : 0);
   }
   gdbm_errno = GDBM_NO_ERROR;
-  state.key.take(state.started ? gdbm_nextkey(state.file, state.key.get())
-                               : gdbm_firstkey(state.file));
+  state.key.reset(state.started ? gdbm_nextkey(state.file, state.key.get())
+                                : gdbm_firstkey(state.file));
   state.started = true;
   if (state.key.get().dptr != nullptr && read_ < state.mostRecords) {
     ++read_;
     phase_->count();
-    state.bytes.take(gdbm_fetch(state.file, state.key.get()));
+    state.bytes.reset(gdbm_fetch(state.file, state.key.get()));
     if (state.bytes.get().dptr == nullptr) failIfOutOfMemory();
     *record = {state.key.view(), state.bytes.view()};
     return true;
@@ -223,7 +227,7 @@ std::optional<uint64_t> TableReader::count() const {
 }
 
 std::string_view TableReader::fetch(std::string_view key) {
-  state_->fetched.take(
+  state_->fetched.reset(
       gdbm_fetch(state_->file, {const_cast<char *>(key.data()), static_cast<int>(key.size())}));
   if (state_->fetched.get().dptr == nullptr) failIfOutOfMemory();
   return state_->fetched.view();
@@ -279,4 +283,16 @@ TableReaders openAllTables(const std::string &directory) {
     if (failure != different.back()) fprintf(stderr, "objdb: %s\n", failure->reason.c_str());
   }
   throw different.back()->asFailure();
+}
+
+bool sayUndecodable(size_t table, std::string_view key) {
+  const ProgressPause pause;
+  fprintf(stderr, "objdb: could not decode the record with key %s in table \"%s\"\n",
+          toHex(key).c_str(), tableFormats[table].name);
+  return false;
+}
+
+bool sayIncomplete(size_t table) {
+  fprintf(stderr, "objdb: could not read table \"%s\" to its end\n", tableFormats[table].name);
+  return false;
 }

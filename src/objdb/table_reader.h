@@ -2,8 +2,8 @@
 // directory entry changes, whatever state the files are in.
 //
 // The layer below opens tables through the ndbm interface, which writes to a .dir file that it does
-// not like and leaves access times behind. Here the .pag file, which holds all the records, is
-// opened by itself, read-only.
+// not like and leaves new access times. Here the .pag file, which holds all the records, is opened
+// by itself, read-only.
 #pragma once
 
 #include <array>
@@ -92,14 +92,19 @@ class TableReader {
   bool failed_ = false;
 };
 
-// All six, locked together if that is demanded so that they belong together, or null where one
-// cannot be opened; then *failures says why in the same place.
+// Opens all six tables. Locked ones are locked together, so that they belong together. A table that
+// cannot be opened is null, and *failures says why in its place.
 using TableReaders = std::array<std::unique_ptr<TableReader>, tableCount>;
 using OpenFailures = std::array<OpenFailure, tableCount>;
 TableReaders openTables(const std::string &directory, TableReader::Demand demand,
                         OpenFailures *failures);
 
-// The same for commands that need all of them, but for an id keeper that is not there: throws
-// CommandFailure when one cannot be opened, the reasons of further ones on standard error before
-// that.
+// The same for commands that need all six, except an id keeper that is not there: throws
+// CommandFailure when one cannot be opened. The reasons of further ones stand on standard error
+// before that.
 TableReaders openAllTables(const std::string &directory);
+
+// These say on standard error that a record cannot be decoded, or that a scan has not read all that
+// there is. False.
+bool sayUndecodable(size_t table, std::string_view key);
+bool sayIncomplete(size_t table);

@@ -7,13 +7,14 @@
 #include <optional>
 
 #include "objdb/progress.h"
-#include "objdb/record_lines.h"
+#include "store/tables.h"
 
 bool writeTable(const std::string &directory, size_t table, const RecordViews &records) {
   const TableFormat &format = tableFormats[table];
   NQ_dbm_db *db = _NQ_dbm_db_open(directory.c_str(), format.name, O_RDWR | O_CREAT, 0777,
                                   format.decode, format.encode);
   if (db == nullptr) return false;
+  // In the order that is cheapest for the library (dbm_table.h).
   std::vector<std::pair<uint32_t, const RecordViews::value_type *>> stores;
   stores.reserve(records.size());
   for (const auto &record : records) {
@@ -28,6 +29,7 @@ bool writeTable(const std::string &directory, size_t table, const RecordViews &r
   std::optional<Phase> phase(std::in_place, std::string("writing ") + format.name, stores.size());
   _NQ_dbm_db_start_buffering(db, UINT32_MAX);
   for (const auto &[order, record] : stores) {
+    // After a failure nothing more is stored: the table is given up.
     stored = stored && _NQ_dbm_db_store_raw(db, record->first, record->second) == 0;
     phase->count();
   }

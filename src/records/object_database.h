@@ -14,7 +14,7 @@ struct TableKey {
   size_t length;
 };
 
-// Malloc storage, owned by whoever opened it. A null table is not open.
+// Malloc storage that belongs to the caller of the opener. A null table is not open.
 struct ObjectDatabase {
   NQ_dbm_db *idKeeperDb;
   NQ_dbm_db *fieldInfoDb;

@@ -35,7 +35,7 @@ constexpr DataFormat oldFormat{decodeDbObjectValueOf, encodeDbObjectValueOf, dbV
 
 constexpr uint32_t noBound = 0xFFFFFFFF;  // of a buffer size and of a record count
 
-constexpr mode_t tableMode = 0777;
+constexpr mode_t tableMode = 0777;  // the platform's daemons run as different users
 
 bool heldByAnother = false;
 
@@ -69,7 +69,7 @@ bool openSeeded(ObjectDatabase *db, size_t which, const char *directory, int fla
   const bool isNew = !isThere || page.st_size == 0;
   table = _NQ_dbm_db_open(directory, name, flags, tableMode, decode, encode);
   if (table == nullptr) return false;
-  if (!statPage(directory, which, &page)) return failStat();
+  if (!statPage(directory, which, &page)) return failStat();  // for its message alone
   if (isNew) seed(db);
   _NQ_dbm_db_disable_lock_on_access(table);
   return true;
@@ -90,9 +90,9 @@ bool openObjectTables(ObjectDatabase *db, const DataFormat &format, const char *
   return true;
 }
 
-// The locks come before the first look into a table: a handle caches what it has read, and nobody
-// shall change it behind its back, a table that is being made included. A file that cannot be
-// opened is left to the open that reports it.
+// The locks come before the first look into a table: a handle caches what it reads, so nobody else
+// may change the table, not even one that is being created. A file that cannot be opened is left to
+// the open that reports it.
 using FileLocks = std::array<TableLock, tableCount>;
 
 bool lockFiles(const char *directory, FileLocks *locks) {
@@ -110,6 +110,8 @@ bool lockFiles(const char *directory, FileLocks *locks) {
   return true;
 }
 
+// The handles' own share of the locks, which lives until they are closed; that of lockFiles ends
+// with the open. Also fails where the file has been exchanged since.
 bool lockTables(ObjectDatabase *db) {
   for (size_t table = 0; table < tableCount; ++table) {
     if (tableFormats[table].isLocked && _NQ_lock_dbm_db(tableOf(db, table), 0) < 0) {
@@ -135,9 +137,10 @@ ObjectDatabase *openDatabase(time_t version, const DataFormat &format) {
 
   int flags = 0;
   const char *name = format.versionName(version, &flags);
+  // makeDbDirs leaves the same path in dbPath's string (directory.h).
   const char *directory = dbPath(name, nullptr);
   makeDbDirs(name, 0777);
-  umask(0);
+  umask(0);  // the platform's daemons share the tables, whatever user they run as
   FileLocks locks;
   if (lockFiles(directory, &locks) && openSeeded(db, idKeeper, directory, flags, initIdKeeper) &&
       openSeeded(db, fieldInfo, directory, flags, initPredefinedFields) &&
@@ -191,7 +194,7 @@ ObjectDatabase *openForReading(const std::string &directory, time_t version) {
   ObjectDatabase *db = newHandle();
   for (size_t which = 0; db != nullptr && which < tableCount; ++which) {
     const auto &[name, decode, encode, isLocked, isRebuilt] = tableFormats[which];
-    if (which == idKeeper) continue;
+    if (which == idKeeper) continue;  // who only looks hands out no ids
     db->*tableHandles[which] =
         _NQ_dbm_db_open(directory.c_str(), name, O_RDONLY, 0, decode, encode);
     if (db->*tableHandles[which] != nullptr) continue;

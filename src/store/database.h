@@ -14,12 +14,12 @@ NQ_dbm_db *&tableOf(ObjectDatabase *db, size_t table);
 // handed on: the table layer has no use for it (dbm_table.h).
 extern uint32_t ndbm_buffersize;
 
-// Open all six tables of a version for reading and writing, in the current or in the old data
+// These open all six tables of a version for reading and writing, in the current or in the old data
 // format. What is missing is created with mode 0777 (the process' file-creation mask is 0 from here
 // on); an id keeper and field definitions made just now are seeded. All tables but the id keeper
 // are locked against other processes until the handle is closed. Null when a table cannot be opened
-// or locked, and then nothing stays open; NQw_NO_MEMORY when there is no memory for the handle. The
-// process ends there when a directory cannot be made (directory.h).
+// or locked, and then nothing stays open; NQw_NO_MEMORY when there is no memory for the handle.
+// They end the process when a directory cannot be made (directory.h).
 ObjectDatabase *open_nqwdb_ndbm(time_t version);
 ObjectDatabase *open_nqwdb_ndbm_old(time_t version);
 
@@ -27,7 +27,7 @@ ObjectDatabase *open_nqwdb_ndbm_old(time_t version);
 bool isHeldByAnother();
 
 // Opens an archived version: no id keeper, no seeding, no locks, a buffer count of 0. Null when a
-// table cannot be opened.
+// table cannot be opened. Ends the process when a directory cannot be made (directory.h).
 ObjectDatabase *openVersionDb(time_t version);
 
 // Opens the version in that directory, whatever its name, for programs that only look: nothing is
@@ -35,7 +35,7 @@ ObjectDatabase *openVersionDb(time_t version);
 // Null when a table is not there or cannot be opened.
 ObjectDatabase *openForReading(const std::string &directory, time_t version);
 
-// Close what is open of the six tables and free the handle, but not its field list.
+// These close what is open of the six tables and free the handle, but not its field list.
 void close_nqwdb_ndbm(ObjectDatabase *db);
 void close_nqwdb_ndbm_old(ObjectDatabase *db);
 

@@ -22,8 +22,8 @@ const char *dbVersionNameOld(time_t version, int *flags);
 // there is one. A static string that the next call overwrites; null when it would be too long.
 const char *dbPath(const char *name, const char *sub);
 
-// Where a directory cannot be made, the process ends there and then with a status; whoever has more
-// to say before that says it here. Must not return. Null: nobody has.
+// Called with the exit status before makeDir or makeDbDirs end the process because a directory
+// cannot be made. It may say more and must not return. Null: the process ends at once.
 extern void (*directoryFailure)(int status);
 
 // Creates one directory, or ends the process silently with status 255.

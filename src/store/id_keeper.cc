@@ -7,9 +7,9 @@
 
 namespace {
 
-constexpr uint32_t firstFreeId = 14;
+constexpr uint32_t firstFreeId = 14;  // after the predefined fields
 
-constexpr uint32_t nameFlags = nameFieldFlag | 8;
+constexpr uint32_t nameFlags = nameFieldFlag | 8;  // 8 and 1: the platform's, see field_values.h
 constexpr struct {
   uint32_t fieldId;
   const char *name;

@@ -51,7 +51,7 @@ bool looksDuplicated(uint32_t objectId, uint32_t fieldId, const char *name) {
   sigaddset(&segv, SIGSEGV);
   sigprocmask(SIG_UNBLOCK, &segv, nullptr);
   raise(SIGSEGV);
-  _Exit(exitUsage);
+  _Exit(exitUsage);  // only if the signal is not delivered after all
 }
 
 bool deleteKey(NQ_dbm_db *table, const TableKey &key) {
@@ -82,6 +82,8 @@ uint32_t getNameObjectId(ObjectDatabase *db, uint32_t fieldId, const char *name)
   return record == nullptr ? 0 : record->objectId;
 }
 
+// obj_info first: a name that stands there alone is found again from it (a rewrite, a salvage), and
+// an entry of name_info alone would lead to an object without the name.
 int storeNameObject(ObjectDatabase *db, const dbObject *record) {
   const TableKey byObject = objInfoKey(record->objectId, record->fieldId);
   if (_NQ_dbm_db_store(db->objInfoDb, byObject.bytes, byObject.length, record) < 0) return -1;

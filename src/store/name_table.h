@@ -16,7 +16,7 @@ dbObject *getNameRecord(ObjectDatabase *db, uint32_t fieldId, const char *name);
 const char *getObjectName(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId);
 uint32_t getNameObjectId(ObjectDatabase *db, uint32_t fieldId, const char *name);
 
-// Store in obj_info, then in name_info. 0, or -1 as soon as a store fails or when the name is
+// Stores in obj_info, then in name_info. 0, or -1 as soon as a store fails or when the name is
 // longer than 256 characters. Of two objects with one name, name_info leads to the one stored last.
 int storeNameObject(ObjectDatabase *db, const dbObject *record);
 

@@ -31,6 +31,7 @@ ObjectDatabase *nqwDbGetDb(time_t version) {
   return sharedDatabase;
 }
 
+// Entered as the open archived version too: a query for it must not open it a second time.
 void shareDatabase(ObjectDatabase *db) {
   sharedDatabase = loadFieldList(db);
   sharedOpened = true;

@@ -11,7 +11,8 @@ extern int update_fcache;
 
 // The shared handle of a version, with its field list; null when it cannot be had. Version 0 is
 // opened on first use and never closed here; NQw_DB_OPEN_FAILED (traced) when it cannot be opened,
-// and the next call tries again. Any other version is openArchiveDb's.
+// and the next call tries again. Any other version is openArchiveDb's. Opening ends the process
+// when a directory cannot be made (directory.h); for archived versions too.
 ObjectDatabase *nqwDbGetDb(time_t version);
 
 // One archived version at a time, for the rest of the run: asked for again the same handle, for

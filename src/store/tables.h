@@ -38,8 +38,8 @@ constexpr const char *tableSuffixes[] = {directorySuffix, pageSuffix};
 // The version that the platform works on. Archived ones are named by their time (directory.h).
 constexpr char currentName[] = "current";
 
-// A file of this name in a version says that a run has begun to change "current" and has not
-// finished: the version then holds the tables as they were.
+// The mark of an unfinished run: a file of this name in a version says that a run has begun to
+// change "current" and has not finished. The version then holds the tables as they were.
 constexpr char unfinishedMark[] = "unfinished";
 
 inline std::string tableFile(size_t table, const char *suffix) {

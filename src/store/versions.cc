@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 
 #include "platform/files.h"
@@ -16,8 +15,8 @@
 
 namespace {
 
-// What cannot be looked at may be there: a mark that is not seen would let a run go on, and a table
-// that is not seen would not be kept.
+// What cannot be looked at counts as there: a mark that is not seen would let a run go on, and a
+// table that is not seen would not be kept.
 bool isThere(const std::string &path) {
   struct stat status {};
   return lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
@@ -36,8 +35,8 @@ bool hasTable(const std::string &directory, size_t table) {
          isThere(tablePath(directory, table, pageSuffix));
 }
 
-bool keepTable(WorkDirectory *work, const std::string &from, size_t table, bool links,
-               std::string *error) {
+bool copyOrLinkTable(WorkDirectory *work, const std::string &from, size_t table, bool links,
+                     std::string *error) {
   const std::string pages = tableFile(table, pageSuffix);
   const std::string directory = tableFile(table, directorySuffix);
   if (!work->copy(pathIn(from, directory), directory, error)) return false;
@@ -45,13 +44,14 @@ bool keepTable(WorkDirectory *work, const std::string &from, size_t table, bool 
          work->copy(pathIn(from, pages), pages, error);
 }
 
-// The tables of one directory. One that is not there is not kept; half of one is an error.
-bool keepTables(WorkDirectory *work, const std::string &from, const VersionContent &content,
-                std::string *error) {
+// The tables of one directory. One that is not there is passed over; half of one is an error. The
+// mark comes last, and before the version gets its name: with the mark the version is whole.
+bool copyOrLinkTables(WorkDirectory *work, const std::string &from, const VersionContent &content,
+                      std::string *error) {
   for (size_t table = 0; table < tableCount; ++table) {
     if (content.leftOut[table] || !hasTable(from, table)) continue;
     const bool links = content.linksRebuilt && tableFormats[table].isRebuilt;
-    if (!keepTable(work, from, table, links, error)) return false;
+    if (!copyOrLinkTable(work, from, table, links, error)) return false;
   }
   return !content.unfinished || makeMarker(work->fd(), unfinishedMark) == 0 ||
          failAttempt("make", unfinishedMark, error);
@@ -107,7 +107,8 @@ std::unique_ptr<WorkDirectory> keepCurrent(const std::string &database,
                                            const VersionContent &content, Version *made,
                                            std::string *error) {
   std::unique_ptr<WorkDirectory> work = WorkDirectory::make(database, error);
-  if (work == nullptr || !keepTables(work.get(), pathIn(database, currentName), content, error) ||
+  if (work == nullptr ||
+      !copyOrLinkTables(work.get(), pathIn(database, currentName), content, error) ||
       !publishByTime(work.get(), database, made, error)) {
     return nullptr;
   }
@@ -117,7 +118,7 @@ std::unique_ptr<WorkDirectory> keepCurrent(const std::string &database,
 
 bool bytesToKeep(const std::string &database, const VersionContent &content, uint64_t *bytes,
                  std::string *error) {
-  *bytes = uint64_t{4} * 4096;  // for the directory and the mark
+  *bytes = uint64_t{4} * 4096;  // the directory, the mark, and what the file system adds
   const std::string current = pathIn(database, currentName);
   for (size_t table = 0; table < tableCount; ++table) {
     if (content.leftOut[table]) continue;
@@ -151,7 +152,7 @@ bool unlinkFromCurrent(const WorkDirectory &version, size_t table, std::string *
   if (!linked.isOpen() || fstat(linked.get(), &status) != 0) {
     return failAttempt("open", pages, error);
   }
-  if (status.st_nlink < 2) return true;
+  if (status.st_nlink < 2) return true;  // was copied already, where it could not be linked
   if (copyFileSynced(linked.get(), version.fd(), copy) != 0 ||
       renameat(version.fd(), copy.c_str(), version.fd(), pages.c_str()) != 0 ||
       fsync(version.fd()) != 0) {
@@ -164,7 +165,7 @@ bool copyTables(WorkDirectory *work, const std::string &from,
                 const std::array<bool, tableCount> &leftOut, std::string *error) {
   VersionContent content;
   content.leftOut = leftOut;
-  return keepTables(work, from, content, error);
+  return copyOrLinkTables(work, from, content, error);
 }
 
 bool makeVersion(const std::string &database, const FillVersion &fill, Version *made,
@@ -201,7 +202,7 @@ bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, V
       return false;
     }
   }
-  error->clear();  // names that were taken
+  error->clear();  // of publishByTime, about names that were taken
   if (syncDirectory(database) != 0) failAttempt("sync", database, error);
   return true;
 }
@@ -217,6 +218,7 @@ bool findStrangers(const std::string &directory, bool *found, std::string *error
     for (size_t table = 0; table < tableCount && !known; ++table) {
       known = name == tableFile(table, directorySuffix) || name == tableFile(table, pageSuffix);
     }
+    // A directory under the name of a table is a stranger too: removeFiles would stop at it.
     struct stat status {};
     const bool isDirectory = name[0] != '.' &&
                              lstat(pathIn(directory, name).c_str(), &status) == 0 &&
@@ -234,7 +236,7 @@ bool removeVersion(const std::string &database, const Version &version, std::str
     *error = "\"" + version.directory + "\" holds more than tables";
     return false;
   }
-  const auto work = WorkDirectory::take(database, version.name, error);
+  const auto work = WorkDirectory::adopt(database, version.name, error);
   return work != nullptr && work->remove(error);
 }
 

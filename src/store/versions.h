@@ -36,8 +36,8 @@ struct VersionContent {
   std::array<bool, tableCount> leftOut{};  // tables that were not there
 };
 
-// Makes a version of "current", named by the present time or the next second that is free. Nothing
-// is left behind on failure.
+// Makes a version of "current", named by the present time or the next second that is free. On
+// failure nothing stays of it.
 std::unique_ptr<WorkDirectory> keepCurrent(const std::string &database,
                                            const VersionContent &content, Version *made,
                                            std::string *error);
@@ -49,36 +49,37 @@ bool bytesToKeep(const std::string &database, const VersionContent &content, uin
 // Bytes of the tables that a sweep rebuilds.
 bool bytesToRebuild(const std::string &database, uint64_t *bytes, std::string *error);
 
-// A page file of the version that is linked becomes a copy: before the file is written over.
+// Replaces the linked page file of a table in the version by a copy. Called before that file is
+// written over in "current".
 bool unlinkFromCurrent(const WorkDirectory &version, size_t table, std::string *error);
 
-// Makes a version whose files `fill` makes, in the empty directory that it is given, and on the
-// disk when it returns.
+// Makes a version of the files that `fill` puts into the empty directory that it is given. They are
+// on the disk when `fill` returns.
 using FillVersion = std::function<bool(WorkDirectory *work, std::string *error)>;
 bool makeVersion(const std::string &database, const FillVersion &fill, Version *made,
                  std::string *error);
 
-// Copies the tables of a version but those left out, and waits until they are on the disk. A table
-// that is not there is not copied; half of one is an error.
+// Copies the tables of a version, except those left out, and waits until they are on the disk. A
+// table that is not there is passed over; one that has only one of its two files is an error.
 bool copyTables(WorkDirectory *work, const std::string &from,
                 const std::array<bool, tableCount> &leftOut, std::string *error);
 
 // Takes the mark away; the version stays as an archived one.
 bool finishVersion(const Version &version, std::string *error);
 
-// Makes the work directory's tables those of "current", at once: the two exchange their names, so
-// that "current" is always there and whole. If what it was is to be kept, the work directory
-// becomes a version before that, so that its name is one, *before, from then on; otherwise it is
-// the work directory's to remove. Where there is no "current", the work directory takes that name,
-// and *before has none. True once "current" is the new one, though *error says what failed after.
+// Makes the work directory "current", at once: the two exchange their names, so that "current" is
+// always there and whole. With `keeps` the former "current" is a version afterwards, *before: the
+// work directory gets the name of one first, which then passes to it. Otherwise the work directory
+// has it to remove. Where there is no "current", the work directory takes that name, and *before is
+// empty. True once "current" is the new one, even if *error says what failed after that.
 bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, Version *before,
                  std::string *error);
 
 // Removes a version with its files. False, and nothing is changed, when something else is in it.
 bool removeVersion(const std::string &database, const Version &version, std::string *error);
 
-// Whether a directory holds anything but what a version does: files of tables, and the mark. False
-// when it cannot be looked at.
+// *found: whether a directory holds anything else than a version does, which is files of tables and
+// the mark. False when it cannot be looked at.
 bool findStrangers(const std::string &directory, bool *found, std::string *error);
 
 // Locks the tables of a version against other processes, as far as they are there, for as long as

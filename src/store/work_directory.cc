@@ -28,7 +28,8 @@ Descriptor openDatabase(const std::string &database) {
   return Descriptor(open(database.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-// A name for a directory that is there already.
+// A new name for a directory that is there already; mkdtemp makes one only with a directory. No
+// need of a loop: the rename refuses a name that is taken.
 std::string workName() {
   constexpr char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
   unsigned char random[6] = {};
@@ -84,6 +85,7 @@ std::unique_ptr<WorkDirectory> WorkDirectory::makeOnce(const std::string &databa
     return nullptr;
   }
   const std::string name = path.substr(database.size() + 1);
+  // Everything from here on is done by descriptors.
   Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags));
   struct stat made {};
   // Somebody else may have put another directory there meanwhile.
@@ -98,14 +100,15 @@ std::unique_ptr<WorkDirectory> WorkDirectory::makeOnce(const std::string &databa
   std::unique_ptr<WorkDirectory> work(
       new WorkDirectory(std::move(parent), std::move(directory), name));
   if (work->hasName(name)) return work;
+  // Removed between mkdtemp and flock, by somebody who took it for a leftover.
   work.reset();
   errno = ENOENT;
   failAttempt("make", path, error);
   return nullptr;
 }
 
-std::unique_ptr<WorkDirectory> WorkDirectory::take(const std::string &database,
-                                                   const std::string &name, std::string *error) {
+std::unique_ptr<WorkDirectory> WorkDirectory::adopt(const std::string &database,
+                                                    const std::string &name, std::string *error) {
   Descriptor parent = openDatabase(database);
   Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags));
   if (!directory.isOpen() || flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -119,6 +122,7 @@ std::unique_ptr<WorkDirectory> WorkDirectory::take(const std::string &database,
 }
 
 WorkDirectory::~WorkDirectory() {
+  // Under its own name alone: another directory may have been put there, which is not ours.
   if (published_ || !hasName(name_)) return;
   if (removeContents(fd()) == 0) unlinkat(database_.get(), name_.c_str(), AT_REMOVEDIR);
 }
@@ -168,12 +172,13 @@ bool WorkDirectory::publishOver(const std::string &name, const struct stat &like
 
 bool WorkDirectory::publishAs(const std::string &name, unsigned flags, const struct stat &like,
                               std::string *error) {
+  // The entries first: after a power failure no version may be seen that lacks some of its files.
   if (fsync(fd()) != 0) return failAttempt("sync", name_, error);
   if (renameat2(database_.get(), name_.c_str(), database_.get(), name.c_str(), flags) != 0) {
     return failAttempt("name", name, error);
   }
   const std::string workedAs = std::exchange(name_, name);
-  // Only now, since what is left of a work directory is known by its owner.
+  // After the rename, since removeLeftovers knows the work directories of this user by their owner.
   [[maybe_unused]] const int owned = fchown(fd(), like.st_uid, like.st_gid);
   if (hasName(name) && fchmod(fd(), like.st_mode & 07777) == 0 && fsync(fd()) == 0 &&
       fsync(database_.get()) == 0) {
@@ -196,7 +201,8 @@ bool WorkDirectory::retract(std::string *error) {
     errno = ENOENT;
     return failAttempt("find", named, error);
   }
-  // Known as a leftover as soon as it has the name, should the process die or the power fail.
+  // Before the rename and on the disk, so that it is known as a leftover as soon as it has the
+  // name, should the process die or the power fail.
   [[maybe_unused]] const int owned = fchown(fd(), geteuid(), getegid());
   const std::string fresh = workName();
   if (fchmod(fd(), 0700) != 0 || fsync(fd()) != 0 ||
@@ -275,6 +281,7 @@ void removeLeftovers(const std::string &database) {
     if (strncmp(entry->d_name, prefix, sizeof prefix - 1) == 0) names.emplace_back(entry->d_name);
   }
   for (const std::string &name : names) {
+    // A lock that can be had tells that the process which made it is dead.
     const Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags | O_NONBLOCK));
     struct stat status {};
     // A directory that others may write to could have been moved there by them.

@@ -19,10 +19,10 @@ class WorkDirectory {
   // Makes an empty one. Null, and *error says why, on failure.
   static std::unique_ptr<WorkDirectory> make(const std::string &database, std::string *error);
 
-  // Takes the directory NAME (a version) away from under its name, at once and for good, to be
-  // removed with its files.
-  static std::unique_ptr<WorkDirectory> take(const std::string &database, const std::string &name,
-                                             std::string *error);
+  // Makes the version NAME a work directory: it loses its name at once and for good, and is removed
+  // with its files by remove() or the destructor.
+  static std::unique_ptr<WorkDirectory> adopt(const std::string &database, const std::string &name,
+                                              std::string *error);
 
   // Removes the directory with the files in it, unless it has a name of its own by then.
   ~WorkDirectory();
@@ -31,7 +31,6 @@ class WorkDirectory {
 
   int fd() const { return directory_.get(); }
   bool isPublished() const { return published_; }
-  const std::string &name() const { return name_; }  // in the database directory
 
   // The same directory for those who take no descriptors. Nobody can change where it leads.
   std::string path() const;
