@@ -467,7 +467,8 @@ void _NQ_dbm_db_expect(NQ_dbm_db *db, uint64_t size) {
   db->table->growth.expect(size);
 }
 
-// The hash of GNU dbm 1.23. It adds plain chars, which have a sign on the processors that we run on.
+// The hash of GNU dbm 1.23. It adds plain chars, which have a sign on the processors that we run
+// on.
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength) {
   const auto *bytes = static_cast<const char *>(key);
   uint32_t hash = 0x238F13AFu * static_cast<uint32_t>(keyLength);
