@@ -17,64 +17,9 @@
 #include "platform/files.h"
 #include "platform/out_of_memory.h"
 #include "platform/table_lock.h"
+#include "platform/table_refusal.h"
 
 namespace {
-
-// The words at the head of a .pag file that say which library can read it.
-struct PageHead {
-  uint32_t magic;
-  uint32_t blockBytes;
-  uint64_t directory;
-  uint32_t directoryBytes;
-  uint32_t directoryBits;
-  uint32_t bucketBytes;
-  uint32_t bucketRecords;
-};
-
-// The two word sizes lay out the same file but for the alignment of offsets in a bucket, so that a
-// bucket of theirs has room for another number of records than one of ours.
-bool isOfOtherWordSize(const PageHead &head) {
-  constexpr uint32_t recordBytes = 24;
-  constexpr uint32_t otherOverhead = sizeof(void *) == 8 ? 108 : 136;
-  return head.bucketBytes > otherOverhead &&
-         head.bucketRecords == (head.bucketBytes - otherOverhead) / recordBytes + 1;
-}
-
-std::string whyNotOpened(const PageHead &head) {
-  constexpr char otherSize[] = "made by a build of the other word size";
-  switch (gdbm_errno) {
-    case GDBM_BAD_MAGIC_NUMBER:
-      return "not a dbm table";
-    case GDBM_BYTE_SWAPPED:
-      return "made on a machine of the other byte order";
-    case GDBM_BAD_FILE_OFFSET:
-      return otherSize;
-    case GDBM_EMPTY_DATABASE:
-      return "the file is empty";
-    case GDBM_BAD_HEADER:
-      return isOfOtherWordSize(head) ? otherSize : "its header is damaged";
-    default:
-      return gdbm_strerror(gdbm_errno);
-  }
-}
-
-// Why the library would refuse the .dir file, which holds nothing but its name and its version;
-// empty when it would not.
-std::string whyNotDirectoryFile(int fd) {
-  unsigned char head[17];
-  if (pread(fd, head, sizeof head, 0) != 16 || memcmp(head, "GDBM", 4) != 0) {
-    return "not the .dir file of a dbm table";
-  }
-  int version[3];
-  for (size_t i = 0; i < 3; ++i) {
-    const unsigned char *word = head + 4 + 4 * i;
-    version[i] = static_cast<int>(uint32_t{word[0]} << 24 | uint32_t{word[1]} << 16 |
-                                  uint32_t{word[2]} << 8 | word[3]);
-  }
-  const int compared = gdbm_version_cmp(version, gdbm_version_number);
-  if (compared == 0) return "";
-  return compared > 0 ? "made by a newer dbm library" : "made by an older dbm library";
-}
 
 // Once the library has met damage, its handle is in need of recovery and does not count any more. A
 // handle of its own has met none yet.
@@ -166,21 +111,20 @@ std::unique_ptr<TableReader> TableReader::openNamed(const std::string &directory
   const std::string pages = path + pageSuffix;
   Descriptor fd(openRegular(pages, O_RDONLY));
   struct stat status {};
-  PageHead head{};
   if (!fd.isOpen() || fstat(fd.get(), &status) != 0) return failByErrno(pages);
   if (demand == Demand::lockedTable && flock(fd.get(), LOCK_SH | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK) return fail(pages, strerror(errno), OpenFailure::unavailable);
     return fail(pages, "held by " + lockHolder(status), OpenFailure::inUse);
   }
-  if (pread(fd.get(), &head, sizeof head, 0) < 0) return failByErrno(pages);
   // Before the library opens the file: it believes what it reads.
   TableStructure structure = readStructure(fd.get());
-  constexpr int flags = GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR;
-  GDBM_FILE file = gdbm_fd_open(fd.release(), pages.c_str(), 0, flags, nullptr);
+  constexpr int flags = GDBM_READER | GDBM_NOLOCK;
+  GDBM_FILE file = gdbm_fd_open(fd.get(), pages.c_str(), 0, flags, nullptr);
   if (file == nullptr) {
     failIfOutOfMemory();
-    return fail(pages, whyNotOpened(head), OpenFailure::damaged);
+    return fail(pages, whyNotPageFile(fd.get()), OpenFailure::damaged);
   }
+  fd.release();
   auto state = std::make_unique<State>(file);
   constexpr uint64_t bytesPerRecord = 24;  // at least: its place in a bucket
   state->mostRecords = static_cast<uint64_t>(status.st_size) / bytesPerRecord;

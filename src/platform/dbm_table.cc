@@ -21,6 +21,7 @@
 #include "platform/report.h"
 #include "platform/table_growth.h"
 #include "platform/table_lock.h"
+#include "platform/table_refusal.h"
 #include "platform/table_structure.h"
 
 struct DbmTable {
@@ -91,14 +92,29 @@ std::string reasonOfFailure() {
   return reason.empty() ? "no reason given" : reason;
 }
 
+// What the library does not say about a table that it has refused; empty when it would take it.
+std::string whyRefused(const std::string &path) {
+  const Descriptor directory(openRegular(path + directorySuffix, O_RDONLY));
+  Descriptor pages(openRegular(path + pageSuffix, O_RDONLY));
+  if (!directory.isOpen() || !pages.isOpen()) return "";
+  const std::string why = whyNotDirectoryFile(directory.get());
+  if (!why.empty()) return why;
+  GDBM_FILE file = gdbm_fd_open(pages.get(), "", 0, GDBM_READER | GDBM_NOLOCK, nullptr);
+  if (file == nullptr) return whyNotPageFile(pages.get());
+  pages.release();
+  gdbm_close(file);
+  return "";
+}
+
 // The one place that tells of a failure of the library: what was tried, on which table and key, and
 // why it failed. A damaged table may fail a million times; the first few say enough.
-void reportFailure(DbmTable *table, const char *attempt, std::string_view key = {}) {
+void reportFailure(DbmTable *table, const char *attempt, std::string_view key = {},
+                   const std::string &reason = reasonOfFailure()) {
   constexpr int most = 20;
   if (table->reported++ >= most) return;
   const std::string where = key.empty() ? "" : ", key " + inHex(key.substr(0, 64));
   NQuLogS(databaseComponent, severityError, "nqw", 1, 0, "Could not %s table \"%s\"%s: %s.%s",
-          attempt, table->path.c_str(), where.c_str(), reasonOfFailure().c_str(),
+          attempt, table->path.c_str(), where.c_str(), reason.c_str(),
           table->reported == most ? " Further failures on this table are not listed." : "");
 }
 
@@ -298,7 +314,10 @@ NQ_dbm_db *_NQ_dbm_db_open(const char *directory, const char *name, int flags, m
   table->encoder = encoder;
   const bool isReadOnly = (flags & O_ACCMODE) == O_RDONLY;
   if (isReadOnly ? !openToRead(table.get()) : !openToChange(table.get(), flags, mode)) {
-    reportFailure(table.get(), "open");
+    const bool isRefused = errno == 0;  // and no call has failed
+    const std::string reason = reasonOfFailure();
+    const std::string refusal = isRefused ? whyRefused(table->path) : "";
+    reportFailure(table.get(), "open", {}, refusal.empty() ? reason : refusal);
     return nullptr;
   }
   // The library would keep every block of keys in memory that it has met, 40 bytes a record. With

@@ -193,7 +193,7 @@ bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, V
     return work->publish(currentName, like, error);
   }
   if (!keeps) {
-    if (!work->replace(currentName, like, error)) return false;
+    if (!work->replace(database, currentName, like, error)) return false;
   } else {
     if (!publishByTime(work, database, before, error)) return false;
     std::string ignored;

@@ -239,10 +239,11 @@ bool WorkDirectory::exchange(const std::string &name, std::string *error) {
   return exchangeNames(database_.get(), name_, name, error);
 }
 
-bool WorkDirectory::replace(const std::string &name, const struct stat &like, std::string *error) {
+bool WorkDirectory::replace(const std::string &database, const std::string &name,
+                            const struct stat &like, std::string *error) {
   // From here on it may be another user's, and so may be what it replaces. Inside a work directory
   // both are still known as a leftover, should the process die.
-  auto enclosing = make("/proc/self/fd/" + std::to_string(database_.get()), error);
+  auto enclosing = make(database, error);
   if (enclosing == nullptr) return false;
   if (renameat2(database_.get(), name_.c_str(), enclosing->fd(), replacedName, RENAME_NOREPLACE) !=
       0) {

@@ -52,10 +52,11 @@ class WorkDirectory {
   // Exchanges the names of this published directory and of another one, at once.
   bool exchange(const std::string &name, std::string *error);
 
-  // Puts it in the place of the directory NAME, at once and with the owner, group and mode of
-  // `like`. What stood there goes with removeReplaced (false, and *error says why, when that
-  // fails), or else with this object.
-  bool replace(const std::string &name, const struct stat &like, std::string *error);
+  // Puts it in the place of the database's directory NAME, at once and with the owner, group and
+  // mode of `like`. What stood there goes with removeReplaced (false, and *error says why, when
+  // that fails), or else with this object.
+  bool replace(const std::string &database, const std::string &name, const struct stat &like,
+               std::string *error);
   bool removeReplaced(std::string *error);
 
   // Takes a published directory's name away again; the destructor will remove it.

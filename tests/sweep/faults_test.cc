@@ -148,7 +148,7 @@ TEST_F(Faults, TheLogOfATerminatedDeletionNamesTheWayBack) {
   long points = 0;
   ASSERT_EQ(runWithFault(command, terminate, 0, &points).status, 0);
   size_t marked = 0;
-  for (const long at : pointsToTry(points)) {
+  for (long at = 1; at <= points; ++at) {
     start.putBack();
     SCOPED_TRACE("point " + std::to_string(at));
     ASSERT_EQ(runWithFault(command, terminate, at).status, 128 + SIGTERM);
@@ -159,7 +159,7 @@ TEST_F(Faults, TheLogOfATerminatedDeletionNamesTheWayBack) {
               isMarked)
         << log;
   }
-  EXPECT_GT(marked, 2u);
+  EXPECT_GT(marked, 10u);
 }
 
 // Counted, not timed: a run over four times the objects takes four times the memory requests, and

@@ -198,6 +198,22 @@ TEST_F(WayBack, OnlyRegularFilesAreTables) {
   EXPECT_THAT(sweep("-m").err, testing::EndsWith(cannotOpen)) << "another user's link";
 }
 
+TEST_F(WayBack, TheLogSaysWhyATableDoesNotOpen) {
+  load(network);
+  saveTables();
+  for (const auto &[damage, reason] :
+       {std::pair<std::string, std::string>{"printf '\\315' | dd of=obj_info.pag conv=notrunc",
+                                            "build of the other word size"},
+        {"seq 6000 >value_info.pag", "not a dbm table"},
+        {"seq 6 >value_info.dir", "not the .dir file of a dbm table"},
+        {"rm value_info.dir; mkdir value_info.dir", "Invalid argument"}}) {
+    putTablesBack();
+    ASSERT_EQ(run("rm -f /usr/NQ/log/*; cd " + currentDir + " && " + damage).status, 0);
+    EXPECT_THAT(sweep("-m").err, testing::EndsWith(cannotOpen)) << damage;
+    EXPECT_THAT(readFile("/usr/NQ/log/nqw.log"), testing::HasSubstr(reason)) << damage;
+  }
+}
+
 // A private database stays private, and nothing that another user has prepared is used.
 TEST_F(WayBack, VersionsAreAsPrivateAsTheirTables) {
   load(network + Lines{rawValue("ff")});
