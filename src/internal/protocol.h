@@ -20,8 +20,3 @@ ProtocolField findProtocolField(const char *name);
 // with two such values stands there twice. The caller releases the list. Null with the errors of
 // objectsWithFieldValue.
 NQwObjectIdList *objectsOfProtocol(uint32_t fieldId);
-
-// The objects whose Boolean field is true, in the order in which a sweep deletes them; an object
-// with two such values stands there twice. The caller releases the list. Null with the errors of
-// objectsWithFieldValue.
-NQwObjectIdList *objectsOfProtocol(uint32_t fieldId);
