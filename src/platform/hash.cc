@@ -9,10 +9,8 @@ _Hash::_Hash(int size, int, int, float)
 _Hash::~_Hash() = default;
 
 uint32_t _Hash::hash(const void *key) const {
-  // Ids are handed out one after the other. The multiplication (by 2^64 over the golden ratio)
-  // spreads them over the places, and its upper half depends on all bits of the key.
-  return static_cast<uint32_t>((uint64_t{reinterpret_cast<uintptr_t>(key)} * 0x9E3779B97F4A7C15u) >>
-                               32);
+  const uint64_t word = reinterpret_cast<uintptr_t>(key);
+  return static_cast<uint32_t>(word ^ (word >> 32));
 }
 
 int _Hash::keyCmp(const void *a, const void *b) const {
@@ -28,10 +26,16 @@ uint32_t _Hash::storedHash(const void *key) const {
   return std::max(hash(key), uint32_t{1});
 }
 
+// The upper bits of a product with 2^32 over the golden ratio: ids that were handed out one after
+// the other lie as far from each other as the places allow.
+size_t _Hash::homeOf(uint32_t hash) const {
+  return (hash * 0x9E3779B9u) >> (33 - std::bit_width(places_.size()));
+}
+
 // Where the key is, or the free place where it would be; there always is one, see insert. Comparing
 // the hashes first spares most comparisons of strings.
 size_t _Hash::placeOf(const void *key, uint32_t hash) const {
-  size_t place = hash & (places_.size() - 1);
+  size_t place = homeOf(hash);
   while (places_[place].hash_ != 0 &&
          (places_[place].hash_ != hash || keyCmp(places_[place].key_, key) != 0)) {
     place = next(place);
@@ -40,7 +44,7 @@ size_t _Hash::placeOf(const void *key, uint32_t hash) const {
 }
 
 void _Hash::insert(void *key, void *data) {
-  if (size_ >= places_.size() / 4 * 3) grow();  // fuller, linear probing has to walk too far
+  if ((size_ + 1) * 8 > places_.size() * 7) grow();  // fuller, probing has to walk too far
   const uint32_t keyHash = storedHash(key);
   _HashItem &item = places_[placeOf(key, keyHash)];
   if (item.hash_ == 0) ++size_;
@@ -55,7 +59,7 @@ _HashItem *_Hash::find(void *key) const {
 }
 
 void _Hash::prefetch(const void *key) const {
-  __builtin_prefetch(&places_[storedHash(key) & (places_.size() - 1)]);
+  __builtin_prefetch(&places_[homeOf(storedHash(key))]);
 }
 
 void _Hash::remove(void *key) {
@@ -65,7 +69,7 @@ void _Hash::remove(void *key) {
   // "removed" would be simpler, and would make every later search walk over it.
   for (size_t place = next(hole); places_[place].hash_ != 0; place = next(place)) {
     const size_t mask = places_.size() - 1;
-    const size_t fromFirst = (place - places_[place].hash_) & mask;
+    const size_t fromFirst = (place - homeOf(places_[place].hash_)) & mask;
     if (fromFirst < ((place - hole) & mask)) continue;
     places_[hole] = places_[place];
     hole = place;
@@ -80,7 +84,7 @@ void _Hash::grow() {
   places_.swap(places);
   for (const _HashItem &item : places) {
     if (item.hash_ == 0) continue;
-    size_t place = item.hash_ & (places_.size() - 1);
+    size_t place = homeOf(item.hash_);
     while (places_[place].hash_ != 0) place = next(place);
     places_[place] = item;
   }

@@ -61,10 +61,11 @@ class _Hash {
 
   uint32_t storedHash(const void *key) const;
   size_t next(size_t place) const { return (place + 1) & (places_.size() - 1); }
+  size_t homeOf(uint32_t hash) const;
   size_t placeOf(const void *key, uint32_t hash) const;
   void grow();
 
-  std::vector<_HashItem> places_;  // a power of two, at most three quarters of them taken
+  std::vector<_HashItem> places_;  // a power of two, at most seven eighths of them taken
   size_t size_ = 0;
 };
 
