@@ -1,5 +1,6 @@
-// Keys whose deletion from a table is held back, in the order in which they came, and a hash index
-// over them. Takes about 20 bytes a key besides its characters.
+// Keys whose deletion from a table is held back, in the order in which they came. A key takes 4
+// bytes beside its own. The first look for one makes an index of 8 to 16 bytes a key; a table whose
+// keys are deleted and never looked for has none.
 #pragma once
 
 #include <cstdint>
@@ -14,62 +15,68 @@ class HeldDeletions {
   using Hash = uint32_t (*)(std::string_view key);
   explicit HeldDeletions(Hash hash) : hash_(hash) {}
 
-  bool empty() const { return count_ == 0; }
+  bool empty() const { return bytes_.empty(); }
 
   void add(std::string_view key) {
-    if (contains(key)) return;
-    if (2 * (count_ + 1) > slots_.size()) grow();  // at most half full, so that probing stays short
-    const uint64_t start = bytes_.size();
+    const size_t start = bytes_.size();
     const auto length = static_cast<uint32_t>(key.size());
     bytes_.append(reinterpret_cast<const char *>(&length), sizeof length);
     bytes_.append(key);
+    bytes_.append(spaceOf(start) - (bytes_.size() - start), '\0');
     ++count_;
-    slots_[freeSlot(key)] = start + 1;
+    if (!slots_.empty()) enter(start);
   }
 
-  bool contains(std::string_view key) const {
-    if (slots_.empty()) return false;
-    for (size_t slot = homeOf(key); slots_[slot] != 0; slot = next(slot)) {
-      if (keyAt(slots_[slot] - 1) == key) return true;
-    }
-    return false;
+  bool contains(std::string_view key) {
+    if (bytes_.empty()) return false;
+    if (slots_.empty()) makeIndex();
+    return slots_[slotOf(key)] != 0;
   }
 
-  // All of them. They last as long as this does.
+  // All of them, each as often as it came. They last until the next call of add.
   std::vector<std::string_view> keys() const {
     std::vector<std::string_view> all;
     all.reserve(count_);
-    for (uint64_t at = 0; at < bytes_.size(); at += sizeof(uint32_t) + all.back().size()) {
-      all.push_back(keyAt(at));
-    }
+    for (size_t at = 0; at < bytes_.size(); at += spaceOf(at)) all.push_back(keyAt(at));
     return all;
   }
 
  private:
-  std::string_view keyAt(uint64_t start) const {
+  static constexpr size_t step = 4;  // bytes; each key starts at a multiple
+
+  std::string_view keyAt(size_t start) const {
     uint32_t length = 0;
     memcpy(&length, &bytes_[start], sizeof length);
     return {&bytes_[start + sizeof length], length};
   }
-  size_t homeOf(std::string_view key) const { return hash_(key) & (slots_.size() - 1); }
-  size_t next(size_t slot) const { return (slot + 1) & (slots_.size() - 1); }
-  size_t freeSlot(std::string_view key) const {
-    size_t slot = homeOf(key);
-    while (slots_[slot] != 0) slot = next(slot);
+  size_t spaceOf(size_t start) const {
+    return (sizeof(uint32_t) + keyAt(start).size() + step - 1) / step * step;
+  }
+  // Where the key is, or the free slot where it would be.
+  size_t slotOf(std::string_view key) const {
+    const size_t mask = slots_.size() - 1;
+    size_t slot = hash_(key) & mask;
+    while (slots_[slot] != 0 && keyAt((slots_[slot] - 1) * step) != key) slot = (slot + 1) & mask;
     return slot;
   }
-  void grow() {
-    constexpr size_t smallest = 64;
-    slots_.assign(slots_.empty() ? smallest : 2 * slots_.size(), 0);
-    for (uint64_t at = 0; at < bytes_.size();) {
-      const std::string_view key = keyAt(at);
-      slots_[freeSlot(key)] = at + 1;
-      at += sizeof(uint32_t) + key.size();
+  void enter(size_t start) {
+    if (2 * count_ > slots_.size()) {
+      makeIndex();
+    } else {
+      slots_[slotOf(keyAt(start))] = static_cast<uint32_t>(start / step + 1);
+    }
+  }
+  void makeIndex() {
+    size_t size = 64;
+    while (size < 2 * count_) size *= 2;
+    slots_.assign(size, 0);
+    for (size_t at = 0; at < bytes_.size(); at += spaceOf(at)) {
+      slots_[slotOf(keyAt(at))] = static_cast<uint32_t>(at / step + 1);
     }
   }
 
   Hash hash_;
   size_t count_ = 0;
   std::string bytes_;            // each key after its length
-  std::vector<uint64_t> slots_;  // a power of two of them: start of a key in bytes_ + 1; 0 is free
+  std::vector<uint32_t> slots_;  // a power of two of them: start of a key in steps + 1; 0 is free
 };
