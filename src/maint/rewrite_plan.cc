@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <memory>
+#include <new>
 #include <set>
 #include <utility>
 #include <vector>
 
 #include "internal/object_walk.h"
 #include "maint/run.h"
+#include "platform/arena.h"
 #include "records/value_table.h"
 #include "store/name_table.h"
 
@@ -20,23 +23,35 @@ const char *nameOf(const CachedValue *item) {
   return (item->field->flags & nameFieldFlag) != 0 ? singleString(item->value) : nullptr;
 }
 
-// Values that go to the same place in a table one after the other are stored that way, which is
-// cheapest. They are planned in groups by the upper bits of that order, and each group is sorted
-// when its turn comes: until then a value takes no more than a pointer.
+// Values whose places in the table follow each other are stored one after the other, which is
+// cheapest. They are planned in groups by the upper bits of that order, each a chain of blocks, and
+// a group is sorted when its turn comes: until then a value takes little more than a pointer.
+struct Block {
+  Block *older;
+  std::array<const CachedValue *, 15> values;
+};
+
+struct Group {
+  Block *newest = nullptr;
+  uint32_t count = 0;  // of its values; only the newest block may have room left
+};
+
+using Values = std::vector<const CachedValue *>;
+
 struct Plan {
-  std::vector<const CachedValue *> names;   // newest object first, in the order of its list
-  std::vector<const CachedValue *> values;  // group after group, each in the order of the names
-  std::vector<size_t> groupEnds;
-  int groupShift = 0;                              // from an order to its group
-  std::vector<std::pair<uint32_t, size_t>> group;  // the order and place of each value of one
-  std::array<uint64_t, 3> fileSizes{};             // of the rebuilt tables as they were
-  uint32_t overwritten = 0;                        // by a later value of the object
+  Values names;  // newest object first, in the order of its list
+  std::vector<Group> groups;
+  int groupShift = 0;  // from an order to its group
+  std::unique_ptr<Arena> blocks;
+  std::array<Values, 3> next;                       // the groups that are stored next
+  std::vector<std::pair<uint32_t, size_t>> sorted;  // order and place of each value of one
+  std::array<uint64_t, 3> fileSizes{};              // of the rebuilt tables as they were
+  uint32_t overwritten = 0;                         // by a later value of the object
 };
 Plan plan;
 
 constexpr int orderBits = 31;
-// Small enough that sorting a group stays in the processor's cache; 2^20 groups take 8 MB.
-constexpr size_t groupSize = 16;  // about
+constexpr size_t groupSize = 64;  // about; three groups fit into the nearest cache
 
 uint32_t orderOf(const CachedValue *item) {
   TableKey key;
@@ -44,8 +59,11 @@ uint32_t orderOf(const CachedValue *item) {
   return _NQ_dbm_db_order(key.bytes, key.length);
 }
 
-size_t groupOf(const CachedValue *item) {
-  return orderOf(item) >> plan.groupShift;
+void addToGroup(const CachedValue *item) {
+  Group &group = plan.groups[orderOf(item) >> plan.groupShift];
+  const size_t place = group.count++ % Block().values.size();
+  if (place == 0) group.newest = new (plan.blocks->take(sizeof(Block))) Block{group.newest, {}};
+  group.newest->values[place] = item;
 }
 
 // How many of the values go to the same key as an earlier one, which then keeps only the later.
@@ -61,63 +79,59 @@ uint32_t countOverwritten(const std::vector<CachedValue *> &values) {
   return static_cast<uint32_t>(values.size() - keys.size());
 }
 
-// Counts the values of each group, and notes the names.
-void countValues() {
-  forEachObject(ObjValCache, [](ObjCacheEntry *, const std::vector<CachedValue *> &values) {
-    plan.overwritten += countOverwritten(values);
-    for (const CachedValue *item : values) {
-      if (nameOf(item) != nullptr) {
-        plan.names.push_back(item);
-      } else {
-        ++plan.groupEnds[groupOf(item)];
-      }
+void addObject(const std::vector<CachedValue *> &values) {
+  constexpr size_t ahead = 8;  // an object of many fields has definitions all over the memory
+  plan.overwritten += countOverwritten(values);
+  for (size_t i = 0; i < values.size(); ++i) {
+    if (i + ahead < values.size()) __builtin_prefetch(values[i + ahead]->field);
+    if (nameOf(values[i]) != nullptr) {
+      plan.names.push_back(values[i]);
+    } else {
+      addToGroup(values[i]);
     }
-  });
-}
-
-void groupValues() {
-  const size_t largest = *std::max_element(plan.groupEnds.begin(), plan.groupEnds.end());
-  size_t count = 0;
-  for (size_t &group : plan.groupEnds) count += std::exchange(group, count);
-  plan.values.resize(count);
-  plan.group.reserve(largest);
-  // Each group's start becomes its end.
-  forEachObject(ObjValCache, [](ObjCacheEntry *, const std::vector<CachedValue *> &values) {
-    for (const CachedValue *item : values) {
-      if (nameOf(item) == nullptr) plan.values[plan.groupEnds[groupOf(item)]++] = item;
-    }
-  });
-}
-
-// Table order is random in memory, so what comes next is prefetched: a value's record first, half
-// way there what the record points at.
-void fetchAhead(size_t i) {
-  constexpr size_t ahead = 64;
-  if (i + ahead < plan.values.size()) {
-    const CachedValue *item = plan.values[i + ahead];
-    __builtin_prefetch(item);
-    __builtin_prefetch(reinterpret_cast<const char *>(item) - sizeof(NQwFieldValue));
   }
-  if (i + ahead / 2 < plan.values.size()) {
-    const CachedValue *item = plan.values[i + ahead / 2];
+}
+
+// Storing must not take memory any more.
+void reserveForStoring() {
+  size_t largest = 0;
+  for (const Group &group : plan.groups) largest = std::max<size_t>(largest, group.count);
+  for (Values &values : plan.next) values.reserve(largest);
+  plan.sorted.reserve(largest);
+}
+
+// The order is random in memory, so that a group's values are fetched two groups ahead, and what
+// they point at one group ahead.
+void fetchValues(const Group &group, Values &values) {
+  values.resize(group.count);
+  size_t place = group.count;
+  for (const Block *block = group.newest; block != nullptr; block = block->older) {
+    do {
+      const CachedValue *item = block->values[--place % block->values.size()];
+      values[place] = item;
+      __builtin_prefetch(item);
+      __builtin_prefetch(reinterpret_cast<const char *>(item) - sizeof(NQwFieldValue));
+    } while (place % block->values.size() != 0);
+  }
+}
+
+void fetchParts(const Values &values) {
+  for (const CachedValue *item : values) {
     __builtin_prefetch(item->objectId);
     const char *text = singleString(item->value);
     if (text != nullptr) __builtin_prefetch(text);
   }
 }
 
-// Stores one group. Of two values with one key the later has the higher place, is stored last, and
-// stays. Returns how many stores fail.
-uint32_t storeGroup(ObjectDatabase *db, size_t start, size_t end) {
-  plan.group.clear();
-  for (size_t i = start; i < end; ++i) {
-    fetchAhead(i);
-    plan.group.emplace_back(orderOf(plan.values[i]), i);
-  }
-  std::sort(plan.group.begin(), plan.group.end());
+// Of two values with one key the later has the higher place, is stored last, and stays. Returns how
+// many stores fail.
+uint32_t storeValues(ObjectDatabase *db, const Values &values) {
+  plan.sorted.clear();
+  for (size_t i = 0; i < values.size(); ++i) plan.sorted.emplace_back(orderOf(values[i]), i);
+  std::sort(plan.sorted.begin(), plan.sorted.end());
   uint32_t failed = 0;
-  for (const auto &[order, place] : plan.group) {
-    const CachedValue *item = plan.values[place];
+  for (const auto &[order, place] : plan.sorted) {
+    const CachedValue *item = values[place];
     if (putValueObject(db, *item->objectId, item->field->fieldId, item->value) < 0) ++failed;
   }
   return failed;
@@ -136,10 +150,12 @@ uint32_t planRewrite() {
   }
   const int groupBits = std::min(static_cast<int>(std::bit_width(values / groupSize)), 20);
   plan = {};
+  plan.blocks = std::make_unique<Arena>();
   plan.groupShift = orderBits - groupBits;
-  plan.groupEnds.resize(size_t{1} << groupBits);
-  countValues();
-  groupValues();
+  plan.groups.resize(size_t{1} << groupBits);
+  forEachObject(ObjValCache,
+                [](ObjCacheEntry *, const std::vector<CachedValue *> &all) { addObject(all); });
+  reserveForStoring();
   const auto tables = rebuiltTables(runDb);
   std::transform(tables.begin(), tables.end(), plan.fileSizes.begin(), _NQ_dbm_db_size);
   return plan.overwritten;
@@ -155,10 +171,14 @@ uint32_t storePlanned(ObjectDatabase *db) {
   // These two have all their records; their mapped files would take memory for nothing.
   _NQ_dbm_db_stop_buffering(db->objInfoDb);
   _NQ_dbm_db_stop_buffering(db->nameInfoDb);
-  size_t start = 0;
-  for (const size_t end : plan.groupEnds) {
-    lost += storeGroup(db, start, end);
-    start = end;
+  const size_t groups = plan.groups.size();
+  const auto nextOf = [](size_t group) -> Values & { return plan.next[group % plan.next.size()]; };
+  for (size_t step = 0; step < groups + 2; ++step) {
+    if (step < groups) fetchValues(plan.groups[step], nextOf(step));
+    if (step >= 1 && step <= groups) fetchParts(nextOf(step - 1));
+    // The places of the first half of the order are parts of the file that nothing else goes to.
+    if (step == groups / 2) _NQ_dbm_db_release_pages(db->valueInfoDb);
+    if (step >= 2) lost += storeValues(db, nextOf(step - 2));
   }
   return lost;
 }

@@ -486,6 +486,14 @@ void _NQ_dbm_db_expect(NQ_dbm_db *db, uint64_t size) {
   db->table->growth.expect(size);
 }
 
+void _NQ_dbm_db_release_pages(NQ_dbm_db *db) {
+  constexpr uint64_t worthIt = uint64_t{32} * 1024 * 1024;
+  if (_NQ_dbm_db_size(db) < worthIt) return;
+  if (db->table->buffering == 0 || db->table->growth.wasTrimmed()) return;
+  mapFile(db->table, 0);
+  mapFile(db->table, 1);
+}
+
 // The hash of GNU dbm 1.23. It adds plain chars, which have a sign on the processors that we run
 // on.
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength) {

@@ -129,6 +129,10 @@ void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db);
 uint64_t _NQ_dbm_db_size(const NQ_dbm_db *db);
 void _NQ_dbm_db_expect(NQ_dbm_db *db, uint64_t size);
 
+// Under bulk access: writes out a large table's mapped file and gives up its pages in memory. For a
+// caller who has made many changes in places to which it will not come back.
+void _NQ_dbm_db_release_pages(NQ_dbm_db *db);
+
 // Bulk changes are cheapest in ascending order of this number (the library's hash of the key):
 // their places in the file then follow each other. Only a hint: any order has the same result.
 uint32_t _NQ_dbm_db_order(const void *key, size_t keyLength);
