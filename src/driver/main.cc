@@ -1,5 +1,6 @@
 // dbsweep: deletes objects from the platform's object database and rewrites its tables.
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <clocale>
@@ -76,6 +77,9 @@ int main(int argc, char **argv) {
   std::atexit(sayLastWords);  // many functions below end the process with exit
   openStandardStreams();      // before the first message
   setlocale(LC_ALL, "");
+  // What is large goes back to the system when it is freed. Without this malloc raises the limit
+  // as it meets such pieces.
+  mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   const char *programName = programNameOf(argc > 0 ? argv[0] : "dbsweep");
   if (geteuid() != 0) {
     fprintf(stderr, "%s: must be run as super-user\n", programName);

@@ -62,15 +62,20 @@ void order(FieldValList *list, std::vector<CachedValue *> &asTheyCame) {
 
 }  // namespace
 
-void BulkLoad::add(uint32_t objectId, FieldCacheEntry *field, CachedValue *item) {
+void BulkLoad::add(uint32_t objectId, uint32_t fieldId, CachedValue *item) {
   ObjValCache->announce(objectId);
+  FieldInfoCache->announce(fieldId);
   Waiting &next = waiting_[added_ % waiting_.size()];
   enter(next);
-  next = {objectId, field, item, nullptr, true};
+  next = {objectId, fieldId, item, nullptr, nullptr, true};
   ++added_;
   Waiting &second = before(distance);
-  if (second.isWaiting) second.object = ObjValCache->look(second.objectId);
+  if (second.isWaiting) {
+    second.object = ObjValCache->look(second.objectId);
+    second.field = FieldInfoCache->find(second.fieldId);
+  }
   if (second.object != nullptr) __builtin_prefetch(second.object, 1);
+  if (second.field != nullptr) __builtin_prefetch(second.field->values, 1);
   const Waiting &third = before(2 * distance);
   if (third.object != nullptr) ObjTable::announceChange(third.object);
 }
@@ -85,9 +90,14 @@ void BulkLoad::enter(Waiting &waiting) {
     object = ObjValCache->find(waiting.objectId);
     if (object == nullptr) object = newStoredObject(waiting.objectId);
   }
-  FieldCacheEntry *field = waiting.field;
-  if (field == nullptr) return;
   CachedValue *item = waiting.item;
+  if (item == nullptr) return;
+  FieldCacheEntry *field = waiting.field;
+  if (field == nullptr) field = FieldInfoCache->find(waiting.fieldId);  // the last few, at the end
+  if (field == nullptr) {
+    leftOut_->push_back(waiting.objectId);
+    return;
+  }
   item->field = field->info;
   appendStoredValue(object, item);
   field->values->insert(item);

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "internal/caches.h"
 
@@ -12,17 +13,19 @@
 // result is the same, including every order that can be observed.
 //
 // Records come in hash order, so consecutive values belong to different objects. A value therefore
-// waits a few turns between being added and being entered, while its object is fetched from memory.
+// waits a few turns between being added and being entered, while its object and its field are
+// fetched from memory.
 // Values are entered in the order in which they came.
 class BulkLoad {
  public:
-  BulkLoad() = default;
+  // Notes the object of each value whose field has no definition.
+  explicit BulkLoad(std::vector<uint32_t> *leftOut) : leftOut_(leftOut) {}
   BulkLoad(const BulkLoad &) = delete;
   BulkLoad &operator=(const BulkLoad &) = delete;
 
-  // Makes the object the newest and enters the value (stored_values.h). With a null field the
-  // object is there all the same, and the item is ignored.
-  void add(uint32_t objectId, FieldCacheEntry *field, CachedValue *item);
+  // Makes the object the newest and enters the value (stored_values.h). Without a definition of the
+  // field, or with a null item, the object is there all the same.
+  void add(uint32_t objectId, uint32_t fieldId, CachedValue *item);
 
   // Enters what waits and puts the lists in order. Called once, after the last value.
   void finish();
@@ -30,9 +33,10 @@ class BulkLoad {
  private:
   struct Waiting {
     uint32_t objectId;
-    FieldCacheEntry *field;
+    uint32_t fieldId;
     CachedValue *item;
-    ObjCacheEntry *object;  // null while it is not known
+    FieldCacheEntry *field;  // null while it is not known
+    ObjCacheEntry *object;   // likewise
     bool isWaiting;
   };
   static constexpr size_t steps = 3;
@@ -41,8 +45,9 @@ class BulkLoad {
   Waiting &before(size_t count) {
     return waiting_[(added_ + waiting_.size() - count) % waiting_.size()];
   }
-  static void enter(Waiting &waiting);
+  void enter(Waiting &waiting);
 
+  std::vector<uint32_t> *leftOut_;
   std::array<Waiting, steps * distance> waiting_{};
   size_t added_ = 0;
 };

@@ -67,6 +67,8 @@ class FieldTable : public _Hash {
 
   void insert(FieldCacheEntry *entry);
   FieldCacheEntry *find(uint32_t fieldId) const;  // null when absent
+  // Starts to fetch from memory what a find of the field will need soon.
+  void announce(uint32_t fieldId) const { prefetch(wordKey(fieldId)); }
   // The entry becomes the caller's. For programs that take definitions away, which none here does.
   void remove(uint32_t fieldId);
 };

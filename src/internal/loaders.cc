@@ -23,12 +23,6 @@ namespace {
 constexpr int smallIndex = 200;
 constexpr float growthFactor = 0.333f;
 
-template <typename Copy>
-Copy *copiedOrEnd(Copy *copy) {
-  if (copy == nullptr) failForWantOfMemory();
-  return copy;
-}
-
 bool isCachedObject(uint32_t objectId) {
   return ObjValCache->isIn(objectId) != 0;
 }
@@ -62,26 +56,13 @@ class LossWatch {
 
 // Adds a single value that was read in place.
 void addView(BulkLoad *load, const RecordView &view) {
-  FieldCacheEntry *field = FieldInfoCache->find(view.fieldId);
-  CachedValue *item = nullptr;
-  if (field == nullptr) {
-    loadLosses.leftOut.push_back(view.objectId);
-  } else {
-    item = view.hasText ? storeText(ObjValCache, view.text) : storeValue(ObjValCache, view.value);
-  }
-  load->add(view.objectId, field, item);
-}
-
-void addDecoded(BulkLoad *load, const dbObjectValue &record) {
-  FieldCacheEntry *field = FieldInfoCache->find(record.fieldId);
-  if (field == nullptr) loadLosses.leftOut.push_back(record.objectId);
-  load->add(record.objectId, field,
-            field == nullptr ? nullptr : storeValue(ObjValCache, *record.value));
+  load->add(view.objectId, view.fieldId,
+            view.hasText ? storeText(ObjValCache, view.text) : storeValue(ObjValCache, view.value));
 }
 
 void loadAllNames(ObjectDatabase *db) {
   LossWatch losses;
-  BulkLoad load;
+  BulkLoad load(&loadLosses.leftOut);
   loadLosses.unreadable += forEachStored(db->objInfoDb, [&](std::string_view bytes) {
     RecordView view;
     if (viewDbObject(bytes, &view)) {
@@ -101,7 +82,7 @@ void loadAllNames(ObjectDatabase *db) {
 // Both data formats decode to the same records.
 void loadAllValues(ObjectDatabase *db) {
   LossWatch losses;
-  BulkLoad load;
+  BulkLoad load(&loadLosses.leftOut);
   loadLosses.unreadable += forEachStored(db->valueInfoDb, [&](std::string_view bytes) {
     RecordView view;
     if (viewDbObjectValue(bytes, &view)) {
@@ -111,7 +92,7 @@ void loadAllValues(ObjectDatabase *db) {
     auto *record = static_cast<dbObjectValue *>(_NQ_dbm_db_decode(db->valueInfoDb, bytes));
     if (record == nullptr) return false;
     losses.look(record->objectId, record->fieldId);
-    addDecoded(&load, *record);
+    load.add(record->objectId, record->fieldId, storeValue(ObjValCache, *record->value));
     freeDbObjectValue(record);
     return true;
   });
@@ -184,8 +165,8 @@ int buildFieldInfoTable(ObjectDatabase *db) {
   SFieldInfoCache = new FieldTable(200, 0, 3, growthFactor);
   _NQ_dbm_db_start_buffering(db->fieldInfoDb, db->bufferCount);
   loadLosses.unreadable += forEachRecord<dbFieldInfo>(db->fieldInfoDb, [](dbFieldInfo *record) {
-    addFieldInfo(copiedOrEnd(_NQwDbCopyFieldInfo(record->fieldInfo)));
-    freeDbFieldInfo(record);
+    addFieldInfo(record->fieldInfo);  // which takes it over
+    free(record);
   });
   _NQ_dbm_db_stop_buffering(db->fieldInfoDb);
   return 1;

@@ -33,19 +33,18 @@ bool readOwner(std::string_view bytes, RecordOwner *owner) {
 }  // namespace
 
 void loadSelectedValues(ObjectDatabase *db, const WantsValue &wants, bool allObjects) {
-  BulkLoad load;
+  std::vector<uint32_t> leftOut;  // of no interest here
+  BulkLoad load(&leftOut);
   loadLosses.unreadable += forEachStored(db->valueInfoDb, [&](std::string_view bytes) {
     RecordOwner owner{};
     if (!readOwner(bytes, &owner)) return false;
     if (!wants(owner.objectId, owner.fieldId)) {
-      if (allObjects) load.add(owner.objectId, nullptr, nullptr);
+      if (allObjects) load.add(owner.objectId, owner.fieldId, nullptr);
       return true;
     }
     auto *record = static_cast<dbObjectValue *>(_NQ_dbm_db_decode(db->valueInfoDb, bytes));
     if (record == nullptr) return false;
-    FieldCacheEntry *field = FieldInfoCache->find(record->fieldId);
-    load.add(record->objectId, field,
-             field == nullptr ? nullptr : storeValue(ObjValCache, *record->value));
+    load.add(record->objectId, record->fieldId, storeValue(ObjValCache, *record->value));
     freeDbObjectValue(record);
     return true;
   });

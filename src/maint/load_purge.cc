@@ -116,7 +116,8 @@ void openForRun(int dflag, int pflag, int mflag) {
   if (runDb == nullptr) endUnopened();
   directoryFailure = nullptr;
   noteMissing(absent);
-  if (runDb->fieldList == nullptr) loadFieldList(runDb);
+  // It serves objects that a limit leaves out of the caches.
+  if (runDb->fieldList == nullptr && max_objects_cached != 0) loadFieldList(runDb);
 }
 
 void fillCaches(int mflag) {

@@ -12,8 +12,9 @@
 namespace {
 
 // Each block is twice as large as the one before: a small database takes little, and a large one
-// few calls of malloc.
-constexpr size_t smallestBlock = size_t{32} * 1024;
+// few calls of malloc. Even the first is large enough for a mapping of its own: to free a large
+// piece of its heap, malloc would first put together all small ones that are free.
+constexpr size_t smallestBlock = size_t{256} * 1024;
 constexpr size_t largestBlock = size_t{16} * 1024 * 1024;
 
 // Huge pages save most page faults and most misses of the address cache (TLB). Both cost much here,
