@@ -17,7 +17,10 @@ bool writeTable(const std::string &directory, size_t table, const RecordViews &r
   // In the order that is cheapest for the library (dbm_table.h).
   std::vector<std::pair<uint32_t, const RecordViews::value_type *>> stores;
   stores.reserve(records.size());
+  constexpr uint64_t besides = 48;  // bytes of a record's entry in blocks that are not all full
+  uint64_t size = 0;
   for (const auto &record : records) {
+    size += record.first.size() + record.second.size() + besides;
     stores.emplace_back(_NQ_dbm_db_order(record.first.data(), record.first.size()), &record);
   }
   {
@@ -27,6 +30,7 @@ bool writeTable(const std::string &directory, size_t table, const RecordViews &r
   }
   bool stored = true;
   std::optional<Phase> phase(std::in_place, std::string("writing ") + format.name, stores.size());
+  _NQ_dbm_db_expect(db, size);
   _NQ_dbm_db_start_buffering(db, UINT32_MAX);
   for (const auto &[order, record] : stores) {
     // After a failure nothing more is stored: the table is given up.
