@@ -224,6 +224,8 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
        true},
       {"rm -r current; objdb archive", 2, "it holds no table; nothing was archived", 1, true},
       {"rm current/value_info.*; objdb archive --partial", 0, "", 2, true},
+      {"rm current/value_info.dir; objdb archive --partial", 2, "value_info.dir\": No such file", 1,
+       true},
       {"objdb archive --dir $PWD/current", 2, "is a version; --dir names the directory above", 1},
       {"objdb versions --dir $PWD/nothing", 2, "no database directory", 1},
       {"rm $V/value_info.*; objdb restore $V", 2, "not whole: table value_info is missing", 1},
