@@ -3,10 +3,15 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <utility>
+
 #include "internal/iNameToOID.h"
 #include "internal/loaders.h"
 #include "maint/delete_object.h"
+#include "maint/rewrite_plan.h"
+#include "maint/run.h"
 #include "store/shared_database.h"
+#include "store/tables.h"
 #include "support.h"
 
 namespace {
@@ -60,6 +65,26 @@ TEST_F(Maintenance, AFailingTableLeavesTheRestOfTheObject) {
   _NQ_dbm_db_close(db->valueInfoDb);
   db->valueInfoDb = writable;
   EXPECT_EQ(_nqwDbDeleteObject(1), 0);
+}
+
+TEST_F(Maintenance, EveryValueThatCannotBeStoredIsCounted) {
+  load(network);
+  runDb = loadCaches();
+  planRewrite();
+  const struct {
+    size_t table;
+    uint32_t values;
+  } cases[] = {{objInfo, 2}, {nameInfo, 2}, {valueInfo, 5}};
+  for (const auto &[table, values] : cases) {
+    const TableFormat &format = tableFormats[table];
+    NQ_dbm_db *writable = tableOf(runDb, table);
+    tableOf(runDb, table) =
+        _NQ_dbm_db_open(currentDir.c_str(), format.name, O_RDONLY, 0, format.decode, format.encode);
+    EXPECT_EQ(storePlanned(runDb), values) << format.name;
+    _NQ_dbm_db_close(std::exchange(tableOf(runDb, table), writable));
+  }
+  EXPECT_EQ(storePlanned(runDb), 0u);
+  runDb = nullptr;
 }
 
 }  // namespace

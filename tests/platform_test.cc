@@ -14,6 +14,7 @@
 #include "platform/paths.h"
 #include "platform/report.h"
 #include "platform/strings.h"
+#include "platform/table_lock.h"
 #include "platform/table_structure.h"
 #include "records/codecs.h"
 #include "support.h"
@@ -145,9 +146,10 @@ TEST_F(Platform, DirectoriesAreMadeWithTheirParents) {
 }
 
 TEST_F(Platform, ReportsAreSingleLinesAndNeverFail) {
-  NQuLogS(85, 8, "nqw", 1, 0, "two\nlines of %s", std::string(5000, 'x').c_str());
+  EXPECT_EQ(NQwError(), 0) << "none was reported";
+  NQuLogS(85, 8, "nqw", 1, 0, "two\r\nlines of %s", std::string(5000, 'x').c_str());
   const std::string log = readFile("/usr/NQ/log/nqw.log");
-  EXPECT_THAT(log, HasSubstr(" 85 8 nqw two\\nlines of xxx"));
+  EXPECT_THAT(log, HasSubstr(" 85 8 nqw two\\r\\nlines of xxx"));
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1);
   symlink("/usr/NQ/tmp/elsewhere", "/usr/NQ/log/nqw.trace");
   errno = 77;
@@ -245,6 +247,12 @@ TEST_F(Platform, LocksBelongToTheProcessAndItsLastHandle) {
   EXPECT_FALSE(lockElsewhere("t")) << "closing one handle dropped the other's lock";
   _NQ_dbm_db_close(second);
   EXPECT_TRUE(lockElsewhere("t"));
+
+  NQ_dbm_db *replaced = open("t");
+  run("cd /usr/NQ/tmp && mv t.pag other.pag && cp other.pag t.pag");
+  EXPECT_LT(_NQ_lock_dbm_db(replaced, 0), 0) << "what stands there now is another file";
+  _NQ_dbm_db_close(replaced);
+  EXPECT_FALSE(TableLock().acquire("/usr/NQ/tmp/absent.pag"));
 }
 
 TEST_F(Platform, WhatIsNoTableDoesNotOpen) {

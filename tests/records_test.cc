@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -12,6 +13,7 @@
 #include "support.h"
 
 static int allocationsLeft = -1;  // until one fails; negative when none does
+static size_t largestAllocation = 0;
 
 // In front of the C library's and of the address sanitizer's, for every library in the process.
 extern "C" {
@@ -19,6 +21,7 @@ void *__libc_calloc(size_t count, size_t size);
 [[gnu::weak]] void *__interceptor_calloc(size_t count, size_t size);
 
 void *calloc(size_t count, size_t size) noexcept {
+  largestAllocation = std::max(largestAllocation, count * size);
   if (allocationsLeft >= 0 && allocationsLeft-- == 0) return nullptr;
   return (__interceptor_calloc != nullptr ? __interceptor_calloc : __libc_calloc)(count, size);
 }
@@ -110,8 +113,9 @@ TEST(Records, NoTruncatedRecordDecodes) {
 }
 
 // Every word of every record replaced by values that a damaged file may hold: nothing but a refusal
-// or a record may come of it.
+// or a record may come of it, and no more memory be asked for than the record may take.
 TEST(Records, NoDamagedWordIsFollowed) {
+  largestAllocation = 0;
   for (const Golden &golden : goldens) {
     const StoredRecord record = recordFromJson(Json::parse(golden.line));
     for (size_t at = 0; at < record.bytes.size(); at += 4) {
@@ -123,6 +127,7 @@ TEST(Records, NoDamagedWordIsFollowed) {
       }
     }
   }
+  EXPECT_LT(largestAllocation, 1'000'000u);
 }
 
 TEST(Records, OtherVersionsAndTypesAreRefused) {

@@ -1,12 +1,15 @@
 // Opening and seeding databases, the shared handle, archived versions, names.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <utility>
 
+#include "records/codecs.h"
 #include "records/field_codec.h"
 #include "records/value_table.h"
 #include "store/directory.h"
@@ -14,6 +17,7 @@
 #include "store/id_keeper.h"
 #include "store/name_table.h"
 #include "store/shared_database.h"
+#include "store/tables.h"
 #include "support.h"
 
 namespace {
@@ -208,6 +212,16 @@ TEST_F(Store, NamesStandInBothTables) {
   ASSERT_EQ(putNameObject(db, 9, 10, longest.c_str()), 0);
   EXPECT_EQ(getNameObjectId(db, 10, longest.c_str()), 9u);
   EXPECT_EQ(putNameObject(db, 9, 10, std::string(257, 'n').c_str()), -1);
+  for (const size_t table : {objInfo, nameInfo}) {
+    NQ_dbm_db *writable = tableOf(db, table);
+    tableOf(db, table) = _NQ_dbm_db_open(currentDir.c_str(), tableFormats[table].name, O_RDONLY, 0,
+                                         nullptr, encodeDbObject);
+    EXPECT_EQ(putNameObject(db, 9, 10, "unwritten"), -1);
+    EXPECT_EQ(delNameObject(db, 9, 10, longest.c_str()), 0);
+    EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"), HasSubstr("Error in delNameObject"));
+    std::filesystem::remove("/usr/NQ/log/nqw.trace");
+    _NQ_dbm_db_close(std::exchange(tableOf(db, table), writable));
+  }
 
   EXPECT_EQ(delNameObject(db, 8, 10, "gw1"), 1);
   EXPECT_EQ(getNameObjectId(db, 10, "gw1"), 0u);

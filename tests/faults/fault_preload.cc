@@ -15,6 +15,8 @@
 // FAULT_ALONE finds no process of the platform without looking for one: the looks start a dozen
 // processes, which take ten times as long as all else that a run over a small database does.
 //
+// FAULT_USER is the number of the user who has started the process, as far as it can tell.
+//
 // Built with FAULT_ALLOCATIONS it counts and fails allocations instead.
 
 #include <dlfcn.h>
@@ -230,6 +232,9 @@ int synced(const void *start, size_t size, int result) {
 CALL(FILE *, popen, (const char *command, const char *mode), (command, mode), isAlone(),
      fopen("/dev/null", mode))
 CALL(int, pclose, (FILE * stream), (stream), isAlone(), fclose(stream))
+
+CALL(uid_t, getuid, (), (), getenv("FAULT_USER") != nullptr,
+     static_cast<uid_t>(atoi(getenv("FAULT_USER"))))
 
 #ifdef FAULT_ALLOCATIONS
 

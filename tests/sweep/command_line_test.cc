@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "driver/options.h"
 #include "maint/run.h"
 #include "sweep/sweep_runs.h"
@@ -171,11 +173,46 @@ TEST_F(CommandLine, StopsThePlatformFirst) {
   kill(other, SIGKILL);
 }
 
+// Where the first process has the name of those that are ended, as in a container of its own.
+TEST_F(CommandLine, NeverEndsTheFirstProcess) {
+  std::filesystem::copy_file("/bin/sh", "/usr/NQ/bin/nqw_binary");
+  const Outcome outcome =
+      run("unshare --pid --fork --mount-proc /usr/NQ/bin/nqw_binary -c "
+          "'trap \": >/usr/NQ/tmp/ended\" TERM; echo yes | dbsweep -d 99; exit $?'");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_FALSE(exists("/usr/NQ/tmp/ended"));
+}
+
 TEST_F(CommandLine, GoesOnWhenThePlatformCannotBeStopped) {
   const pid_t daemon = start("nqwdb");
   const Outcome outcome = sweep("-d 99");
   EXPECT_EQ(outcome.status, 0);
   EXPECT_THAT(outcome.err, testing::EndsWith("dbsweep: Total number of objects in DB is 0\n"));
+  kill(daemon, SIGKILL);
+}
+
+// As a program with the bit for the super-user's rights would be: by somebody else, with a PATH and
+// libraries of his.
+TEST_F(CommandLine, TrustsNoEnvironmentOfAnotherUser) {
+  for (const auto &[file, script] :
+       {std::pair{"bin/nqstop", "#!/bin/sh\nenv >/usr/NQ/tmp/environment\n"},
+        {"tmp/grep", "#!/bin/sh\n: >/usr/NQ/tmp/used\nexec /bin/grep \"$@\"\n"}}) {
+    writeFile(std::string("/usr/NQ/") + file, script);
+    chmod((std::string("/usr/NQ/") + file).c_str(), 0755);
+  }
+  const pid_t daemon = start("nqwdb");
+  const std::string environment = "PATH=/usr/NQ/tmp:$PATH LD_BIND_NOW=1 LD_PRELOAD=" FAULT_PRELOAD
+                                  " ASAN_OPTIONS=verify_asan_link_order=0 ";
+  for (const bool isOther : {false, true}) {
+    std::filesystem::remove("/usr/NQ/tmp/used");
+    const Outcome outcome =
+        run(environment + (isOther ? "FAULT_USER=1000 " : "") + "dbsweep -d 99", "yes");
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(exists("/usr/NQ/tmp/used"), !isOther);
+    const std::string seen = readFile("/usr/NQ/tmp/environment");
+    EXPECT_EQ(seen.find("LD_") == seen.npos, isOther) << seen;
+    EXPECT_EQ(seen.find("PATH=/usr/sbin:/usr/bin:/sbin:/bin\n") != seen.npos, isOther) << seen;
+  }
   kill(daemon, SIGKILL);
 }
 

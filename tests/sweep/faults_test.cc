@@ -171,6 +171,27 @@ TEST_F(Faults, TheLogOfATerminatedDeletionNamesTheWayBack) {
   EXPECT_GT(marked, 10u);
 }
 
+// Until the tables are about to go, a run that is interrupted leaves all as it was; from then on it
+// goes on to its end.
+TEST_F(Faults, AnInterruptedRewriteLeavesNothingBehind) {
+  const Command command = dbsweep("protocol", {"-p", "QRT Session"});
+  const Fault terminate{"terminate", "terminate"};
+  const Snapshot start = Snapshot::take();
+  long points = 0;
+  ASSERT_EQ(runWithFault(command, terminate, 0, &points).status, 0);
+  const Lines after = dump();
+  int ended = 0, finished = 0;
+  for (const long at : pointsToTry(points)) {
+    start.putBack();
+    SCOPED_TRACE("point " + std::to_string(at));
+    const bool hasEnded = runWithFault(command, terminate, at).status == 128 + SIGTERM;
+    ++(hasEnded ? ended : finished);
+    ASSERT_EQ(currentLines(), hasEnded ? before : after);
+    ASSERT_EQ(run("ls -A " + root).out, "current\n");
+  }
+  EXPECT_GT(std::min(ended, finished), 0);
+}
+
 // Counted, not timed. A run over four times the objects takes four times the memory requests,
 // nearly all of them the library's, two a record. It takes no more calls that change the file
 // system: the new tables are made as long as the old ones at once.
@@ -245,6 +266,14 @@ TEST_F(Faults, ADiskCanBeFull) {
     ASSERT_EQ(runWithFault(command, none, 0).status, 0);
     runs.emplace_back(command, dump());
   }
+  // Blocks for the new tables, for what is copied of the old ones, and for the version itself.
+  uint64_t needed = uint64_t{4} * 4096;
+  for (const auto &file : std::filesystem::directory_iterator(saved + "/current")) {
+    const std::string name = file.path().stem();
+    const bool isRebuilt = name == "obj_info" || name == "value_info" || name == "name_info";
+    const bool isCopiedToo = isRebuilt && file.path().extension() == ".dir";
+    needed += (isCopiedToo ? 2 : 1) * ((file.file_size() + 4095) / 4096 * 4096);
+  }
   const auto fill = [] {
     if (exists(currentDir + "/value_info.pag") || exists(root + "/filler")) return;
     writeFile(root + "/filler", std::string(200 * 1024, '\0'));
@@ -280,8 +309,10 @@ TEST_F(Faults, ADiskCanBeFull) {
         roomy = false;
         ++refused;
         ASSERT_EQ(outcome.status, 1);
-        ASSERT_THAT(outcome.err, testing::HasSubstr("dbsweep: Cannot keep the previous tables in " +
-                                                    root + ": No space left on device"));
+        ASSERT_THAT(outcome.err,
+                    testing::HasSubstr("dbsweep: Cannot keep the previous tables in " + root +
+                                       ": No space left on device: " + std::to_string(needed) +
+                                       " bytes are needed, "));
         ASSERT_EQ(run("diff -r " + saved + " " + root).status, 0);
         ASSERT_FALSE(exists("/usr/NQ/conf/dbsweep.lock"));
       } else if (outcome.status == 0 && outcome.err.ends_with(rewriting)) {
