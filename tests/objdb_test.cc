@@ -242,6 +242,8 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
       {"rm $V/value_info.*; objdb restore $V", 2, "not whole: table value_info is missing", 1},
       {"rm $V/value_info.*; objdb restore --dry-run $V", 2, "nothing was changed", 1},
       {"rm $V/value_info.pag; objdb restore --partial $V", 0, "", 2, true},
+      {"touch $V/unfinished; rm $V/obj_info.*; objdb restore $V || objdb restore --partial $V", 0,
+       "; --partial restores what there is", 1, true},
       {"rm current/obj_info.pag; objdb restore --dry-run $V", 0, "would put the tables of", 1,
        true},
       {"rm current/obj_info.pag; objdb restore $V", 0, "", 2},

@@ -2,9 +2,9 @@
 #pragma once
 
 // Sends SIGTERM to every map GUI process, then, if the database service runs, stops the platform
-// with its own stop command. Does not wait for anything but that command. Ends the process with
-// status 1 when no pipe or shell can be had to read the process list; what the shell then cannot do
-// reads as an empty list.
+// with its own stop command. Waits for that command alone. Ends the process with status 1 when the
+// process list cannot be asked for (popen); a command that fails in the shell counts as an empty
+// list.
 void checkDaemons();
 
 // The two halves: end the map GUIs in the order of the process list; 1 when the database service

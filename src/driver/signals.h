@@ -1,8 +1,10 @@
-// Signals from the removal of the tables on. Until then the system's defaults hold.
+// Signals from the moment on when a run is about to remove the tables. Until then, and in a run
+// that only deletes listed objects, they have the system's defaults (but see sayLastWordsBySignal).
 //
 // Keyboard interrupts, quit, broken pipes and termination requests are ignored, so that they cannot
-// break off the rewrite. SIGHUP and SIGSEGV are held during it (and all signals while the tables
-// are kept). Every other signal that can be caught runs the cleanup and then ends the process.
+// break off the rewrite. SIGHUP and SIGSEGV are held during the rewrite, and every signal during
+// keepTables. Every other signal that can be caught runs the cleanup and then ends the process,
+// those too that would otherwise do nothing (SIGWINCH) or stop it (SIGTSTP).
 #pragma once
 
 #include <signal.h>
@@ -13,7 +15,8 @@ extern void (*cleanupRoutine)(int signal);
 // SIGHUP, SIGSEGV and SIGCHLD; empty until installSignalHandlers.
 extern sigset_t blockedSignals;
 
-// Records the cleanup and sets the disposition of every signal from 1 to 63 that has one. 0.
+// Records the cleanup and sets the disposition of every signal from 1 to 63 that can have one; what
+// cannot stays as it is. 0.
 int installSignalHandlers(void (*cleanup)(int signal));
 
 // Says the last words of the run (platform/report.h), runs the cleanup once and ends the process
@@ -23,6 +26,6 @@ int installSignalHandlers(void (*cleanup)(int signal));
 // never goes back to that code, and nobody uses the structures afterwards.
 void signalHandler(int signal);
 
-// These hold and release blockedSignals, around the rewrite. 0, or -1.
+// Block and unblock blockedSignals: called before and after the rewrite. 0, or -1.
 int blockSignals();
 int unblockSignals();

@@ -9,7 +9,7 @@
 
 #include "platform/field_values.h"
 
-// Every object, newest first; with bindings those that satisfy all of them.
+// Every object, newest first; with bindings as objectsMatchingBindings.
 NQwObjectIdList *listObjects(NQwFieldBindList *bindings);
 
 // The objects whose field has a value that matches the binding's, in the order in which the values

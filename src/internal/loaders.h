@@ -28,8 +28,8 @@ int buildFieldInfoTable(ObjectDatabase *db);
 // Enters one definition, which the cache then owns. Of two with one id the first stays.
 int addFieldInfo(NQwFieldInfo *info);
 
-// Enter every record of obj_info, and of value_info, into ObjValCache. The second is for a database
-// opened in the old data format.
+// Enter every record into ObjValCache: the first those of obj_info, the others those of value_info,
+// the last for a database opened in the old data format.
 int loadObjectNames(ObjectDatabase *db);
 int loadObjectValues(ObjectDatabase *db);
 int loadObjectValuesOld(ObjectDatabase *db);

@@ -10,6 +10,6 @@
 using WantsValue = std::function<bool(uint32_t objectId, uint32_t fieldId)>;
 
 // As loadObjectValues, but only the values that are wanted are decoded and entered, with their
-// objects. Others that do not decode are not counted. With allObjects the objects of all other
-// values are entered too and become the newest, as if their values were entered.
+// objects. Others that do not decode are not counted. With allObjects every object of value_info is
+// entered, so that the objects stand in the same order as after loadObjectValues.
 void loadSelectedValues(ObjectDatabase *db, const WantsValue &wants, bool allObjects);

@@ -7,8 +7,10 @@
 #include "store/database.h"
 
 // 0 when the object is no longer in the database, also when it was not there; -1 when the deletion
-// failed part way (logged). After a failure the values before the failing one are gone from caches
-// and tables, the failing one is out of the caches, and the object keeps those after it.
+// failed part way (logged). After a failure:
+// - the values before the failing one are gone from caches and tables;
+// - the failing one is gone from the caches;
+// - the object keeps the values after it, and a rewrite would store those.
 int _nqwDbDeleteObject(uint32_t objectId);
 
 // Removes every value of a cached object, then the object. 1, or 0 on failure.
@@ -17,8 +19,9 @@ int deleteObjectEntries(uint32_t objectId, ObjCacheEntry *entry);
 // Removes the stored record of one value of a field with these flags. 1, or 0 on failure (logged).
 int deleteStoredValue(uint32_t objectId, uint32_t fieldId, uint32_t flags, ObjectDatabase *db);
 
-// The same for a run that changes the tables in place. In addition:
-// - where not all records could be read, those that the caches lack are deleted by their keys;
+// As _nqwDbDeleteObject, for a run that changes the tables in place. In addition:
+// - where not all records could be read, those that the caches lack are deleted by their keys, and
+//   an object of which the library cannot look for every record is left whole;
 // - a name that another object bears too is entered in name_info again: for the object that it led
 //   to if that still bears it, else for the oldest one, as a rewrite would leave it.
 int deleteObjectInPlace(uint32_t objectId);

@@ -155,7 +155,7 @@ void keepTables(KeepBy how) {
 
 void keepCopyOf(size_t table) {
   std::string error;
-  if (!unlinkFromCurrent(*keptDirectory, table, &error)) endUnkept(keptVersion.directory, error);
+  if (!replaceLinkByCopy(*keptDirectory, table, &error)) endUnkept(keptVersion.directory, error);
 }
 
 void removeOrReportKeptVersion() {
@@ -173,7 +173,7 @@ void removeOrReportKeptVersion() {
     }
     reasons = keptVersion.directory + " could not be removed";
   }
-  finishVersion(keptVersion, &error);
+  removeMark(keptVersion, &error);
   forgetLastWords();  // from here on the line on standard error says where the version is
   fprintf(stderr, "dbsweep: The previous tables are kept in %s: %s.\n",
           keptVersion.directory.c_str(), reasons.c_str());

@@ -1,6 +1,6 @@
-// The kept version, a run's way back: from before its first change of a table file until its result
-// is proved on the disk, an archived version beside "current" holds the tables as they were, with
-// the mark of an unfinished run (store/tables.h).
+// The kept version, a run's way back: an archived version beside "current" that holds the tables as
+// they were. It is there from before the run's first change of a table file until the run has
+// looked at its result, and has the mark of an unfinished run (store/tables.h) all that time.
 #pragma once
 
 #include <cstddef>
@@ -9,9 +9,9 @@
 // them, which costs next to nothing; one that changes tables in place needs a copy of all.
 enum class KeepBy { linking, copying };
 
-// Ends the process with status 1 when there is the kept version of an earlier run that has not
-// finished. Called once the database is open, so that of two live runs the second is told that it
-// cannot open it.
+// Ends the process with status 1 when a version carries the mark of an unfinished run. Called once
+// the database is open, so that of two live runs the second is told that it cannot open it. The
+// open may have made empty tables in a torso by then; a restore replaces them with the others.
 void refuseUnfinished();
 
 // Makes the kept version, without the tables that were missing (outcome.h), and prepares the last
@@ -26,6 +26,7 @@ void keepTables(KeepBy how);
 void keepCopyOf(size_t table);
 
 // The end of a run that has kept its tables, successful or not. With nothing in outcome.h the kept
-// version is removed. Otherwise only its mark goes, standard error says where the version is and
-// why it is there, and runStatus becomes 1.
+// version is removed. Otherwise it stays without its mark, so that the next run is not refused:
+// this one has run to its end, and standard error says where the version is and why it stays.
+// runStatus becomes 1.
 void removeOrReportKeptVersion();

@@ -173,9 +173,9 @@ void closeTraceFile() {
 
 // Under bulk access the tables stay as they are: what is deleted goes with their files.
 void deleteFromCachesAlone() {
-  if (purgedDb != nullptr) return;
-  purgedDb = nqwDbGetDb(0);
-  if (purgedDb != nullptr) startBuffering(purgedDb);
+  if (deletingDb != nullptr) return;
+  deletingDb = nqwDbGetDb(0);
+  if (deletingDb != nullptr) startBuffering(deletingDb);
 }
 
 void deleteListed(int (*deleteObject)(uint32_t objectId)) {

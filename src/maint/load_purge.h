@@ -7,13 +7,12 @@
 // The trace file "/usr/NQ/log/objectsdb.trace", open only while a list of ids is deleted.
 extern FILE *tfp;
 
-// 1. Open the database as the flags ask.
-//    For a migration in the old data format, for an id list alone through the shared handle,
-//    otherwise through a handle of the run's own.
+// 1. Open the database as runDb, which creates what is missing, and refuse an unfinished version.
+//    -m: in the old data format. -d alone: the shared handle. Otherwise: a handle of its own.
 // 2. Fill the caches.
-// 3. Refuse a protocol that has no field, before anything is deleted.
+// 3. Refuse a protocol that has no field, or several, with status 1, before anything is deleted.
 // 4. With dflag: write the number of objects to the trace file and to standard error, then delete
-//    the objects in objectids. 99 in the first place asks for the number alone and ends the run.
+//    the objects in objectids. If the first of them is 99, write the number and end the run.
 // 5. With pflag: delete every object whose Boolean field `protocolName` is true.
 //
 // A run that will rewrite the tables deletes from the caches alone: the table layer holds the

@@ -1,4 +1,5 @@
-// What a run could not do although it went on: each is a reason to keep the previous tables.
+// What a run could not do although it went on: each is a reason to keep the previous tables. Noted
+// by load_purge.cc (unread, missing, undeleted), rewrite.cc and proof.h.
 #pragma once
 
 #include <cstdint>

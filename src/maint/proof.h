@@ -7,13 +7,13 @@
 #include "store/database.h"
 #include "store/tables.h"
 
-// How many records each of the object tables is to have; the others have none here.
+// How many records each of the object tables has or is to have; 0 for the other tables.
 using RecordCounts = std::array<uint64_t, tableCount>;
 
 // The records that the open object tables have now. A table whose structure is not sound has none.
 RecordCounts countRecords(ObjectDatabase *db);
 
-// The records that they are to have after what was stored and deleted through the handle since.
+// The records that they must have now: `before`, and what the handle has added since then.
 RecordCounts expectedRecords(ObjectDatabase *db, const RecordCounts &before);
 
 // Waits until the tables and their directory are on the disk. False when that is not known.

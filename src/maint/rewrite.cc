@@ -106,7 +106,7 @@ void removeCurrentFiles() {
   for (const size_t table : {nameInfo, objInfo, valueInfo}) removeTable(directory, table);
   // After the removal: deletions held back for a file that is gone are dropped. From a file that
   // could not be removed they are carried out one by one.
-  if (purgedDb != nullptr) stopBuffering(std::exchange(purgedDb, nullptr));
+  if (deletingDb != nullptr) stopBuffering(std::exchange(deletingDb, nullptr));
 }
 
 void rewriteDatabase(int migrate) {

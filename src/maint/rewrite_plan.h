@@ -11,6 +11,6 @@
 // left out, because a later value of the object has the same key.
 uint32_t planRewrite();
 
-// Stores all that is planned, under bulk access, which ends for the tables that have all that they
-// will have. Returns how many values could not be stored.
+// Stores all that is planned, under bulk access, and ends it for each table as soon as that is
+// complete. Returns how many values could not be stored.
 uint32_t storePlanned(ObjectDatabase *db);

@@ -11,7 +11,7 @@ char protocolName[protocolNameSize];
 ExitStatus runStatus = exitNormal;
 
 ObjectDatabase *runDb = nullptr;
-ObjectDatabase *purgedDb = nullptr;
+ObjectDatabase *deletingDb = nullptr;
 
 void closeRunDb() {
   if (runDb != nullptr) close_nqwdb_ndbm(freeFieldList(std::exchange(runDb, nullptr)));

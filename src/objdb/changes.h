@@ -8,8 +8,8 @@
 #include "objdb/survey.h"
 #include "store/versions.h"
 
-// Throws CommandFailure when the directory cannot be looked at, or is a version itself: what lies
-// one level too deep is found by nobody.
+// Throws CommandFailure when the directory cannot be looked at, or is a version itself: a
+// version made inside of a version would never be found.
 void requireDatabase(const std::string &directory);
 
 // The version of that name; throws CommandFailure when there is none.

@@ -11,8 +11,8 @@ extern const Command checkCommand;
 // Writes what stands in one of two versions alone.
 extern const Command diffCommand;
 
-// Writes every record as a line (record_lines.h), between a header and a trailer line. With a
-// choice those lines alone: only a whole dump is sealed, so that nothing less is loaded for one.
+// Writes every record as a line (record_lines.h), between a header and a trailer line. When
+// records are selected, header and trailer are left out, so that a part is not loaded as a whole.
 extern const Command dumpCommand;
 
 // Lists the objects that have given values.

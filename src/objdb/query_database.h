@@ -22,8 +22,8 @@ class QueryDatabase {
 
   ObjectDatabase *get() const { return db_; }
 
-  // With a limit, the objects that queries do not list because they have no name under the common
-  // name field; otherwise no object.
+  // The objects without a name under the common name field, which queries with a limit pass over.
+  // Empty without a limit.
   ObjectIds unlistedObjects() const;
 
   // The objects whose name under the binding's field is the binding's. All of them: of objects that

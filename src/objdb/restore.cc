@@ -55,7 +55,7 @@ ObjdbStatus putInPlace(const std::string &database, const Version &version, Work
   if (!makeCurrent(database, work, keeps, &replaced, &error)) {
     throw CommandFailure(error + "; nothing was changed");
   }
-  if (error.empty() && version.unfinished && finishVersion(version, &error)) {
+  if (error.empty() && version.unfinished && removeMark(version, &error)) {
     work->removeReplaced(&error);
   }
   if (keeps && !replaced.name.empty()) puts(replaced.name.c_str());
@@ -85,7 +85,8 @@ ObjdbStatus restoreTables(const VersionPath &database, bool partial, bool dryRun
   const Survey source = surveyVersion(version.directory);
   if (!source.isThere || (!source.isWhole && !partial)) {
     throw CommandFailure("version \"" + version.name + "\" is not whole: " + source.whatIsWrong +
-                         "; nothing was changed");
+                         "; nothing was changed" +
+                         (source.isThere ? "; --partial restores what there is" : ""));
   }
   std::string error;
   const auto work = WorkDirectory::make(database.directory, &error);

@@ -2,6 +2,8 @@
 // versions hold the same.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <string>
 
 #include "objdb/census.h"
@@ -26,5 +28,5 @@ struct Survey {
 Survey surveyVersion(const std::string &directory);
 Survey surveyQuickly(const std::string &directory);
 
-// The lowest counter that hands out no id of the version again.
+// The smallest number that the id keeper of a version with that highest id may have.
 uint32_t lowestCounter(uint32_t highestId);

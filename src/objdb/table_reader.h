@@ -1,9 +1,9 @@
 // One table as the reading commands look at it: no byte of its files, no time stamp and no
 // directory entry changes, whatever state the files are in.
 //
-// The layer below opens tables through the ndbm interface, which writes to a .dir file that it does
-// not like and leaves new access times. Here the .pag file, which holds all the records, is opened
-// by itself, read-only.
+// An ndbm handle for writing mends a .dir file that it does not like and leaves new access times,
+// and one for reading still needs a sound .dir file. Here the .pag file, which holds all the
+// records, is opened by itself, read-only.
 #pragma once
 
 #include <array>
@@ -92,8 +92,8 @@ class TableReader {
   bool failed_ = false;
 };
 
-// Opens all six tables. Locked ones are locked together, so that they belong together. A table that
-// cannot be opened is null, and *failures says why in its place.
+// Opens all six tables. All locks are taken before the first read, so that the tables agree. A
+// table that cannot be opened is null, and *failures says why in its place.
 using TableReaders = std::array<std::unique_ptr<TableReader>, tableCount>;
 using OpenFailures = std::array<OpenFailure, tableCount>;
 TableReaders openTables(const std::string &directory, TableReader::Demand demand,

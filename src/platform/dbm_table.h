@@ -70,7 +70,7 @@ bool _NQ_dbm_db_look_failed(const NQ_dbm_db *db);
 // it fails; -1 when the library fails.
 int _NQ_dbm_db_store(NQ_dbm_db *db, const void *key, size_t keyLength, const void *record);
 
-// 0 when the key is gone, also when it was never there; -1 on any other failure.
+// 0 when the key is gone, also when it was never there; -1 on failure.
 int _NQ_dbm_db_delete(NQ_dbm_db *db, const void *key, size_t keyLength);
 
 // The next record of a scan, decoded. Null at the end, after a failure of the library, and for a
@@ -95,8 +95,8 @@ int _NQ_dbm_db_store_raw(NQ_dbm_db *db, std::string_view key, std::string_view b
 // Waits until everything stored is on the disk. 0, or -1 with errno.
 int _NQ_dbm_db_sync(NQ_dbm_db *db);
 
-// Every decodable record of a table whose decoder returns a malloc wrapper that is one pointer to
-// the item proper: the list takes the items over, the wrappers are freed. Null for an empty table.
+// Every decodable record, for decoders that return a malloc'ed struct which holds only a pointer to
+// the item: the list takes the items over, the structs are freed. Null for an empty table.
 NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db);
 
 // Counts the records by the structure of the file, which must be up to date: no deletions held
@@ -104,7 +104,8 @@ NQ_dbm_list *_NQ_dbm_db_getlist(NQ_dbm_db *db);
 // recovered.
 bool _NQ_dbm_db_count(NQ_dbm_db *db, uint64_t *records);
 
-// The same, and looks at the free space: before a table is changed in place (table_structure.h).
+// Whether the structure is sound, that of the free space included: asked before a table is changed
+// in place (table_structure.h).
 bool _NQ_dbm_db_check_space(NQ_dbm_db *db);
 
 // How many records the table has gained through this handle: new keys stored less keys deleted.
@@ -117,9 +118,9 @@ int64_t _NQ_dbm_db_added(const NQ_dbm_db *db);
 // While buffering, the file grows in advance (table_growth.h), and deletions are held back
 // (held_deletions.h): a deleted key is no longer found, but the file has not changed. A store, a
 // scan, a sync and the last stop carry the deletions out first, in the order of _NQ_dbm_db_order.
-// If the file is no longer the one at its path by then, they are dropped: a sweep has linked it
-// into the kept version and removed it, and it must stay as it was. A deletion while buffering
-// therefore always succeeds; one that fails later makes the next sync fail.
+// If the file is no longer the one at its path by then, they are dropped: the old tables must stay
+// as they were, as links of a kept version. So whoever removes a file stops after that. A deletion
+// while buffering therefore always succeeds; one that fails later makes the next sync fail.
 void _NQ_dbm_db_start_buffering(NQ_dbm_db *db, uint32_t count);
 void _NQ_dbm_db_stop_buffering(NQ_dbm_db *db);
 

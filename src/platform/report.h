@@ -44,8 +44,8 @@ void prepareLastWords(const std::string &text);
 void forgetLastWords();
 void sayLastWords();
 
-// Has every signal that would end the process as it stands say the last words before it does. What
-// is caught or ignored stays so.
+// From here on every signal whose default action would end the process says the last words first.
+// Signals that are caught or ignored stay so.
 void sayLastWordsBySignal();
 
 // Like NQuLogS for "/usr/NQ/log/nqw.trace", with the trace class in hexadecimal. Every trace is

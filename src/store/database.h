@@ -43,6 +43,7 @@ void close_nqwdb_ndbm_old(ObjectDatabase *db);
 ObjectDatabase *loadFieldList(ObjectDatabase *db);
 ObjectDatabase *freeFieldList(ObjectDatabase *db);
 
-// Brackets bulk access to obj_info, value_info (eight times the count of the others) and name_info.
+// Bracket bulk access to obj_info, value_info and name_info. The count given for value_info is
+// eight times that of the others.
 void startBuffering(ObjectDatabase *db);
 void stopBuffering(ObjectDatabase *db);

@@ -30,10 +30,11 @@ extern void (*directoryFailure)(int status);
 int makeDir(const char *path, mode_t mode);
 
 // Creates the database directory and the version directory below it; both may be there already. The
-// version directory comes last: afterwards dbPath's string names it again. Ends the process when
-// one cannot be made: status 0 and a line in the log for the parents, 255 for the two.
+// version directory comes last: afterwards dbPath's string names it again. Ends the process with
+// status 255 when one of the two cannot be made; with status 0 and a line in the log when one above
+// them cannot.
 int makeDbDirs(const char *name, mode_t mode);
 
 // Looks whether a version's directory is there: _NQwError is then NQw_VERSION_ALREADY_EXISTS
-// (traced), otherwise NQw_NO_ERROR. Always 0, so that the open that asks goes on.
+// (traced), otherwise NQw_NO_ERROR. 0 in both cases; the caller goes on.
 int versionExists(const char *path);

@@ -21,8 +21,8 @@ uint32_t getNameObjectId(ObjectDatabase *db, uint32_t fieldId, const char *name)
 int storeNameObject(ObjectDatabase *db, const dbObject *record);
 
 // The same for a name given in parts. With the environment variable NQWDB_ABORT_ON_DUP_FID holding
-// this field's id, a name that ends in the number of the object before this one (at least four
-// characters, its first occurrence) is taken for a duplicate made by a naming fault: the polling
+// this field's id, a name is taken for a duplicate made by a naming fault when the number of the
+// object before this one, if it has at least four digits, stands first at its end: the polling
 // and topology daemons and this process then end with signal 11, and the name is not stored.
 int putNameObject(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId, const char *name);
 

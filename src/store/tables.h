@@ -30,7 +30,7 @@ inline constexpr std::array<TableFormat, tableCount> tableFormats{{
     {"enum_info", decodeDbEnumConstants, encodeDbEnumConstants, true, false},
 }};
 
-// The two files of a table: 16 bytes that say which library made it, and all the rest.
+// The two files of a table: 16 bytes that name the library and its version, and all the rest.
 constexpr char directorySuffix[] = ".dir";
 constexpr char pageSuffix[] = ".pag";
 constexpr const char *tableSuffixes[] = {directorySuffix, pageSuffix};

@@ -143,7 +143,7 @@ bool bytesToRebuild(const std::string &database, uint64_t *bytes, std::string *e
   return true;
 }
 
-bool unlinkFromCurrent(const WorkDirectory &version, size_t table, std::string *error) {
+bool replaceLinkByCopy(const WorkDirectory &version, size_t table, std::string *error) {
   const std::string pages = tableFile(table, pageSuffix);
   const std::string copy = pages + ".copy";
   const Descriptor linked(
@@ -175,7 +175,7 @@ bool makeVersion(const std::string &database, const FillVersion &fill, Version *
          publishByTime(work.get(), database, made, error);
 }
 
-bool finishVersion(const Version &version, std::string *error) {
+bool removeMark(const Version &version, std::string *error) {
   const std::string mark = pathIn(version.directory, unfinishedMark);
   if (unlink(mark.c_str()) != 0 && errno != ENOENT) return failAttempt("remove", mark, error);
   return syncDirectory(version.directory) == 0 || failAttempt("sync", version.directory, error);

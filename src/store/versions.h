@@ -1,6 +1,6 @@
 // Making, finding and removing archived versions of the database: directories beside "current" that
-// hold its tables. A version is made in a work directory, is complete on the disk before it gets
-// its name, and loses its name before it is removed, so that a version that can be seen is whole.
+// hold its tables. A version is made in a work directory, has all its files on the disk before it
+// gets its name, and loses its name before it is removed, so that nobody sees half of one.
 //
 // `database` is the database directory. Functions that can fail return false or null and put what
 // was attempted, and why it failed, into *error.
@@ -29,9 +29,8 @@ std::vector<Version> listVersions(const std::string &database);
 // What a version of "current" is made of.
 struct VersionContent {
   bool unfinished = false;  // with the mark
-  // The page files that a sweep removes are linked and not copied, where that can be: their names
-  // in "current" will go, and nobody will write to them. Without this the version has files of its
-  // own alone.
+  // The page files that a rewrite removes are hard links and no copies, where the file system
+  // allows it. This is safe only because the caller then removes their names from "current".
   bool linksRebuilt = false;
   std::array<bool, tableCount> leftOut{};  // tables that were not there
 };
@@ -46,12 +45,12 @@ std::unique_ptr<WorkDirectory> keepCurrent(const std::string &database,
 bool bytesToKeep(const std::string &database, const VersionContent &content, uint64_t *bytes,
                  std::string *error);
 
-// Bytes of the tables that a sweep rebuilds.
+// Bytes of the tables that a rewrite makes again.
 bool bytesToRebuild(const std::string &database, uint64_t *bytes, std::string *error);
 
 // Replaces the linked page file of a table in the version by a copy. Called before that file is
 // written over in "current".
-bool unlinkFromCurrent(const WorkDirectory &version, size_t table, std::string *error);
+bool replaceLinkByCopy(const WorkDirectory &version, size_t table, std::string *error);
 
 // Makes a version of the files that `fill` puts into the empty directory that it is given. They are
 // on the disk when `fill` returns.
@@ -65,12 +64,13 @@ bool copyTables(WorkDirectory *work, const std::string &from,
                 const std::array<bool, tableCount> &leftOut, std::string *error);
 
 // Takes the mark away; the version stays as an archived one.
-bool finishVersion(const Version &version, std::string *error);
+bool removeMark(const Version &version, std::string *error);
 
 // Makes the work directory "current", at once: the two exchange their names, so that "current" is
 // always there and whole. With `keeps` the former "current" is a version afterwards, *before: the
-// work directory gets the name of one first, which then passes to it. Otherwise the work directory
-// has it to remove. Where there is no "current", the work directory takes that name, and *before is
+// work directory is published as a version first, and the exchange gives that name to the former
+// "current". Otherwise the former "current" goes with the work directory (removeReplaced, or its
+// destructor). Where there is no "current", the work directory takes that name, and *before is
 // empty. True once "current" is the new one, even if *error says what failed after that.
 bool makeCurrent(const std::string &database, WorkDirectory *work, bool keeps, Version *before,
                  std::string *error);

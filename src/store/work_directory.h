@@ -24,7 +24,7 @@ class WorkDirectory {
   static std::unique_ptr<WorkDirectory> adopt(const std::string &database, const std::string &name,
                                               std::string *error);
 
-  // Removes the directory with the files in it, unless it has a name of its own by then.
+  // Removes the directory with the files in it, unless it is published, and what it has replaced.
   ~WorkDirectory();
   WorkDirectory(const WorkDirectory &) = delete;
   WorkDirectory &operator=(const WorkDirectory &) = delete;
@@ -35,8 +35,8 @@ class WorkDirectory {
   // The same directory for those who take no descriptors. Nobody can change where it leads.
   std::string path() const;
 
-  // A copy of the file at a path, on the disk when it returns; or a link to it, without which none
-  // of its bytes has to be written again. False, and *error says why, on failure; for a link that
+  // A copy of the file at a path, on the disk when it returns; or a hard link to it, which writes
+  // none of its bytes. False, and *error says why, on failure; for a link that
   // cannot be had (no regular file, another file system, a rule against it) errno says so.
   bool copy(const std::string &from, const std::string &as, std::string *error);
   bool link(const std::string &from, const std::string &as);
@@ -52,9 +52,9 @@ class WorkDirectory {
   // Exchanges the names of this published directory and of another one, at once.
   bool exchange(const std::string &name, std::string *error);
 
-  // Puts it in the place of the database's directory NAME, at once and with the owner, group and
-  // mode of `like`. What stood there goes with removeReplaced (false, and *error says why, when
-  // that fails), or else with this object.
+  // Puts it, unpublished, in the place of the database's directory NAME, at once and with the
+  // owner, group and mode of `like`. What stood there is removed by removeReplaced (false, and
+  // *error says why, when that fails), or at the latest by the destructor.
   bool replace(const std::string &database, const std::string &name, const struct stat &like,
                std::string *error);
   bool removeReplaced(std::string *error);
