@@ -26,9 +26,16 @@ constexpr char scratchName[] = "recovery";
 
 // Removes the scratch table, and what the library has left beside it.
 void removeScratch(const std::string &directory) {
-  for (const auto &entry : fs::directory_iterator(directory)) {
-    if (entry.path().filename().string().starts_with(scratchName)) fs::remove(entry.path());
+  std::error_code failure;
+  fs::directory_iterator entry(directory, failure);
+  while (!failure && entry != fs::directory_iterator()) {
+    const bool isScratch = entry->path().filename().string().starts_with(scratchName);
+    if (isScratch) fs::remove(entry->path(), failure);
+    if (!failure) entry.increment(failure);
   }
+  if (!failure) return;
+  throw CommandFailure("could not clear the work directory: " + failure.message() +
+                       "; nothing was changed");
 }
 
 std::unique_ptr<TableReader> openScratch(const std::string &directory) {
