@@ -1,5 +1,6 @@
 #include "driver/signals.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "platform/exit_status.h"
@@ -15,6 +16,13 @@ volatile sig_atomic_t ending = 0;
 bool isIgnored(int number) {
   return number == SIGINT || number == SIGQUIT || number == SIGPIPE || number == SIGTERM ||
          number == SIGCHLD;
+}
+
+// The cleanup may free what an interrupted call of the allocator has left half changed. The
+// allocator would say so and abort, which is no message of ours and nothing to be helped.
+void silenceStandardError() {
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (nowhere >= 0) dup2(nowhere, STDERR_FILENO);
 }
 
 }  // namespace
@@ -44,6 +52,7 @@ void signalHandler(int signal) {
   sigaddset(&alarmAlone, SIGALRM);
   sigprocmask(SIG_UNBLOCK, &alarmAlone, nullptr);
   alarm(10);  // the cleanup may wait for a lock of the allocator that the interrupted code holds
+  silenceStandardError();
   cleanupRoutine(signal);
   _exit(exitRefused);
 }

@@ -123,6 +123,7 @@ int cleanups;
 
 void faultyCleanup(int) {
   if (++cleanups > 1) _exit(99);
+  fputs("free(): invalid pointer\n", stderr);
   raise(SIGABRT);
 }
 
@@ -133,6 +134,7 @@ void slowCleanup(int) {
 pid_t startWith(void (*cleanup)(int), int number) {
   const pid_t child = fork();
   if (child == 0) {
+    dup2(open("/usr/NQ/tmp/err", O_WRONLY | O_CREAT | O_APPEND, 0644), STDERR_FILENO);
     installSignalHandlers(cleanup);
     raise(number);
     _exit(98);
@@ -147,6 +149,7 @@ int endWith(void (*cleanup)(int), int number) {
 TEST_F(Endings, AFaultInTheCleanupEndsTheRunWithoutAnother) {
   EXPECT_EQ(endWith(faultyCleanup, SIGUSR1), 1);
   EXPECT_EQ(endWith(faultyCleanup, SIGSEGV), 1);
+  EXPECT_EQ(readFile("/usr/NQ/tmp/err"), "") << "what the allocator says of it helps nobody";
   EXPECT_EQ(endWith(faultyCleanup, SIGTERM), 98) << "an ignored signal has no cleanup";
   const pid_t stuck = startWith(slowCleanup, SIGUSR1), late = startWith(slowCleanup, SIGALRM);
   EXPECT_EQ(endOf(stuck), 1) << "a cleanup that is stuck is given up";
