@@ -299,9 +299,16 @@ TEST(Records, AppendedBindingsAreCopies) {
   NQwFieldValue value{0, String, {.string = text}, 0};
   const NQwFieldBinding source{7, &value};
   auto *list = static_cast<NQwFieldBindList *>(calloc(1, sizeof(NQwFieldBindList)));
-  list->bindings = static_cast<NQwFieldBinding *>(calloc(2, sizeof(NQwFieldBinding)));
+  list->bindings = static_cast<NQwFieldBinding *>(calloc(3, sizeof(NQwFieldBinding)));
   EXPECT_EQ(appendFieldBinding(appendFieldBinding(list, &source), &source), list);
-  EXPECT_EQ(list->count, 2);
+  ValueListEntry entry{{5}, 0};
+  ValueList numbers{1, &entry};
+  NQwFieldValue many{1, Integer, {.list = &numbers}, 0};
+  const NQwFieldBinding second{8, &many};
+  appendFieldBinding(list, &second);
+  EXPECT_EQ(list->count, 3);
+  EXPECT_NE(list->bindings[2].value->value.list, &numbers);
+  EXPECT_EQ(list->bindings[2].value->value.list->entries[0].value.number, 5);
   EXPECT_EQ(list->bindings[1].fieldId, 7u);
   EXPECT_STREQ(list->bindings[1].value->value.string, "abc");
   EXPECT_NE(list->bindings[1].value->value.string, text);
