@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "internal/stored_values.h"
@@ -43,10 +44,42 @@ int FieldNameTbl::keyCmp(const void *a, const void *b) const {
   return strcoll_new(static_cast<const char *>(a), static_cast<const char *>(b));
 }
 
+namespace {
+
+// A field and what it points at, in one piece of storage: a load meets it with every value. The
+// characters of the name follow.
+struct CachedField {
+  FieldCacheEntry entry;
+  FieldValList values{&CachedValue::inField};
+  NQwFieldInfo info;
+};
+
+// Both lie in the piece only where newStoredField has made it.
+bool isStored(FieldCacheEntry *entry) {
+  auto *field = reinterpret_cast<CachedField *>(entry);
+  return entry->values == &field->values && entry->info == &field->info;
+}
+
+}  // namespace
+
+FieldCacheEntry *newStoredField(FieldTable *table, const NQwFieldInfo &info) {
+  const size_t nameSize = info.name == nullptr ? 0 : strlen(info.name) + 1;
+  void *storage = table->storage().take(sizeof(CachedField) + nameSize);
+  auto *field = new (storage) CachedField;
+  field->info = info;
+  field->entry = {&field->info, &field->values, nullptr};
+  if (nameSize > 0) {
+    field->info.name = reinterpret_cast<char *>(field + 1);
+    memcpy(field->info.name, info.name, nameSize);
+  }
+  return &field->entry;
+}
+
 FieldTable::~FieldTable() {
   for (_HashIter item(this); item() != nullptr; item++) {
     auto *entry = static_cast<FieldCacheEntry *>(item()->data());
     delete entry->valueIndex;
+    if (isStored(entry)) continue;
     delete entry->values;
     NQwDbFreeFieldInfo(entry->info);
     free(entry);

@@ -59,7 +59,8 @@ struct FieldCacheEntry {
   FieldNameTbl *valueIndex;  // name fields: value string to the object's id storage; else null
 };
 
-// Field id to FieldCacheEntry. Owns its entries.
+// Field id to FieldCacheEntry. Owns its entries: those that a load has made lie in the table's own
+// storage, with their definitions; of all others the entry and the definition came from malloc.
 class FieldTable : public _Hash {
  public:
   using _Hash::_Hash;
@@ -71,6 +72,11 @@ class FieldTable : public _Hash {
   void announce(uint32_t fieldId) const { prefetch(wordKey(fieldId)); }
   // The entry becomes the caller's. For programs that take definitions away, which none here does.
   void remove(uint32_t fieldId);
+
+  Arena &storage() { return storage_; }
+
+ private:
+  Arena storage_;
 };
 
 // Made in one piece with its id and its list by newCachedObject, or elsewhere of three: entry and
@@ -161,6 +167,9 @@ extern uint32_t objcount;            // objects that the limited loader has admi
 // for programs that ask for them; nothing here does.
 extern uint32_t mapsManagedFldId;
 extern uint32_t mapsExistsFldId;
+
+// Makes an entry with a copy of the definition in the table's storage, and does not insert it.
+FieldCacheEntry *newStoredField(FieldTable *table, const NQwFieldInfo &info);
 
 // Takes a value out of both its lists and, under a name field, its string out of the field's index.
 // The item and its value become the caller's.

@@ -143,6 +143,16 @@ FieldNameTbl *newIndex(const char *fieldName) {
                             : new FieldNameTbl(size, 1, 3, growthFactor);
 }
 
+void enterField(FieldCacheEntry *entry) {
+  NQwFieldInfo *info = entry->info;
+  entry->valueIndex = (info->flags & nameFieldFlag) != 0 ? newIndex(info->name) : nullptr;
+  FieldInfoCache->insert(entry);
+  if (info->name == nullptr) return;
+  FieldNameCache->insert(info->name, wordKey(info->fieldId));
+  if (strcoll_new(info->name, "NQW Maps Managed") == 0) mapsManagedFldId = info->fieldId;
+  if (strcoll_new(info->name, "NQW Maps Exists") == 0) mapsExistsFldId = info->fieldId;
+}
+
 }  // namespace
 
 int buildEnumTable(ObjectDatabase *db) {
@@ -165,8 +175,11 @@ int buildFieldInfoTable(ObjectDatabase *db) {
   SFieldInfoCache = new FieldTable(200, 0, 3, growthFactor);
   _NQ_dbm_db_start_buffering(db->fieldInfoDb, db->bufferCount);
   loadLosses.unreadable += forEachRecord<dbFieldInfo>(db->fieldInfoDb, [](dbFieldInfo *record) {
-    addFieldInfo(record->fieldInfo);  // which takes it over
-    free(record);
+    const NQwFieldInfo &info = *record->fieldInfo;
+    if (FieldInfoCache->find(info.fieldId) == nullptr) {
+      enterField(newStoredField(FieldInfoCache, info));
+    }
+    freeDbFieldInfo(record);
   });
   _NQ_dbm_db_stop_buffering(db->fieldInfoDb);
   return 1;
@@ -180,12 +193,7 @@ int addFieldInfo(NQwFieldInfo *info) {
   auto *entry = static_cast<FieldCacheEntry *>(allocateOrEnd(sizeof(FieldCacheEntry)));
   entry->info = info;
   entry->values = new FieldValList(&CachedValue::inField);
-  entry->valueIndex = (info->flags & nameFieldFlag) != 0 ? newIndex(info->name) : nullptr;
-  FieldInfoCache->insert(entry);
-  if (info->name == nullptr) return 1;
-  FieldNameCache->insert(info->name, wordKey(info->fieldId));
-  if (strcoll_new(info->name, "NQW Maps Managed") == 0) mapsManagedFldId = info->fieldId;
-  if (strcoll_new(info->name, "NQW Maps Exists") == 0) mapsExistsFldId = info->fieldId;
+  enterField(entry);
   return 1;
 }
 
