@@ -92,31 +92,42 @@ std::vector<Name> namesOf(const ObjCacheEntry *object, ObjectDatabase *db) {
   return names;
 }
 
-bool bears(const CachedValue *item, const std::string &name) {
+// Whether obj_info has the value as the name of its object: a string under a name field that stands
+// in value_info is no name.
+bool bears(const CachedValue *item, const Name &name, ObjectDatabase *db) {
   const char *text = singleString(item->value);
-  return text != nullptr && name == text;
+  if (text == nullptr || name.text != text) return false;
+  const char *stored = getObjectName(db, *item->objectId, name.fieldId);
+  return stored != nullptr && name.text == stored;
 }
 
-// The object that the name is to lead to; null when none bears it any more.
-const uint32_t *newBearer(const Name &name) {
+// Finds the object that the name is to lead to; null when none bears it any more. False when the
+// library fails, which does not mean that nobody does.
+bool findNewBearer(const Name &name, ObjectDatabase *db, const uint32_t **bearer) {
   std::set<const uint32_t *> bearers;
+  *bearer = nullptr;
   const FieldCacheEntry *field = FieldInfoCache->find(name.fieldId);
   for (FieldValIter item(field->values); item() != nullptr; item++) {
-    if (!bears(item(), name.text)) continue;
-    if (*item()->objectId == name.leadsTo) return item()->objectId;
-    bearers.insert(item()->objectId);
+    if (bears(item(), name, db)) {
+      bearers.insert(item()->objectId);
+      if (*item()->objectId == name.leadsTo) *bearer = item()->objectId;
+    } else if (_NQ_dbm_db_look_failed(db->objInfoDb)) {
+      return false;
+    }
   }
-  if (bearers.empty()) return nullptr;
-  const uint32_t *oldest = nullptr;
+  if (*bearer != nullptr || bearers.empty()) return true;
   for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
-    if (bearers.contains(object()->objectId)) oldest = object()->objectId;  // the walk's last
+    if (bearers.contains(object()->objectId)) *bearer = object()->objectId;  // the oldest is last
   }
-  return oldest;
+  return true;
 }
 
 bool enterAgain(const Name &name, ObjectDatabase *db) {
-  const uint32_t *bearer = newBearer(name);
-  return bearer == nullptr || putNameObject(db, *bearer, name.fieldId, name.text.c_str()) >= 0;
+  const uint32_t *bearer = nullptr;
+  if (!findNewBearer(name, db, &bearer)) return false;
+  if (bearer == nullptr) return true;
+  const dbObject *record = getObjectNameRecord(db, *bearer, name.fieldId);
+  return record != nullptr && enterName(db, record) == 0;
 }
 
 // Whether the library can look for every record that the object may have under a field.

@@ -4,8 +4,8 @@
 //
 // 1. openStandardStreams, the check for the super-user, sanitizeEnvironment, parseOptions, the
 //    confirmation, checkDaemons. The new-handler is nqwDbOutOfMemory from here on.
-// 2. loadAndPurge fills the caches and deletes. A run with -d alone changes the tables there and
-//    ends after it.
+// 2. loadAndPurge opens the database, refuses when a version has the mark of an unfinished run,
+//    fills the caches and deletes. A run with -d alone changes the tables there and ends after it.
 // 3. installSignalHandlers with cleanupCaches.
 // 4. removeCurrentFiles plans the rewrite, makes the kept version and removes the old files.
 // 5. Between blockSignals and unblockSignals, rewriteDatabase makes the new tables, proves them and

@@ -15,7 +15,19 @@ extern const Command diffCommand;
 // records are selected, header and trailer are left out, so that a part is not loaded as a whole.
 extern const Command dumpCommand;
 
-// Lists the objects that have given values.
+// Lists the objects that have all of the given values, as ids or with their names, newest first
+// (for one value: in the order in which its field's values were loaded). Ends with objdbFindings
+// when there is none.
+//
+// 1. A QueryDatabase opens and locks the version and loads the definitions.
+// 2. Each word is taken apart at its first "=" or "~", and its value read as the field's type has it
+//    (field_text.h).
+// 3. Without --max-objects the names and the values of the fields that were asked for are loaded
+//    (selected_load.h). With it the caches have that many objects, and queries go to the tables for
+//    the others (value_search.h).
+// 4. With a name among the words: the objects with that name (objectsNamed), each asked for the
+//    other values. Else listObjects, or objectsWithFieldValue for one word, and in a limited load
+//    the objects that it passes over (unlistedObjects).
 extern const Command findCommand;
 
 // Writes all values of objects.
@@ -35,7 +47,19 @@ extern const Command archiveCommand;
 // Makes a database from the lines of a dump on standard input, where there is none.
 extern const Command loadCommand;
 
-// Puts the tables of a version in place of "current".
+// Puts the tables of a version in place of "current":
+//
+// 1. Locks the tables of both, removes leftovers, and surveys the version. One that is not whole is
+//    refused, unless told --partial.
+// 2. Copies its tables into a work directory and compares the two. If the version has no id keeper,
+//    the copy gets one: with the counter of "current", or one above the version's highest id if
+//    that is more.
+// 3. makeCurrent exchanges the work directory and "current". What was current becomes a version,
+//    whose name is written; but what an unfinished run has made of the tables is not kept.
+// 4. If the version was marked, the mark goes, and then what the unfinished run had made.
+//
+// Cut short before 3 nothing has changed; after it the new tables are current, and a marked version
+// can be restored once more. A failure after 3 says that the tables are in place.
 extern const Command restoreCommand;
 
 // Removes an archived version.

@@ -1,16 +1,3 @@
-// Puts the tables of a version in place of "current":
-//
-// 1. The tables of both are locked, and the version is read: is it whole?
-// 2. Its tables are copied into a work directory, which gets an id keeper if the version has none,
-//    and are compared with the version.
-// 3. The work directory becomes a version, and exchanges its name with "current". From here on the
-//    new tables are the current ones, and what they replace is a version. What an unfinished run
-//    has made of the tables is worth nothing: there the work directory does not become a version.
-// 4. The mark of an unfinished version goes, and then what that run had made of the tables.
-//
-// Cut short before 3, nothing has changed but that there may be a version more; cut short after it,
-// a marked version is still there to be restored once more.
-
 #include <sys/stat.h>
 
 #include <algorithm>

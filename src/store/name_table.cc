@@ -87,6 +87,10 @@ uint32_t getNameObjectId(ObjectDatabase *db, uint32_t fieldId, const char *name)
 int storeNameObject(ObjectDatabase *db, const dbObject *record) {
   const TableKey byObject = objInfoKey(record->objectId, record->fieldId);
   if (_NQ_dbm_db_store(db->objInfoDb, byObject.bytes, byObject.length, record) < 0) return -1;
+  return enterName(db, record);
+}
+
+int enterName(ObjectDatabase *db, const dbObject *record) {
   const TableKey byName = nameInfoKey(record->fieldId, record->name);
   return _NQ_dbm_db_store(db->nameInfoDb, byName.bytes, byName.length, record) < 0 ? -1 : 0;
 }

@@ -20,7 +20,10 @@ uint32_t getNameObjectId(ObjectDatabase *db, uint32_t fieldId, const char *name)
 // longer than 256 characters. Of two objects with one name, name_info leads to the one stored last.
 int storeNameObject(ObjectDatabase *db, const dbObject *record);
 
-// The same for a name given in parts. With the environment variable NQWDB_ABORT_ON_DUP_FID holding
+// The second half alone: enters a name that obj_info has in name_info again. 0, or -1.
+int enterName(ObjectDatabase *db, const dbObject *record);
+
+// As storeNameObject, for a name given in parts. With the environment variable NQWDB_ABORT_ON_DUP_FID holding
 // this field's id, a name is taken for a duplicate made by a naming fault when the number of the
 // object before this one, if it has at least four digits, stands first at its end: the polling
 // and topology daemons and this process then end with signal 11, and the name is not stored.

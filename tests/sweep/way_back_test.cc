@@ -162,6 +162,13 @@ TEST_F(WayBack, AnObjectGoesOnceAndANameStaysWithWhoBearsIt) {
   }
   EXPECT_EQ(sweep("-d '1 2 3'").status, 0);
   EXPECT_EQ(linesWith("name_info"), Lines{});
+
+  // A string under a name field that is no record of obj_info is no name, and becomes none.
+  std::filesystem::remove_all(root);
+  const Lines noName = {valueLine(4, 10, R"("type":"String","value":"same")")};
+  load(emptyNetwork() + first + noName);
+  EXPECT_EQ(sweep("-d 1").status, 0);
+  EXPECT_EQ(sorted(dump()), sorted(emptyNetwork() + noName));
 }
 
 // Whatever stands in the place of a table, a run neither waits for it nor writes where it leads.
