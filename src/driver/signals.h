@@ -2,9 +2,10 @@
 // that only deletes listed objects, they have the system's defaults (but see sayLastWordsBySignal).
 //
 // Keyboard interrupts, quit, broken pipes and termination requests are ignored, so that they cannot
-// break off the rewrite. SIGHUP and SIGSEGV are held during the rewrite, and every signal during
-// keepTables. Every other signal that can be caught runs the cleanup and then ends the process,
-// those too that would otherwise do nothing (SIGWINCH) or stop it (SIGTSTP).
+// break off the rewrite. SIGHUP, and a SIGSEGV that somebody sends, wait while the rewrite runs,
+// and every signal waits during keepTables. Every other signal that can be caught runs the cleanup
+// and then ends the process, those too that would otherwise do nothing (SIGWINCH) or stop it
+// (SIGTSTP).
 #pragma once
 
 #include <signal.h>

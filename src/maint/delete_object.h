@@ -8,7 +8,8 @@
 
 // 0 when the object is no longer in the database, also when it was not there; -1 when the deletion
 // failed part way (logged). After a failure:
-// - the values before the failing one are gone from caches and tables;
+// - the values before the failing one are gone from the caches and, unless they are held back
+//   (deletingDb), from the tables;
 // - the failing one is gone from the caches;
 // - the object keeps the values after it, and a rewrite would store those.
 int _nqwDbDeleteObject(uint32_t objectId);

@@ -11,7 +11,7 @@ enum class KeepBy { linking, copying };
 
 // Ends the process with status 1 when a version carries the mark of an unfinished run. Called once
 // the database is open, so that of two live runs the second is told that it cannot open it. The
-// open may have made empty tables in a torso by then; a restore replaces them with the others.
+// open may have made empty tables in a torso by then; a restore replaces them together with it.
 void refuseUnfinished();
 
 // Makes the kept version, without the tables that were missing (outcome.h), and prepares the last

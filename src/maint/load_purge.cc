@@ -190,17 +190,28 @@ void deleteListed(int (*deleteObject)(uint32_t objectId)) {
   }
 }
 
-// Deletes from the tables. What the library might write over in a damaged one counts as not read.
-void deleteListedInPlace() {
+// Whether the library can change the object tables: in a damaged one it writes over records, or
+// makes the file as long as a wrong header says.
+bool canBeChanged() {
+  bool sound = true;
   for (size_t table = 0; table < tableCount; ++table) {
-    const bool changes = tableFormats[table].isRebuilt;  // deletions touch the same three
-    if (changes && !_NQ_dbm_db_check_space(tableOf(runDb, table)) && outcome.unread == 0) {
-      outcome.unread = 1;
-    }
+    if (!tableFormats[table].isRebuilt) continue;
+    sound = _NQ_dbm_db_check_space(tableOf(runDb, table)) && sound;
   }
+  return sound;
+}
+
+int refuseDeletion(uint32_t) {
+  return -1;
+}
+
+// Deletes from the tables. What lies in a damaged one counts as not read.
+void deleteListedInPlace() {
+  const bool sound = canBeChanged();
+  if (!sound && outcome.unread == 0) outcome.unread = 1;
   keepTables(KeepBy::copying);  // before the first deletion
   const RecordCounts before = countRecords(runDb);
-  deleteListed(deleteObjectInPlace);
+  deleteListed(sound ? deleteObjectInPlace : refuseDeletion);
   const RecordCounts expected = expectedRecords(runDb, before);
   outcome.unsynced = !syncTables(runDb);
   // Until the mark is gone the tables stay locked, or another run would take this one for dead.

@@ -4,7 +4,9 @@
 // 1. Plan what will be stored, which takes memory.
 // 2. Keep the tables as they were, by links (kept_tables.h).
 // 3. Close runDb and remove the files of name_info, obj_info and value_info from "current".
-//    A file that cannot be removed is reported, and will be written over.
+//    A page file that cannot be removed is reported, copied into the kept version (keepCopyOf) and
+//    will be written over. When it cannot be copied, the process ends with status 1, and the kept
+//    version has its mark.
 // 4. End the bulk access of deletingDb. It drops the deletions that it holds back, except for a file
 //    that could not be removed: from there the deleted objects still have to go.
 // Ends the process with status 1, before anything is removed, when a path would be too long or the

@@ -5,7 +5,7 @@
 // 1. openStandardStreams, the check for the super-user, sanitizeEnvironment, parseOptions, the
 //    confirmation, checkDaemons. The new-handler is nqwDbOutOfMemory from here on.
 // 2. loadAndPurge opens the database, refuses when a version has the mark of an unfinished run,
-//    fills the caches and deletes. A run with -d alone changes the tables there and ends after it.
+//    fills the caches and deletes. A run with -d alone changes the tables there; for it, 6 follows.
 // 3. installSignalHandlers with cleanupCaches.
 // 4. removeCurrentFiles plans the rewrite, makes the kept version and removes the old files.
 // 5. Between blockSignals and unblockSignals, rewriteDatabase makes the new tables, proves them and

@@ -15,19 +15,21 @@ extern const Command diffCommand;
 // records are selected, header and trailer are left out, so that a part is not loaded as a whole.
 extern const Command dumpCommand;
 
-// Lists the objects that have all of the given values, as ids or with their names, newest first
-// (for one value: in the order in which its field's values were loaded). Ends with objdbFindings
-// when there is none.
+// Lists the objects that have all of the given values, as ids or with their names. The object that
+// was loaded last comes first; for one value the order is that in which its field's values were
+// loaded, and with --max-objects that of the table search. Ends with objdbFindings when there is
+// none.
 //
 // 1. A QueryDatabase opens and locks the version and loads the definitions.
-// 2. Each word is taken apart at its first "=" or "~", and its value read as the field's type has it
-//    (field_text.h).
+// 2. FIELD=VALUE asks for a value, FIELD~[VALUE,...] for a list that contains all of these. The first
+//    "=" or "~" counts, and the value is read as the field's type has it (field_text.h).
 // 3. Without --max-objects the names and the values of the fields that were asked for are loaded
 //    (selected_load.h). With it the caches have that many objects, and queries go to the tables for
 //    the others (value_search.h).
 // 4. With a name among the words: the objects with that name (objectsNamed), each asked for the
-//    other values. Else listObjects, or objectsWithFieldValue for one word, and in a limited load
-//    the objects that it passes over (unlistedObjects).
+//    other values. Else listObjects, or objectsWithFieldValue for one word. With --max-objects these
+//    pass over objects without a common name, which are asked one by one and come last
+//    (unlistedObjects).
 extern const Command findCommand;
 
 // Writes all values of objects.
@@ -54,12 +56,14 @@ extern const Command loadCommand;
 // 2. Copies its tables into a work directory and compares the two. If the version has no id keeper,
 //    the copy gets one: with the counter of "current", or one above the version's highest id if
 //    that is more.
-// 3. makeCurrent exchanges the work directory and "current". What was current becomes a version,
-//    whose name is written; but what an unfinished run has made of the tables is not kept.
-// 4. If the version was marked, the mark goes, and then what the unfinished run had made.
+// 3. makeCurrent exchanges the work directory and "current". If the version has no mark, what was
+//    current becomes a version, whose name is written. If it has, "current" is what the unfinished
+//    run has made of the tables, and is not kept. Marks of other versions stay as they are.
+// 4. The mark goes, and then what the unfinished run had made.
 //
-// Cut short before 3 nothing has changed; after it the new tables are current, and a marked version
-// can be restored once more. A failure after 3 says that the tables are in place.
+// Cut short before the exchange "current" is as it was, with a further version (a copy of the one
+// that is restored) or a leftover at most. After it the new tables are current, and a version that
+// still has its mark can be restored once more. A failure then says that the tables are in place.
 extern const Command restoreCommand;
 
 // Removes an archived version.

@@ -23,10 +23,11 @@ int storeNameObject(ObjectDatabase *db, const dbObject *record);
 // The second half alone: enters a name that obj_info has in name_info again. 0, or -1.
 int enterName(ObjectDatabase *db, const dbObject *record);
 
-// As storeNameObject, for a name given in parts. With the environment variable NQWDB_ABORT_ON_DUP_FID holding
-// this field's id, a name is taken for a duplicate made by a naming fault when the number of the
-// object before this one, if it has at least four digits, stands first at its end: the polling
-// and topology daemons and this process then end with signal 11, and the name is not stored.
+// As storeNameObject, for a name given in parts. With the environment variable
+// NQWDB_ABORT_ON_DUP_FID holding this field's id, a name is taken for a duplicate made by a naming
+// fault when the number of the object before this one, if it has at least four digits, stands first
+// at its end: the polling and topology daemons and this process then end with signal 11, and the
+// name is not stored.
 int putNameObject(ObjectDatabase *db, uint32_t objectId, uint32_t fieldId, const char *name);
 
 // 1 when both records are gone, also when they were never there; 0 on a failure, which is traced
