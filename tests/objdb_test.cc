@@ -293,6 +293,9 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
        0, "2025-12-01T00:00:00", 2},
       // The platform's daemons share the tables, whoever they run as.
       {"umask 077; cd $(objdb salvage current); stat -c %a * | uniq", 0, "777\n", 2},
+      {"mkdir -p x/current; objdb dump >y; objdb load --dir $PWD/x <y && objdb dump --dir $PWD/x | "
+       "cmp - y",
+       0, "", 1},
       {"umask 077; objdb dump | objdb load --dir $PWD/x/y; stat -c %a x x/y x/y/*/* | uniq", 0,
        "777\n", 1},
       {"mv $V 01122025.000000; cp -a 01122025.000000 011225.000000; objdb versions | cut -d ' ' -f "
