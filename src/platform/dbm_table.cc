@@ -97,7 +97,7 @@ std::string whyRefused(const std::string &path) {
   const Descriptor directory(openRegular(path + directorySuffix, O_RDONLY));
   Descriptor pages(openRegular(path + pageSuffix, O_RDONLY));
   if (!directory.isOpen() || !pages.isOpen()) return "";
-  const std::string why = whyNotDirectoryFile(directory.get());
+  std::string why = whyNotDirectoryFile(directory.get());
   if (!why.empty()) return why;
   GDBM_FILE file = gdbm_fd_open(pages.get(), "", 0, GDBM_READER | GDBM_NOLOCK, nullptr);
   if (file == nullptr) return whyNotPageFile(pages.get());

@@ -29,7 +29,8 @@ uint32_t _Hash::storedHash(const void *key) const {
 // The upper bits of a product with 2^32 over the golden ratio: ids that were handed out one after
 // the other lie as far from each other as the places allow.
 size_t _Hash::homeOf(uint32_t hash) const {
-  return (hash * 0x9E3779B9u) >> (33 - std::bit_width(places_.size()));
+  const uint32_t product = hash * 0x9E3779B9u;
+  return static_cast<size_t>((uint64_t{product} * places_.size()) >> 32);
 }
 
 // Where the key is, or the free place where it would be; there always is one, see insert. Comparing
