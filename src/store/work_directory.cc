@@ -210,10 +210,15 @@ bool WorkDirectory::retract(std::string *error) {
           0) {
     return failAttempt("rename", named, error);
   }
+  const bool synced = fsync(database_.get()) == 0 || failAttempt("sync", named, error);
+  // What is not surely gone stays, if it can.
+  if (!synced && renameat2(database_.get(), fresh.c_str(), database_.get(), named.c_str(),
+                           RENAME_NOREPLACE) == 0) {
+    return false;
+  }
   name_ = fresh;
   published_ = false;
-  if (fsync(database_.get()) != 0) return failAttempt("sync", named, error);
-  return true;
+  return synced;
 }
 
 bool WorkDirectory::exchangeNames(int from, const std::string &entry, const std::string &name,

@@ -59,7 +59,8 @@ class WorkDirectory {
                std::string *error);
   bool removeReplaced(std::string *error);
 
-  // Takes a published directory's name away again; the destructor will remove it.
+  // Takes a published directory's name away again; the destructor will remove it. When that fails,
+  // it keeps the name, if it can.
   bool retract(std::string *error);
 
   // Removes it now. False, and *error says why, when that fails.
