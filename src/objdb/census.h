@@ -15,6 +15,8 @@ class Census {
   std::string digest() const;  // in hexadecimal
   Json toJson() const;         // the trailer line
 
+  bool operator==(const Census &) const = default;
+
  private:
   std::array<uint64_t, tableCount> records_{};
   uint64_t digest_ = 0;

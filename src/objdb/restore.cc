@@ -16,8 +16,7 @@ bool addIdKeeper(WorkDirectory *work, const std::string &current, uint32_t highe
   const uint32_t counter = std::max(surveyVersion(current).counter, lowestCounter(highestId));
   const std::string key = keyOf({0});
   const std::string bytes = encodedRecord(idKeeper, &counter);
-  return writeTable(work->path(), idKeeper, {{key, bytes}}) ||
-         failAttempt("write", tableFile(idKeeper, pageSuffix), error);
+  return writeTable(work->path(), idKeeper, {{key, bytes}}, error);
 }
 
 // A link leads to files that lie elsewhere, which an exchange of names would not reach.

@@ -25,8 +25,9 @@ namespace {
 bool writeTables(const SalvagedTables &tables, const std::string &directory, std::string *error) {
   for (size_t table = 0; table < tableCount; ++table) {
     const Records &records = tables[table].records;
-    if (writeTable(directory, table, RecordViews(records.begin(), records.end()))) continue;
-    return failAttempt("write", tableFile(table, pageSuffix), error);
+    if (!writeTable(directory, table, RecordViews(records.begin(), records.end()), error)) {
+      return false;
+    }
   }
   return true;
 }

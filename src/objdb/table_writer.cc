@@ -6,10 +6,15 @@
 #include <cstdint>
 #include <optional>
 
+#include "objdb/census.h"
 #include "objdb/progress.h"
+#include "objdb/table_reader.h"
 #include "store/tables.h"
+#include "store/work_directory.h"
 
-bool writeTable(const std::string &directory, size_t table, const RecordViews &records) {
+namespace {
+
+bool store(const std::string &directory, size_t table, const RecordViews &records) {
   const TableFormat &format = tableFormats[table];
   NQ_dbm_db *db = _NQ_dbm_db_open(directory.c_str(), format.name, O_RDWR | O_CREAT, 0777,
                                   format.decode, format.encode);
@@ -25,7 +30,6 @@ bool writeTable(const std::string &directory, size_t table, const RecordViews &r
   }
   {
     const Phase sorting(std::string("sorting ") + format.name);
-    // Records of one key compare by address, so the later one is stored last.
     std::sort(stores.begin(), stores.end());
   }
   bool stored = true;
@@ -42,4 +46,27 @@ bool writeTable(const std::string &directory, size_t table, const RecordViews &r
   stored = stored && _NQ_dbm_db_sync(db) == 0;
   _NQ_dbm_db_close(db);
   return stored;
+}
+
+// By the files: what was stored may not be what they have.
+bool holds(const std::string &directory, size_t table, const RecordViews &records) {
+  Census stored, found;
+  for (const auto &[key, bytes] : records) stored.add(table, key, bytes);
+  OpenFailure ignored;
+  const auto reader = TableReader::open(directory, table, TableReader::Demand::table, &ignored);
+  DbmRecord record;
+  while (reader != nullptr && reader->next(&record)) found.add(table, record.key, record.bytes);
+  return reader != nullptr && reader->isComplete() && found == stored;
+}
+
+}  // namespace
+
+bool writeTable(const std::string &directory, size_t table, const RecordViews &records,
+                std::string *error) {
+  if (!store(directory, table, records)) {
+    return failAttempt("write", tableFile(table, pageSuffix), error);
+  }
+  if (holds(directory, table, records)) return true;
+  *error = "the tables do not hold what was written to them";
+  return false;
 }
