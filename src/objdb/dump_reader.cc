@@ -5,6 +5,7 @@
 #include <cstring>
 #include <functional>
 #include <stdexcept>
+#include <tuple>
 
 #include "objdb/census.h"
 #include "objdb/plain_lines.h"
@@ -69,10 +70,8 @@ class DumpReader {
       keys.emplace_back(std::hash<std::string>()(record.key), &record);
     }
     std::sort(keys.begin(), keys.end(), [](const auto &a, const auto &b) {
-      if (a.first != b.first) return a.first < b.first;
-      if (a.second->table != b.second->table) return a.second->table < b.second->table;
-      const int order = a.second->key.compare(b.second->key);
-      return order != 0 ? order < 0 : a.second < b.second;
+      return std::tie(a.first, a.second->table, a.second->key, a.second) <
+             std::tie(b.first, b.second->table, b.second->key, b.second);
     });
     const auto twice =
         std::adjacent_find(keys.begin(), keys.end(), [](const auto &a, const auto &b) {
