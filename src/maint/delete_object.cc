@@ -130,29 +130,11 @@ bool enterAgain(const Name &name, ObjectDatabase *db) {
   return record != nullptr && enterName(db, record) == 0;
 }
 
-// Whether the library can look for every record that the object may have under a field.
-bool canLookFor(uint32_t objectId, uint32_t fieldId, ObjectDatabase *db) {
-  const char *name = getObjectName(db, objectId, fieldId);
-  if (_NQ_dbm_db_look_failed(db->objInfoDb)) return false;
-  if (name != nullptr) getNameObjectId(db, fieldId, name);
-  if (name != nullptr && _NQ_dbm_db_look_failed(db->nameInfoDb)) return false;
-  dbObjectValue *value = getValueObject(db, objectId, fieldId);
-  if (value != nullptr) freeDbObjectValue(value);
-  return !_NQ_dbm_db_look_failed(db->valueInfoDb);
-}
-
 // Deletes every record under a key of the object and any field: one that the load could not read is
-// in no cache and would be left over. What the library cannot look for it cannot delete either;
-// then the object keeps all its records, its name above all.
+// in no cache and would be left over.
 bool deleteByKeys(uint32_t objectId, ObjectDatabase *db) {
-  std::vector<const NQwFieldInfo *> fields;
   for (_HashIter each(FieldInfoCache); each() != nullptr; each++) {
-    fields.push_back(static_cast<const FieldCacheEntry *>(each()->data())->info);
-  }
-  for (const NQwFieldInfo *field : fields) {
-    if (!canLookFor(objectId, field->fieldId, db)) return false;
-  }
-  for (const NQwFieldInfo *field : fields) {
+    const NQwFieldInfo *field = static_cast<const FieldCacheEntry *>(each()->data())->info;
     const uint32_t id = field->fieldId;
     if (deleteStoredValue(objectId, id, field->flags, db) == 0) return false;
     const bool mayHaveName = (field->flags & nameFieldFlag) != 0;

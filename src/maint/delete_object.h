@@ -21,8 +21,7 @@ int deleteObjectEntries(uint32_t objectId, ObjCacheEntry *entry);
 int deleteStoredValue(uint32_t objectId, uint32_t fieldId, uint32_t flags, ObjectDatabase *db);
 
 // As _nqwDbDeleteObject, for a run that changes the tables in place. In addition:
-// - where not all records could be read, those that the caches lack are deleted by their keys, and
-//   an object of which the library cannot look for every record is left whole;
+// - where not all records could be read, those that the caches lack are deleted by their keys;
 // - a name that another object bears too is entered in name_info again: for the object that it led
 //   to if that still bears it, else for the oldest one, as a rewrite would leave it.
 int deleteObjectInPlace(uint32_t objectId);
