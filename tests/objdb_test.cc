@@ -4,13 +4,16 @@
 
 #include <poll.h>
 #include <pty.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <random>
 
 #include "objdb/census.h"
 #include "objdb/plain_lines.h"
+#include "objdb/progress.h"
 #include "records/table_records.h"
 #include "sweep/sweep_runs.h"
 
@@ -382,20 +385,20 @@ TEST_F(Objdb, ProtocolsAreThoseThatASweepTakes) {
   EXPECT_EQ(run("objdb protocols --ids 'QRT Session' --json").out, "{\"object\":9}\n");
 }
 
-// What a terminal has been sent while the command ran, the timer of the progress line being helped
-// along with its own signal.
-std::string sentToTerminal(const std::string &command) {
+// What a terminal has been sent while the work was done on it, the timer of the progress line being
+// helped along with its own signal.
+std::string sentToTerminal(const std::function<void()> &work, bool alarms) {
   int terminal = -1;
-  signal(SIGALRM, SIG_IGN);  // until the command expects it
+  signal(SIGALRM, SIG_IGN);  // until the work expects it
   const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
   if (child == 0) {
-    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+    work();
     _exit(127);
   }
   std::string sent;
   char buffer[4096];
   for (pollfd ready{terminal, POLLIN, 0};;) {
-    kill(child, SIGALRM);
+    if (alarms) kill(child, SIGALRM);
     if (poll(&ready, 1, 1) == 0) continue;
     const ssize_t got = read(terminal, buffer, sizeof buffer);
     if (got <= 0) break;
@@ -428,6 +431,34 @@ std::string shownBy(const std::string &sent) {
   return screen + line;
 }
 
+TEST(Progress, SaysHowFarTheLastPhaseIs) {
+  const auto work = [] {
+    {
+      Phase reading("reading", 8);
+      constexpr itimerval never{};
+      setitimer(ITIMER_REAL, &never, nullptr);  // on a busy machine it would tick as well
+      raise(SIGALRM);
+      reading.count();
+      reading.count();
+      raise(SIGALRM);
+      {
+        Phase sorting("sorting");
+        sorting.count();
+        raise(SIGALRM);
+        const ProgressPause pause;
+        raise(SIGALRM);
+      }
+      for (int i = 0; i < 7; ++i) reading.count();  // one more than there should be
+      raise(SIGALRM);
+    }
+    raise(SIGALRM);
+    _exit(0);
+  };
+  EXPECT_EQ(sentToTerminal(work, false),
+            "\r\033[Kreading\r\033[Kreading: 2 of 8 records (25 %)\r\033[K"
+            "\r\033[Ksorting: 1 records\r\033[K\r\033[Kreading: 9 records\r\033[K");
+}
+
 TEST_F(Objdb, ATerminalSeesProgressAndThenAResultWithoutIt) {
   std::filesystem::remove_all(root);
   loadSample(10000);
@@ -444,7 +475,11 @@ TEST_F(Objdb, ATerminalSeesProgressAndThenAResultWithoutIt) {
     // On a busy machine a phase may be over before its alarm comes.
     for (int attempt = 0; attempt < 20 && sent.find(each.phase) == sent.npos; ++attempt) {
       run("rm -rf /usr/NQ/copy");
-      sent = sentToTerminal(each.command);
+      sent = sentToTerminal(
+          [&] {
+            execl("/bin/sh", "sh", "-c", (std::string("exec ") + each.command).c_str(), nullptr);
+          },
+          true);
     }
     EXPECT_THAT(sent, HasSubstr(each.phase)) << each.command;
     run("rm -rf /usr/NQ/copy");

@@ -57,6 +57,8 @@ struct Command {
   std::function<void()> prepare = [] {};
   // Looks at the tables after a round, beyond nothingIsLost. May change them.
   std::function<void(const Round &)> judge = [](const Round &) {};
+  // Makes a version of what can be read, and reports the rest as lost.
+  bool salvages = false;
 };
 
 enum class Points {
@@ -83,12 +85,14 @@ struct Round {
   const Command &command;
   const Fault &fault;
   long at;
-  bool reached;          // the command came to the point; if not, it ran as if there were none
+  std::string call;      // that the command made there; empty when it did not come to the point
   Outcome outcome;       // of the command
   const Outcome &clean;  // of the command without a fault
   const Versions &before, &after;  // the command, and the command without a fault
   Versions now;
   std::string trace = {};  // of the deletions
+
+  bool reached() const { return !call.empty(); }
 };
 
 // How the tests show their parameters.
@@ -101,10 +105,6 @@ inline void PrintTo(const Fault &fault, std::ostream *stream) {
 
 // How CTest names the test of a command and a fault.
 std::string caseName(const testing::TestParamInfo<std::tuple<Command, Fault>> &test);
-
-// Whether the name of the case ends with one of these. For cases that are known to fail and wait
-// for their cure: take them out of the list with the cure.
-bool isOneOf(const std::vector<std::string> &cases, const Command &command, const Fault &fault);
 
 // The fault at point `at`, or 0 for none. Counts the points of the run in *points, where that is
 // given. `meanwhile` runs each time that the command stops.
@@ -133,7 +133,7 @@ void letInEverywhere(const Command &first, const Command &second, const JudgeTwo
 
 // What holds after any command and any fault: "current" is as before or as after, or the marked
 // version holds it as before; the other versions are as before or as after; every version that has
-// a name is whole; a failure is not silent, and a run that reports nothing has done all of its
-// work. The next run then names the marked version, if there is one, and objdb brings it back;
-// after that the database is ready for use.
+// a name is whole; a failure is not silent, that of a sync least of all, and a run that reports
+// nothing has done all of its work. The next run then names the marked version, if there is one,
+// and objdb brings it back; after that the database is ready for use.
 void nothingIsLost(const Round &round);
