@@ -48,8 +48,8 @@ void stopMapGuis() {
 
 int databaseDaemonRunning() {
   FILE *pipe = openPipe(databaseDaemonCommand);
-  int id = 0;
-  const int read = fscanf(pipe, "%d", &id);
+  int id = 0;  // and stays so where no number comes
+  [[maybe_unused]] const int read = fscanf(pipe, "%d", &id);
   pclose(pipe);
-  return read == 1 && id != 0 ? 1 : 0;
+  return id != 0;
 }

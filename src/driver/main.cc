@@ -44,7 +44,7 @@ void run(const Options &options) {
   sayPhase("connect to object database");
   loadAndPurge(options.dflag, options.pflag, options.mflag);
   // A list of ids alone is deleted from the tables as they stand; nothing is rewritten.
-  if (options.dflag != 0 && options.mflag == 0 && options.pflag == 0) return;
+  if (!options.mflag && !options.pflag) return;
 
   // From here on an interruption would leave tables half removed or half written.
   installSignalHandlers(cleanupCaches);
@@ -87,7 +87,7 @@ int main(int argc, char **argv) {
   }
   sanitizeEnvironment();  // before the first shell command
   const Options options = parseOptions(argc, argv, programName);
-  if (options.cflag != 0) {
+  if (options.cflag) {
     fputs("The -c option is no longer supported since corvaneTurboDatabase is standard.\n", stderr);
     exit(exitNormal);
   }

@@ -2,12 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <string>
 
 #include "maint/rewrite.h"
 #include "maint/run.h"
@@ -52,10 +54,8 @@ bool separatesIds(char c) {
 // One id: the number at its start, 0 when there is none. Ids up to 2^32 - 1 may be given as such.
 bool parseObjectId(const char *text, size_t length, uint32_t *id) {
   if (length > longestId) return false;
-  char digits[longestId + 1] = {};
-  memcpy(digits, text, length);
   // Wider than an id on either word size, so that an id above 2^31 - 1 is read as it stands.
-  const long long number = strtoll(digits, nullptr, 10);
+  const long long number = strtoll(std::string(text, length).c_str(), nullptr, 10);
   if (number < std::numeric_limits<int32_t>::min() ||
       number > std::numeric_limits<uint32_t>::max()) {
     return false;
@@ -115,39 +115,38 @@ bool parseObjectIdList(const char *text) {
     text = end;
     while (separatesIds(*text)) ++text;
   } while (*text != '\0');
-  memcpy(objectids, ids, static_cast<size_t>(count) * sizeof ids[0]);
+  std::copy_n(ids, count, objectids);
   numofobj = count;
   return true;
 }
 
 Options parseOptions(int argc, char **argv, const char *programName) {
   Options options;
-  int letter = 0;
-  while ((letter = getopt(argc, argv, "?cmd:n:p:")) != -1) {
+  for (int letter; (letter = getopt(argc, argv, "?cmd:n:p:")) != -1;) {
     switch (letter) {
       case 'c':
-        options.cflag = 1;
+        options.cflag = true;
         break;
       case 'm':
         // At once, in the order of the options: what stands before -m has been judged by then.
         refuseSecondMigration(programName);
-        options.mflag = 1;
+        options.mflag = true;
         break;
       case 'd':
         if (!parseObjectIdList(optarg)) usage();
-        options.dflag = 1;
+        options.dflag = true;
         break;
       case 'n':  // a count that older releases used
         break;
       case 'p':
         setProtocol(optarg, programName);
-        options.pflag = 1;
+        options.pflag = true;
         break;
       default:
         usage();
     }
   }
-  if (options.dflag == 0) {
+  if (!options.dflag) {
     // Nothing to do, or all three at once. -c with one other action is refused later, in main.
     const int actions = options.cflag + options.mflag + options.pflag;
     if (actions == 0 || actions == 3) usage();

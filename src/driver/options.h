@@ -2,10 +2,10 @@
 #pragma once
 
 struct Options {
-  int dflag = 0;  // delete the objects in objectids, or count
-  int cflag = 0;  // obsolete
-  int mflag = 0;  // migrate
-  int pflag = 0;  // delete the objects of a protocol
+  bool dflag = false;  // delete the objects in objectids, or count
+  bool cflag = false;  // obsolete
+  bool mflag = false;  // migrate
+  bool pflag = false;  // delete the objects of a protocol
 };
 
 // What follows the last "/" of argv[0]; the whole of it where it has none or ends with one.

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "platform/exit_status.h"
 #include "platform/report.h"
 
@@ -11,7 +13,7 @@ sigset_t blockedSignals;
 
 namespace {
 
-volatile sig_atomic_t ending = 0;
+std::atomic_flag ending;
 
 bool isIgnored(int number) {
   return number == SIGINT || number == SIGQUIT || number == SIGPIPE || number == SIGTERM ||
@@ -21,8 +23,7 @@ bool isIgnored(int number) {
 // The cleanup may free what an interrupted call of the allocator has left half changed. The
 // allocator would say so and abort, which is no message of ours and nothing to be helped.
 void silenceStandardError() {
-  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  if (nowhere >= 0) dup2(nowhere, STDERR_FILENO);
+  dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
 }
 
 }  // namespace
@@ -43,8 +44,7 @@ int installSignalHandlers(void (*cleanup)(int signal)) {
 
 void signalHandler(int signal) {
   if (cleanupRoutine == nullptr) return;
-  if (ending != 0) _exit(exitRefused);
-  ending = 1;
+  if (ending.test_and_set()) _exit(exitRefused);
   sayLastWords();  // before the cleanup, which may not come to its end
   // The alarm has to come through also when it was what called us.
   sigset_t alarmAlone;

@@ -95,6 +95,7 @@ TEST_F(Endings, NobodyBreaksOffTheRewrite) {
   const Outcome held = signalled("restore", {SIGHUP});
   EXPECT_EQ(held.status, 1) << "a hang-up is acted on once the tables are complete";
   EXPECT_EQ(held.err, dialogue + loading + rewriting);
+  EXPECT_EQ(run("ls -A " + root).out, "current\n");
   EXPECT_EQ(dump(), before);
   EXPECT_TRUE(exists("/usr/NQ/conf/dbsweep.lock"));
 }
@@ -102,7 +103,7 @@ TEST_F(Endings, NobodyBreaksOffTheRewrite) {
 TEST_F(Endings, ACaughtSignalEndsTheRunThroughTheCleanup) {
   loadSample(manyObjects);
   for (const std::vector<int> &signals :
-       {std::vector{SIGUSR1}, {SIGALRM}, {SIGWINCH}, {SIGRTMAX - 3}, {SIGUSR1, SIGUSR2, SIGUSR1}}) {
+       {std::vector{SIGUSR1}, {SIGALRM}, {SIGWINCH}, {SIGRTMAX - 1}, {SIGUSR1, SIGUSR2, SIGUSR1}}) {
     putTablesBack();
     const Outcome outcome = signalled("restore", signals);
     EXPECT_EQ(outcome.status, 1) << "signal " << signals[0];
@@ -113,7 +114,9 @@ TEST_F(Endings, ACaughtSignalEndsTheRunThroughTheCleanup) {
     // The next run sends the operator to the kept tables, and they are the ones from before.
     const std::string version = onlyVersion();
     EXPECT_EQ(sweep("-d 99").err, dialogue + loading + unfinishedMessage(version));
-    EXPECT_EQ(run("objdb restore " + version.substr(version.rfind('/') + 1)).status, 0);
+    const std::string restore = "objdb restore " + version.substr(version.rfind('/') + 1);
+    EXPECT_THAT(readFile("/usr/NQ/log/nqw.log"), testing::HasSubstr(restore));
+    EXPECT_EQ(run(restore).status, 0);
     EXPECT_TRUE(tablesAreUnchanged()) << "signal " << signals[0];
     std::filesystem::remove_all(version);
   }
@@ -121,8 +124,9 @@ TEST_F(Endings, ACaughtSignalEndsTheRunThroughTheCleanup) {
 
 int cleanups;
 
-void faultyCleanup(int) {
+void faultyCleanup(int number) {
   if (++cleanups > 1) _exit(99);
+  writeFile("/usr/NQ/tmp/cleaned", std::to_string(number));
   fputs("free(): invalid pointer\n", stderr);
   raise(SIGABRT);
 }
@@ -135,8 +139,7 @@ pid_t startWith(void (*cleanup)(int), int number) {
   const pid_t child = fork();
   if (child == 0) {
     dup2(open("/usr/NQ/tmp/err", O_WRONLY | O_CREAT | O_APPEND, 0644), STDERR_FILENO);
-    installSignalHandlers(cleanup);
-    raise(number);
+    raise(installSignalHandlers(cleanup) + number);
     _exit(98);
   }
   return child;
@@ -150,7 +153,9 @@ TEST_F(Endings, AFaultInTheCleanupEndsTheRunWithoutAnother) {
   EXPECT_EQ(endWith(faultyCleanup, SIGUSR1), 1);
   EXPECT_EQ(endWith(faultyCleanup, SIGSEGV), 1);
   EXPECT_EQ(readFile("/usr/NQ/tmp/err"), "") << "what the allocator says of it helps nobody";
+  EXPECT_EQ(readFile("/usr/NQ/tmp/cleaned"), std::to_string(SIGSEGV));
   EXPECT_EQ(endWith(faultyCleanup, SIGTERM), 98) << "an ignored signal has no cleanup";
+  EXPECT_EQ(endWith(faultyCleanup, SIGRTMAX), 128 + SIGRTMAX) << "signal 64 is nobody's business";
   const pid_t stuck = startWith(slowCleanup, SIGUSR1), late = startWith(slowCleanup, SIGALRM);
   EXPECT_EQ(endOf(stuck), 1) << "a cleanup that is stuck is given up";
   EXPECT_EQ(endOf(late), 1) << "and so is that of the alarm itself";
