@@ -8,6 +8,7 @@
 #include "internal/iNameToOID.h"
 #include "internal/loaders.h"
 #include "maint/delete_object.h"
+#include "maint/outcome.h"
 #include "maint/rewrite_plan.h"
 #include "maint/run.h"
 #include "store/shared_database.h"
@@ -53,6 +54,8 @@ TEST_F(Maintenance, AFailingTableLeavesTheRestOfTheObject) {
   NQ_dbm_db *writable = db->valueInfoDb;
   db->valueInfoDb =
       _NQ_dbm_db_open(currentDir.c_str(), "value_info", O_RDONLY, 0, nullptr, nullptr);
+  EXPECT_EQ(deleteObjectEntries(77, ObjValCache->find(1)), 0) << "not the object of the entry";
+  EXPECT_THAT(readFile("/usr/NQ/log/nqw.log"), HasSubstr("Cache failure in nqwDbDeleteObject."));
   EXPECT_EQ(_nqwDbDeleteObject(1), -1);
   EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"), HasSubstr("Error in delValueObject."));
   EXPECT_THAT(
@@ -68,13 +71,17 @@ TEST_F(Maintenance, AFailingTableLeavesTheRestOfTheObject) {
 }
 
 TEST_F(Maintenance, EveryValueThatCannotBeStoredIsCounted) {
-  load(network);
+  Lines lines = network;
+  for (uint32_t id = 100; id < 400; ++id) {
+    lines.push_back(valueLine(id, 22, R"("type":"Integer","value":5)"));
+  }
+  load(lines);
   runDb = loadCaches();
   planRewrite();
   const struct {
     size_t table;
     uint32_t values;
-  } cases[] = {{objInfo, 2}, {nameInfo, 2}, {valueInfo, 5}};
+  } cases[] = {{objInfo, 2}, {nameInfo, 2}, {valueInfo, 305}};
   for (const auto &[table, values] : cases) {
     const TableFormat &format = tableFormats[table];
     NQ_dbm_db *writable = tableOf(runDb, table);
@@ -85,6 +92,17 @@ TEST_F(Maintenance, EveryValueThatCannotBeStoredIsCounted) {
   }
   EXPECT_EQ(storePlanned(runDb), 0u);
   runDb = nullptr;
+}
+
+TEST(Reasons, HaveTheirPlaces) {
+  outcome = {1, {"id_keeper", "obj_info"}, 2, 3, 4, {"a.pag", "b.dir"}, true, true};
+  EXPECT_EQ(reasonsToKeep(),
+            "1 records could not be read; table id_keeper was missing; table obj_info was missing; "
+            "2 values were left out; 3 values could not be written; 4 objects could not be "
+            "deleted; a.pag could not be removed; b.dir could not be removed; the new tables could "
+            "not be synced; the new tables are not complete");
+  outcome = {};
+  EXPECT_EQ(reasonsToKeep(), "");
 }
 
 }  // namespace

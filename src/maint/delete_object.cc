@@ -146,15 +146,13 @@ bool deleteByKeys(uint32_t objectId, ObjectDatabase *db) {
 }  // namespace
 
 int deleteObjectInPlace(uint32_t objectId) {
-  ObjectDatabase *db = nqwDbGetDb(0);
+  ObjectDatabase *db = nqwDbGetDb(0);  // which is the run's own, and open
   const ObjCacheEntry *object = ObjValCache->find(objectId);
   // Noted before the deletion, which takes them out of name_info.
   std::vector<Name> names;
-  if (object != nullptr && db != nullptr) names = namesOf(object, db);
-  const bool isPartlyRead = loadLosses.unreadable > 0 && db != nullptr;
-  if (isPartlyRead && !deleteByKeys(objectId, db)) return -1;
+  if (object != nullptr) names = namesOf(object, db);
+  if (loadLosses.unreadable != 0 && !deleteByKeys(objectId, db)) return -1;
   if (_nqwDbDeleteObject(objectId) != 0) return -1;
-  if (db == nullptr) return 0;
   for (const Name &name : names) {
     if (!enterAgain(name, db)) return -1;
   }

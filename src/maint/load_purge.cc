@@ -70,7 +70,7 @@ std::vector<size_t> absentTables() {
 
 bool hasRecords(size_t table) {
   uint64_t records = 0;
-  return !_NQ_dbm_db_count(tableOf(runDb, table), &records) || records > 0;
+  return !_NQ_dbm_db_count(tableOf(runDb, table), &records) || records != 0;
 }
 
 // Whether the table is as an open makes it where there is none. Another process may have put a
@@ -99,7 +99,7 @@ void noteMissing(std::vector<size_t> absent) {
   for (const size_t table : absent) outcome.missing.emplace_back(tableFormats[table].name);
 }
 
-void openForRun(int dflag, int pflag, int mflag) {
+void openForRun(int pflag, int mflag) {
   const std::vector<size_t> absent = absentTables();
   directoryFailure = endWithoutDirectory;
   // A list alone is deleted from the tables through the shared handle, so the run takes that one:
@@ -107,7 +107,7 @@ void openForRun(int dflag, int pflag, int mflag) {
   // which they close before the rewrite.
   if (mflag != 0) {
     runDb = open_nqwdb_ndbm_old(0);
-  } else if (dflag != 0 && pflag == 0) {
+  } else if (pflag == 0) {
     runDb = nqwDbGetDb(0);
   } else {
     runDb = open_nqwdb_ndbm(0);
@@ -156,8 +156,7 @@ void writeCount(FILE *stream, int32_t count) {
 // Every line goes out at its end, so that the file tells what was done whenever the run ends.
 void openTraceFile() {
   constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-  const int fd = open(traceFile, flags, 0644);
-  tfp = fd < 0 ? nullptr : fdopen(fd, "w");
+  tfp = fdopen(open(traceFile, flags, 0644), "w");
   if (tfp == nullptr) endWith(exitRefused, "dbsweep: Cann't open log file for writing\n");
   setvbuf(tfp, nullptr, _IOLBF, BUFSIZ);
 }
@@ -193,12 +192,10 @@ void deleteListed(int (*deleteObject)(uint32_t objectId)) {
 // Whether the library can change the object tables: in a damaged one it writes over records, or
 // makes the file as long as a wrong header says.
 bool canBeChanged() {
-  bool sound = true;
-  for (size_t table = 0; table < tableCount; ++table) {
-    if (!tableFormats[table].isRebuilt) continue;
-    sound = _NQ_dbm_db_check_space(tableOf(runDb, table)) && sound;
-  }
-  return sound;
+  const auto isUnsound = [](size_t table) {
+    return !_NQ_dbm_db_check_space(tableOf(runDb, table));
+  };
+  return std::count_if(rebuiltTables.begin(), rebuiltTables.end(), isUnsound) == 0;
 }
 
 int refuseDeletion(uint32_t) {
@@ -208,7 +205,7 @@ int refuseDeletion(uint32_t) {
 // Deletes from the tables. What lies in a damaged one counts as not read.
 void deleteListedInPlace() {
   const bool sound = canBeChanged();
-  if (!sound && outcome.unread == 0) outcome.unread = 1;
+  if (!sound) outcome.unread = std::max(outcome.unread, 1u);
   keepTables(KeepBy::copying);  // before the first deletion
   const RecordCounts before = countRecords(runDb);
   deleteListed(sound ? deleteObjectInPlace : refuseDeletion);
@@ -283,7 +280,7 @@ void deleteProtocol(uint32_t fieldId) {
 }  // namespace
 
 void loadAndPurge(int dflag, int pflag, int mflag) {
-  openForRun(dflag, pflag, mflag);
+  openForRun(pflag, mflag);
   fillCaches(mflag);
   outcome.unread = loadLosses.unreadable;
   const bool onlyCounts = dflag != 0 && objectids[0] == countOnly;

@@ -1,6 +1,6 @@
 #include "maint/outcome.h"
 
-Outcome outcome;
+RunOutcome outcome;
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-struct Outcome {
+struct RunOutcome {
   uint32_t unread = 0;               // records
   std::vector<std::string> missing;  // tables that were not there, beside others with records
   uint32_t leftOut = 0;              // values of remaining objects that a rewrite drops or changes
@@ -17,7 +17,7 @@ struct Outcome {
   bool incomplete = false;             // they do not hold what was stored
 };
 
-extern Outcome outcome;
+extern RunOutcome outcome;
 
 // The reasons that apply, joined by "; "; empty when there are none.
 std::string reasonsToKeep();

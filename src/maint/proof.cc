@@ -7,16 +7,13 @@
 
 RecordCounts countRecords(ObjectDatabase *db) {
   RecordCounts counts{};
-  for (size_t table = 0; table < tableCount; ++table) {
-    if (tableFormats[table].isRebuilt) _NQ_dbm_db_count(tableOf(db, table), &counts[table]);
-  }
+  for (const size_t table : rebuiltTables) _NQ_dbm_db_count(tableOf(db, table), &counts[table]);
   return counts;
 }
 
 RecordCounts expectedRecords(ObjectDatabase *db, const RecordCounts &before) {
   RecordCounts counts = before;
-  for (size_t table = 0; table < tableCount; ++table) {
-    if (!tableFormats[table].isRebuilt) continue;
+  for (const size_t table : rebuiltTables) {
     counts[table] += static_cast<uint64_t>(_NQ_dbm_db_added(tableOf(db, table)));
   }
   return counts;
@@ -24,8 +21,8 @@ RecordCounts expectedRecords(ObjectDatabase *db, const RecordCounts &before) {
 
 bool syncTables(ObjectDatabase *db) {
   bool synced = true;
-  for (size_t table = 0; table < tableCount; ++table) {
-    if (tableFormats[table].isRebuilt && _NQ_dbm_db_sync(tableOf(db, table)) != 0) synced = false;
+  for (const size_t table : rebuiltTables) {
+    if (_NQ_dbm_db_sync(tableOf(db, table)) != 0) synced = false;
   }
   const char *directory = dbPath(nullptr, nullptr);
   return directory != nullptr && syncDirectory(directory) == 0 && synced;
@@ -34,9 +31,8 @@ bool syncTables(ObjectDatabase *db) {
 // Counted in the files and not in the handle that has written them, which knows only what it was
 // told.
 bool areComplete(const char *directory, const RecordCounts &records) {
-  for (size_t table = 0; table < tableCount; ++table) {
+  for (const size_t table : rebuiltTables) {
     const TableFormat &format = tableFormats[table];
-    if (!format.isRebuilt) continue;
     // As a run opens it, which looks at both files.
     NQ_dbm_db *opened =
         _NQ_dbm_db_open(directory, format.name, O_RDWR, 0, format.decode, format.encode);

@@ -7,6 +7,9 @@
 #include "store/database.h"
 #include "store/tables.h"
 
+// The object tables, in the order in which a rewrite removes them.
+inline constexpr std::array rebuiltTables{nameInfo, objInfo, valueInfo};
+
 // How many records each of the object tables has or is to have; 0 for the other tables.
 using RecordCounts = std::array<uint64_t, tableCount>;
 

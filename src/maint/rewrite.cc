@@ -84,11 +84,9 @@ void removeTable(const char *directory, size_t table) {
 }
 
 void recordMigration() {
-  char id[16];
-  const int length = snprintf(id, sizeof id, "%d", static_cast<int>(getpid()));
-  const int fd = creat(migrationLockFile, 0600);
-  if (fd < 0) return;
-  [[maybe_unused]] const ssize_t written = write(fd, id, static_cast<size_t>(length));
+  const std::string id = std::to_string(getpid());
+  [[maybe_unused]] const ssize_t written =
+      write(creat(migrationLockFile, 0600), id.data(), id.size());
 }
 
 }  // namespace
@@ -103,7 +101,7 @@ void removeCurrentFiles() {
   heldLocks = lockVersion(directory, &ignored);
   keepTables(KeepBy::linking);
   closeRunDb();  // or the handle could still write into files that are the kept version's now
-  for (const size_t table : {nameInfo, objInfo, valueInfo}) removeTable(directory, table);
+  for (const size_t table : rebuiltTables) removeTable(directory, table);
   // After the removal: deletions held back for a file that is gone are dropped. From a file that
   // could not be removed they are carried out one by one.
   if (deletingDb != nullptr) stopBuffering(std::exchange(deletingDb, nullptr));
@@ -123,10 +121,9 @@ void rewriteDatabase(int migrate) {
   const RecordCounts expected = expectedRecords(runDb, before);
   outcome.unsynced = !syncTables(runDb);
   // Until the mark is gone the tables stay locked, or another run would take this one for dead.
-  heldLocks = lockVersion(currentDirectory(), &ignored);
+  const auto locks = lockVersion(currentDirectory(), &ignored);
   closeRunDb();
   outcome.incomplete = !areComplete(currentDirectory(), expected);
   removeOrReportKeptVersion();
-  heldLocks.reset();
   if (migrate != 0) recordMigration();  // last: a run that is cut short does not count
 }

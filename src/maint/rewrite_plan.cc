@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "internal/object_walk.h"
+#include "maint/proof.h"
 #include "maint/run.h"
 #include "platform/arena.h"
 #include "records/value_table.h"
@@ -45,7 +46,7 @@ struct Plan {
   std::unique_ptr<Arena> blocks;
   std::array<Values, 3> next;                       // the groups that are stored next
   std::vector<std::pair<uint32_t, size_t>> sorted;  // order and place of each value of one
-  std::array<uint64_t, 3> fileSizes{};              // of the rebuilt tables as they were
+  std::array<uint64_t, tableCount> fileSizes{};     // of the rebuilt tables as they were
   uint32_t overwritten = 0;                         // by a later value of the object
 };
 Plan plan;
@@ -137,10 +138,6 @@ uint32_t storeValues(ObjectDatabase *db, const Values &values) {
   return failed;
 }
 
-std::array<NQ_dbm_db *, 3> rebuiltTables(const ObjectDatabase *db) {
-  return {db->objInfoDb, db->nameInfoDb, db->valueInfoDb};
-}
-
 }  // namespace
 
 uint32_t planRewrite() {
@@ -152,18 +149,20 @@ uint32_t planRewrite() {
   plan = {};
   plan.blocks = std::make_unique<Arena>();
   plan.groupShift = orderBits - groupBits;
-  plan.groups.resize(size_t{1} << groupBits);
+  plan.groups.resize((size_t{1} << groupBits) + 2);  // two without values push the last ones out
   forEachObject(ObjValCache,
                 [](ObjCacheEntry *, const std::vector<CachedValue *> &all) { addObject(all); });
   reserveForStoring();
-  const auto tables = rebuiltTables(runDb);
-  std::transform(tables.begin(), tables.end(), plan.fileSizes.begin(), _NQ_dbm_db_size);
+  for (const size_t table : rebuiltTables) {
+    plan.fileSizes[table] = _NQ_dbm_db_size(tableOf(runDb, table));
+  }
   return plan.overwritten;
 }
 
 uint32_t storePlanned(ObjectDatabase *db) {
-  const auto tables = rebuiltTables(db);
-  for (size_t i = 0; i < tables.size(); ++i) _NQ_dbm_db_expect(tables[i], plan.fileSizes[i]);
+  for (const size_t table : rebuiltTables) {
+    _NQ_dbm_db_expect(tableOf(db, table), plan.fileSizes[table]);
+  }
   uint32_t lost = 0;
   for (const CachedValue *item : plan.names) {
     if (putNameObject(db, *item->objectId, item->field->fieldId, nameOf(item)) < 0) ++lost;
@@ -171,14 +170,15 @@ uint32_t storePlanned(ObjectDatabase *db) {
   // These two have all their records; their mapped files would take memory for nothing.
   _NQ_dbm_db_stop_buffering(db->objInfoDb);
   _NQ_dbm_db_stop_buffering(db->nameInfoDb);
-  const size_t groups = plan.groups.size();
-  const auto nextOf = [](size_t group) -> Values & { return plan.next[group % plan.next.size()]; };
-  for (size_t step = 0; step < groups + 2; ++step) {
-    if (step < groups) fetchValues(plan.groups[step], nextOf(step));
-    if (step >= 1 && step <= groups) fetchParts(nextOf(step - 1));
+  for (size_t step = 0; step < plan.groups.size(); ++step) {
+    auto &[newest, between, oldest] = plan.next;
+    std::swap(oldest, between);
+    std::swap(between, newest);
+    fetchValues(plan.groups[step], newest);
+    fetchParts(between);
+    lost += storeValues(db, oldest);
     // The places of the first half of the order are parts of the file that nothing else goes to.
-    if (step == groups / 2) _NQ_dbm_db_release_pages(db->valueInfoDb);
-    if (step >= 2) lost += storeValues(db, nextOf(step - 2));
+    if (step == plan.groups.size() / 2) _NQ_dbm_db_release_pages(db->valueInfoDb);
   }
   return lost;
 }

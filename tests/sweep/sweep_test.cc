@@ -1,7 +1,6 @@
 // Whole runs of the real binary: what they print, what they leave in the tables.
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -96,19 +95,14 @@ TEST_F(Sweep, DeletesEveryObjectOfAProtocol) {
 }
 
 TEST_F(Sweep, RewritesTheTablesWhenNoObjectHasTheProtocol) {
-  const ino_t inode = [] {
-    struct stat status {};
-    stat((currentDir + "/value_info.pag").c_str(), &status);
-    return status.st_ino;
-  }();
+  const std::string look = "stat -c '%i %a' " + currentDir + "/value_info.pag";
+  const std::string old = run(look).out;
   const Outcome outcome = sweep("-p X -p OSPF");  // the last one counts
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.err, dialogue + loading + rewriting);
   EXPECT_EQ(dump(), before);
-  struct stat status {};
-  stat((currentDir + "/value_info.pag").c_str(), &status);
-  EXPECT_NE(status.st_ino, inode);
-  EXPECT_EQ(status.st_mode & 0777, 0777u);
+  EXPECT_NE(run(look).out, old);
+  EXPECT_THAT(run(look).out, testing::EndsWith(" 777\n"));
 }
 
 TEST_F(Sweep, ChangesNothingForAProtocolWithoutABooleanField) {
@@ -128,6 +122,7 @@ TEST_F(Sweep, DeletesListedObjectsInPlace) {
   const std::string lines = count(6) + deleted(3) + deleted(77) + deleted(99) + deleted(4000000000);
   EXPECT_EQ(outcome.err, dialogue + loading + lines);
   EXPECT_EQ(readFile("/usr/NQ/log/objectsdb.trace"), lines);
+  EXPECT_EQ(run("stat -c %a /usr/NQ/log/objectsdb.trace").out, "644\n");
   EXPECT_EQ(dump(), without(before, {3, 99, 4000000000}));
 
   EXPECT_EQ(sweep("-d 12").err, dialogue + loading + count(3) + deleted(12));
@@ -161,9 +156,7 @@ TEST_F(Sweep, MigratesOnce) {
   EXPECT_EQ(outcome.err, dialogue + loading + rewriting);
   EXPECT_EQ(dump(), before);
   EXPECT_EQ(readFile("/usr/NQ/conf/dbsweep.lock") + "\n", readFile("/usr/NQ/tmp/id"));
-  struct stat status {};
-  stat("/usr/NQ/conf/dbsweep.lock", &status);
-  EXPECT_EQ(status.st_mode & 07777, 0600u);
+  EXPECT_EQ(run("stat -c %a /usr/NQ/conf/dbsweep.lock").out, "600\n");
   EXPECT_THAT(sweep("-m").err, StartsWith("dbsweep: Migration has previously been done"));
 }
 
@@ -220,10 +213,9 @@ TEST_F(Sweep, NeedsItsTraceFile) {
 TEST_F(Sweep, SaysWhichFileItCouldNotRemove) {
   keptExpected = true;
   const std::string path = currentDir + "/name_info.pag";
-  const Outcome outcome =
-      run("mkdir /usr/NQ/keep; cp -a " + currentDir + " /usr/NQ/keep; mount --bind " + path + " " +
-              path + "; dbsweep -p OSPF; status=$?; umount " + path + "; exit $status",
-          "yes");
+  const Outcome outcome = run("mount --bind " + path + " " + path +
+                                  "; dbsweep -p OSPF; status=$?; umount " + path + "; exit $status",
+                              "yes");
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.err, dialogue + loading + "DEBUG: save clear files in dbdir...\n" +
                              "\nDatabase file " + path + " couldn't be removed.\n" +
@@ -313,8 +305,7 @@ TEST_F(EmptyPlatform, OddValuesSurviveTheRewriteAsTheyAre) {
       valueLine(6, 10, R"("type":"String","list":["a","b"])"),
       valueLine(7, 11, R"("type":"Integer","value":77)"),
       valueLine(8, 24, R"("type":"String","list":[null,""])"),
-      valueLine(9, 24, R"("type":"String","value":{"hex":"ff00"}})").substr(0, 0) +
-          valueLine(9, 24, R"("type":"String","value":{"hex":"fffe"})"),
+      valueLine(9, 24, R"("type":"String","value":{"hex":"fffe"})"),
   };
   // One name of two objects: name_info can lead to one of them only.
   Lines sameName = nameLines(11, 10, "twin");

@@ -36,6 +36,10 @@ class WayBack : public PlatformTest {
 };
 
 TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
+  // A NUL in the name, and bytes after it.
+  const std::string oddName =
+      R"({"table":"obj_info","object":7,"field":11,"name":"x",)"
+      R"("bytes":"0000000100000007000000010000000b0000000378007900ffffffff"})";
   const struct {
     Lines more;
     std::string damage;
@@ -49,6 +53,7 @@ TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
        "true",
        "1 values were left out"},
       {{valueLine(7, 77, isTrue)}, "true", "1 values were left out"},
+      {{oddName}, "true", "1 values were left out"},
       // What goes with its object is no loss.
       {{valueLine(8, 77, isTrue)}, "true", ""},
       {{rawValue("ff")}, "true", "1 records could not be read"},
@@ -66,7 +71,6 @@ TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
     load(network + each.more);
     ASSERT_EQ(run("cd " + currentDir + " && " + each.damage).status, 0);
     saveTables();
-    const bool hasObjects = each.damage.find("obj_info") == std::string::npos;
     const std::string inode = run("stat -c %i " + currentDir + "/value_info.pag").out;
     const Outcome outcome = sweep("-p 'QRT Session'");
     EXPECT_EQ(outcome.status, each.reasons.empty() ? 0 : 1);
@@ -74,17 +78,50 @@ TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
     EXPECT_EQ(outcome.err, dialogue + loading + deleted(8) +
                                "dbsweep: 1 objects have been deleted from the objects database\n" +
                                rewriting + kept);
+    EXPECT_EQ(linesWith(R"("name":"x")").size(), each.more == Lines{oddName} ? 2u : 0u);
+    EXPECT_EQ(readFile("/usr/NQ/log/nqw.log").find("did not finish"), std::string::npos);
     if (each.reasons.empty()) {
       EXPECT_EQ(run("ls -A " + root).out, "current\n");
       continue;
     }
     EXPECT_EQ(run("stat -c %i " + onlyVersion() + "/value_info.pag").out, inode) << "copied";
-    const std::string missing = hasObjects ? "id_keeper.*" : "obj_info.*";
     EXPECT_EQ(run("cd " + onlyVersion() + " && for each in *; do cmp $each " + saved +
                   "/current/$each || exit; done; [ -e value_info.pag ] && [ ! -e unfinished ]")
                   .status,
-              0)
-        << missing;
+              0);
+  }
+}
+
+// The counter alone tells that there was a database.
+TEST_F(WayBack, TablesAreMissingBesideAnyOther) {
+  load(network);
+  ASSERT_EQ(run("rm " + currentDir + "/[!i]*").status, 0);
+  const Outcome outcome = sweep("-m");
+  EXPECT_EQ(outcome.err, dialogue + loading + rewriting +
+                             keptMessage("table field_info was missing; table obj_info was "
+                                         "missing; table value_info was missing",
+                                         onlyVersion()));
+}
+
+// A disk that has just the room that is needed, and one with a block less.
+TEST_F(WayBack, ARunTakesTheRoomThatItSays) {
+  load(network);
+  saveTables();
+  for (const std::string arguments : {"-m", "-d 8"}) {
+    run("mount -t tmpfs -o size=200k tmpfs " + root + "; cp -a " + saved + "/current " + root);
+    const std::string said = sweep(arguments).err;
+    unsigned needed = 0, left = 0;
+    sscanf(said.c_str() + said.rfind(':'), ": %u bytes are needed, %u are free", &needed, &left);
+    ASSERT_GT(left, 0u) << said;
+    EXPECT_EQ(needed % 4096, 0u);
+    for (const bool fits : {false, true}) {
+      const unsigned size = 200 * 1024 - left + needed - (fits ? 0 : 4096);
+      run("mount -o remount,size=" + std::to_string(size) + " " + root);
+      const Outcome outcome = sweep(arguments);
+      EXPECT_EQ(outcome.status, fits ? 0 : 1) << outcome.err;
+      EXPECT_EQ(outcome.err.find("Cannot keep") == std::string::npos, fits) << outcome.err;
+    }
+    run("umount " + root);
   }
 }
 
@@ -92,15 +129,18 @@ TEST_F(WayBack, EveryReasonToKeepTheTablesIsSaid) {
 TEST_F(WayBack, WhatCouldNotBeReadGoesWithItsObject) {
   const std::string unreadableName =
       R"({"table":"obj_info","object":7,"field":11,"name":"x","bytes":"ff"})";
-  load(network + Lines{rawValue("ff"), unreadableName});
-  saveTables();
-  const Outcome outcome = sweep("-d 7");
-  EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.err, dialogue + loading + "dbsweep: Total number of objects in DB is 2\n" +
-                             deleted(7) +
-                             keptMessage("2 records could not be read", onlyVersion()));
-  EXPECT_EQ(run("diff -r " + saved + "/current " + onlyVersion()).status, 0);
-  EXPECT_EQ(sorted(dump()), sorted(without(network, {7})));
+  for (const std::string &unreadable : {rawValue("ff"), unreadableName}) {
+    std::filesystem::remove_all(root);
+    load(network + Lines{unreadable});
+    saveTables();
+    const Outcome outcome = sweep("-d 7");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, dialogue + loading + "dbsweep: Total number of objects in DB is 2\n" +
+                               deleted(7) +
+                               keptMessage("1 records could not be read", onlyVersion()));
+    EXPECT_EQ(run("diff -r " + saved + "/current " + onlyVersion()).status, 0);
+    EXPECT_EQ(sorted(dump()), sorted(without(network, {7})));
+  }
 }
 
 TEST_F(WayBack, WhereItIsNotClearWhatToDeleteNothingIs) {
@@ -231,12 +271,14 @@ TEST_F(WayBack, VersionsAreAsPrivateAsTheirTables) {
           ". value_info.pag; chmod 2750 .");
   prepare("mkdir /usr/NQ/victim; : >/usr/NQ/victim/precious; cd " + root +
           "; ln -s /usr/NQ/victim .dbsweep-make; ln -s /usr/NQ/victim .dbsweep-abcdef; " + chown +
-          ".dbsweep-abcdef; mkdir .dbsweep-opened; : >.dbsweep-opened/precious");
+          ".dbsweep-abcdef; mkdir .dbsweep-opened; : >.dbsweep-opened/precious; mkdir -m 700 "
+          ".dbsweep-dead");
   EXPECT_EQ(sweep("-d 8").status, 1);
   EXPECT_EQ(run("stat -c '%a %u %g' " + root + "/[0-9]* " + root + "/[0-9]*/value_info.pag").out,
             "2750" + owner + "640" + owner);
   EXPECT_TRUE(exists("/usr/NQ/victim/precious"));
   EXPECT_TRUE(exists(root + "/.dbsweep-opened/precious")) << "no directory that a run has made";
+  EXPECT_FALSE(exists(root + "/.dbsweep-dead")) << "left by a run that was killed";
 }
 
 TEST_F(WayBack, TheTraceTellsWhatWasDoneAndAFullDiskWhatWasNot) {
