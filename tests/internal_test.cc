@@ -168,8 +168,8 @@ TEST_F(Caches, ALoadTakesTheWholeDatabase) {
   const auto *status = static_cast<enumConstants *>(enumconstantstable->find(wordKey(23))->data());
   ASSERT_EQ(status->count, 2u);
   EXPECT_STREQ(status->names[1], "down");
-  EXPECT_EQ(SFieldInfoCache->size(), 0);
-  EXPECT_EQ(mapsManagedFldId, 0u);
+  EXPECT_EQ(SFieldInfoCache->size() + cache_snapshots, 0);
+  EXPECT_EQ(mapsManagedFldId + mapsExistsFldId, 0u);
 
   // A field's list keeps the order of the scan.
   std::vector<uint32_t> scanned, listed;
@@ -217,6 +217,18 @@ TEST_F(Caches, FieldsAreFoundByNameAndId) {
   EXPECT_STREQ(getCachedFieldInfo(22)->name, "Speed");
   EXPECT_EQ(getCachedFieldInfo(9), nullptr);
   EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"), HasSubstr("NQw_FIELD_NOT_FOUND"));
+
+  for (const char *name : {"first", "second"}) {
+    auto *info = static_cast<NQwFieldInfo *>(malloc(sizeof(NQwFieldInfo)));
+    *info = {77, strdup(name), Integer, 0};
+    EXPECT_EQ(addFieldInfo(info), 1);
+  }
+  EXPECT_EQ(fieldNameToId("first"), 77u);
+  EXPECT_EQ(fieldNameToId("second"), 0u);
+  FieldCacheEntry *entry = FieldInfoCache->find(77);
+  FieldInfoCache->remove(77);
+  EXPECT_EQ(FieldInfoCache->find(77), nullptr);
+  FieldInfoCache->insert(entry);
 }
 
 TEST_F(Caches, ValuesMatchByTypeFirst) {
@@ -253,7 +265,7 @@ TEST_F(Caches, AListMatchesWhenItContainsTheOther) {
     bool matches;
   };
   const Case cases[] = {
-      {Integer, {3, -1, 2}, {2, 3}, true}, {Integer, {3, -1, 2}, {}, true},
+      {Integer, {3, -1, 2}, {3, 2}, true}, {Integer, {3, -1, 2}, {}, true},
       {Integer, {3, -1, 2}, {4}, false},   {Integer, {1}, {1, 1}, false},
       {Integer, {5, 5}, {5, 5}, true},     {Integer, {}, {}, true},
       {Integer, {9, 8}, {0}, false},       {Boolean, {1}, {1}, false},
@@ -279,6 +291,11 @@ TEST_F(Caches, AListMatchesWhenItContainsTheOther) {
   EXPECT_TRUE(listContains(&cached, &query));
   EXPECT_EQ(have[0].value.string, nullptr);
   EXPECT_EQ(have[2].value.string, y) << "the cached list stays sorted";
+  query.type = Integer;
+  EXPECT_FALSE(listContains(&cached, &query));
+  query.type = String;
+  want[0].value.string = nullptr;
+  EXPECT_FALSE(listContains(&cached, &query)) << "a null string is like nothing";
 }
 
 TEST_F(Caches, ObjectsAreListedNewestFirst) {

@@ -16,9 +16,11 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 using Ids = std::vector<uint32_t>;
 
@@ -36,7 +38,8 @@ class Queries : public CacheTest {
     for (uint32_t id = 1; id <= 30; ++id) {
       Lines names = nameLines(id, 10, "object " + std::to_string(id == 8 ? 7 : id));
       if (id == 8) names.pop_back();
-      lines = lines + names + Lines{valueLine(id, 22, R"("type":"Integer","value":1)")};
+      lines = lines + names + nameLines(id, 11, "host " + std::to_string(id)) +
+              Lines{valueLine(id, 22, R"("type":"Integer","value":1)")};
     }
     load(lines);
   }
@@ -77,25 +80,25 @@ TEST_F(Queries, ANameSelectsOneObjectUnlessItIsAskedForAlone) {
   int hasName = 7;
   EXPECT_EQ(checkBindings(&named.onNumber, &hasName), 1);
   EXPECT_EQ(hasName, 0);
+  EXPECT_EQ(checkBindings(&named.both, &hasName), 1);
+  EXPECT_EQ(hasName, 1);
 }
 
 TEST_F(Queries, BindingsThatCannotMatchAreRefused) {
   ObjectDatabase *db = loadCaches();
   Bindings unknown(22, 1, 99, "x"), mismatched(20, 1, 24, "x"), nobody(22, 1, 10, "nobody");
-  EXPECT_EQ(listObjects(&unknown.both), nullptr);
-  EXPECT_EQ(NQwError(), NQw_FIELD_NOT_FOUND);
+  const auto errorOf = [](const NQwObjectIdList *list) {
+    EXPECT_EQ(list, nullptr);
+    return std::exchange(_NQwError, 0);
+  };
+  EXPECT_EQ(errorOf(listObjects(&mismatched.both)), NQw_FIELD_TYPE_MISMATCH);
+  EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"),
+              AllOf(HasSubstr("NQw_FIELD_TYPE_MISMATCH"), Not(HasSubstr("NQw_FIELD_NOF_FOUND"))));
+  EXPECT_EQ(errorOf(listObjects(&unknown.both)), NQw_FIELD_NOT_FOUND);
   EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"), HasSubstr("NQw_FIELD_NOF_FOUND"));
-  EXPECT_EQ(findObjectsWithValue(db, &unknown.bindings[1]), nullptr);
-  EXPECT_EQ(NQwError(), NQw_FIELD_NOT_FOUND);
-  _NQwError = 0;
-  EXPECT_EQ(listObjects(&mismatched.both), nullptr);
-  EXPECT_EQ(NQwError(), NQw_FIELD_TYPE_MISMATCH);
-  _NQwError = 0;
-  EXPECT_EQ(objectsWithFieldValue(&mismatched.bindings[0]), nullptr);
-  EXPECT_EQ(NQwError(), NQw_FIELD_TYPE_MISMATCH);
-  _NQwError = 0;
-  EXPECT_EQ(findObjectsWithValues(db, &mismatched.onNumber), nullptr);
-  EXPECT_EQ(NQwError(), NQw_FIELD_TYPE_MISMATCH);
+  EXPECT_EQ(errorOf(findObjectsWithValue(db, &unknown.bindings[1])), NQw_FIELD_NOT_FOUND);
+  EXPECT_EQ(errorOf(objectsWithFieldValue(&mismatched.bindings[0])), NQw_FIELD_TYPE_MISMATCH);
+  EXPECT_EQ(errorOf(findObjectsWithValues(db, &mismatched.onNumber)), NQw_FIELD_TYPE_MISMATCH);
   EXPECT_THAT(take(findObjectsWithValue(db, &nobody.bindings[1])), IsEmpty());
   EXPECT_EQ(NQwError(), NQw_FIELD_VALUE_NULL);
 }
@@ -121,6 +124,7 @@ TEST_F(Queries, ALimitedCacheKeepsToItsLimit) {
   max_objects_cached = 30;
   loadCaches();
   EXPECT_EQ(cache_overflow, 0) << "all have room";
+  EXPECT_EQ(ObjValCache->find(7)->values->size(), 3) << "with their second names";
   cleanupCaches(1);
   max_objects_cached = 5;
   objcount = 0;
@@ -133,11 +137,15 @@ TEST_F(Queries, ALimitedCacheKeepsToItsLimit) {
     EXPECT_EQ(NQwError(), NQw_NO_ERROR);
     EXPECT_EQ(ObjValCache->size(), 5);
     NQwFieldBindList *values = getFieldValues(id);
-    EXPECT_EQ(values->count, 2);
+    EXPECT_EQ(values->count, 3);
     NQwDbFreeFieldBindList(values);
   }
   EXPECT_EQ(nameToObjectId(10, "object 9"), 9u);
-  EXPECT_EQ(nameToObjectId(10, nullptr), 0u);
+  EXPECT_EQ(NQwError(), NQw_NO_ERROR);
+  for (const char *name : {"nobody", static_cast<const char *>(nullptr)}) {
+    EXPECT_EQ(nameToObjectId(10, name), 0u);
+    EXPECT_EQ(NQwError(), NQw_OBJECT_NOT_FOUND);
+  }
 
   EXPECT_EQ(ensureObjectCached(db, 4711), 0);
   EXPECT_EQ(NQwError(), NQw_OBJECT_NOT_FOUND);

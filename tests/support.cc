@@ -157,13 +157,11 @@ std::vector<std::string> scanKeys(const char *table) {
 ObjectDatabase *loadCaches() {
   ObjectDatabase *db = nqwDbGetDb(0);
   ObjValCache = new ObjTable(1500, 3, 3, 0.333f);
-  buildEnumTable(db);
-  buildFieldInfoTable(db);
+  EXPECT_EQ(buildEnumTable(db) + buildFieldInfoTable(db), 2);
   if (max_objects_cached != 0) {
-    loadObjectsWithinLimit(db);
+    EXPECT_EQ(loadObjectsWithinLimit(db), 1);
   } else {
-    loadObjectNames(db);
-    loadObjectValues(db);
+    EXPECT_EQ(loadObjectNames(db) + loadObjectValues(db), 2);
   }
   return db;
 }

@@ -54,10 +54,9 @@ struct CachedField {
   NQwFieldInfo info;
 };
 
-// Both lie in the piece only where newStoredField has made it.
+// The list lies in the piece only where newStoredField has made it.
 bool isStored(FieldCacheEntry *entry) {
-  auto *field = reinterpret_cast<CachedField *>(entry);
-  return entry->values == &field->values && entry->info == &field->info;
+  return entry->values == &reinterpret_cast<CachedField *>(entry)->values;
 }
 
 }  // namespace
@@ -68,7 +67,7 @@ FieldCacheEntry *newStoredField(FieldTable *table, const NQwFieldInfo &info) {
   auto *field = new (storage) CachedField;
   field->info = info;
   field->entry = {&field->info, &field->values, nullptr};
-  if (nameSize > 0) {
+  if (info.name != nullptr) {
     field->info.name = reinterpret_cast<char *>(field + 1);
     memcpy(field->info.name, info.name, nameSize);
   }

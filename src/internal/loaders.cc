@@ -1,5 +1,6 @@
 #include "internal/loaders.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -20,7 +21,7 @@ namespace {
 
 // The sizes and factors are the platform's own. Our tables grow, and take the first number alone
 // (platform/hash.h).
-constexpr int smallIndex = 200;
+constexpr uint32_t smallIndex = 200;
 constexpr float growthFactor = 0.333f;
 
 bool isCachedObject(uint32_t objectId) {
@@ -44,59 +45,22 @@ bool isWithinLimit(uint32_t objectId) {
 class LossWatch {
  public:
   void look(uint32_t objectId, uint32_t fieldId) {
-    const uint32_t before = std::exchange(seen_, cutStrings + recordsWithRest);
+    const uint32_t before = std::exchange(seen_, losses());
     if (seen_ != before && FieldInfoCache->find(fieldId) != nullptr) {
       loadLosses.leftOut.push_back(objectId);
     }
   }
 
  private:
-  uint32_t seen_ = cutStrings + recordsWithRest;
+  static uint32_t losses() { return cutStrings + recordsWithRest; }
+
+  uint32_t seen_ = losses();
 };
 
 // Adds a single value that was read in place.
 void addView(BulkLoad *load, const RecordView &view) {
   load->add(view.objectId, view.fieldId,
             view.hasText ? storeText(ObjValCache, view.text) : storeValue(ObjValCache, view.value));
-}
-
-void loadAllNames(ObjectDatabase *db) {
-  LossWatch losses;
-  BulkLoad load(&loadLosses.leftOut);
-  loadLosses.unreadable += forEachStored(db->objInfoDb, [&](std::string_view bytes) {
-    RecordView view;
-    if (viewDbObject(bytes, &view)) {
-      addView(&load, view);
-      return true;
-    }
-    const auto *record = static_cast<dbObject *>(_NQ_dbm_db_decode(db->objInfoDb, bytes));
-    if (record == nullptr) return false;
-    losses.look(record->objectId, record->fieldId);
-    addView(&load, {record->objectId, record->fieldId, {0, String, {}, 0}, record->name, true});
-    return true;
-  });
-  load.finish();
-  _NQ_dbm_db_stop_buffering(db->objInfoDb);  // its mapped file would be in memory for nothing
-}
-
-// Both data formats decode to the same records.
-void loadAllValues(ObjectDatabase *db) {
-  LossWatch losses;
-  BulkLoad load(&loadLosses.leftOut);
-  loadLosses.unreadable += forEachStored(db->valueInfoDb, [&](std::string_view bytes) {
-    RecordView view;
-    if (viewDbObjectValue(bytes, &view)) {
-      addView(&load, view);
-      return true;
-    }
-    auto *record = static_cast<dbObjectValue *>(_NQ_dbm_db_decode(db->valueInfoDb, bytes));
-    if (record == nullptr) return false;
-    losses.look(record->objectId, record->fieldId);
-    load.add(record->objectId, record->fieldId, storeValue(ObjValCache, *record->value));
-    freeDbObjectValue(record);
-    return true;
-  });
-  load.finish();
 }
 
 void loadNamesWithinLimit(ObjectDatabase *db) {
@@ -134,18 +98,14 @@ int indexSize(const char *fieldName) {
   for (const char *name : {"Selection Name", "IP Network Name"}) {
     if (strcmp_new(fieldName, name) == 0) size = max_objects_cached;
   }
-  return static_cast<int>(size);
-}
-
-FieldNameTbl *newIndex(const char *fieldName) {
-  const int size = indexSize(fieldName);
-  return size <= smallIndex ? new FieldNameTbl(smallIndex, 3, 3, growthFactor)
-                            : new FieldNameTbl(size, 1, 3, growthFactor);
+  return static_cast<int>(std::max(size, smallIndex));
 }
 
 void enterField(FieldCacheEntry *entry) {
   NQwFieldInfo *info = entry->info;
-  entry->valueIndex = (info->flags & nameFieldFlag) != 0 ? newIndex(info->name) : nullptr;
+  entry->valueIndex = (info->flags & nameFieldFlag) != 0
+                          ? new FieldNameTbl(indexSize(info->name), 3, 3, growthFactor)
+                          : nullptr;
   FieldInfoCache->insert(entry);
   if (info->name == nullptr) return;
   FieldNameCache->insert(info->name, wordKey(info->fieldId));
@@ -198,18 +158,48 @@ int addFieldInfo(NQwFieldInfo *info) {
 }
 
 int loadObjectNames(ObjectDatabase *db) {
-  loadAllNames(db);
+  LossWatch losses;
+  BulkLoad load(&loadLosses.leftOut);
+  loadLosses.unreadable += forEachStored(db->objInfoDb, [&](std::string_view bytes) {
+    RecordView view;
+    if (viewDbObject(bytes, &view)) {
+      addView(&load, view);
+      return true;
+    }
+    const auto *record = static_cast<dbObject *>(_NQ_dbm_db_decode(db->objInfoDb, bytes));
+    if (record == nullptr) return false;
+    losses.look(record->objectId, record->fieldId);
+    load.add(record->objectId, record->fieldId, storeText(ObjValCache, record->name));
+    return true;
+  });
+  load.finish();
+  _NQ_dbm_db_stop_buffering(db->objInfoDb);  // its mapped file would be in memory for nothing
   return 1;
 }
 
 int loadObjectValues(ObjectDatabase *db) {
-  loadAllValues(db);
+  LossWatch losses;
+  BulkLoad load(&loadLosses.leftOut);
+  loadLosses.unreadable += forEachStored(db->valueInfoDb, [&](std::string_view bytes) {
+    RecordView view;
+    if (viewDbObjectValue(bytes, &view)) {
+      addView(&load, view);
+      return true;
+    }
+    auto *record = static_cast<dbObjectValue *>(_NQ_dbm_db_decode(db->valueInfoDb, bytes));
+    if (record == nullptr) return false;
+    losses.look(record->objectId, record->fieldId);
+    load.add(record->objectId, record->fieldId, storeValue(ObjValCache, *record->value));
+    freeDbObjectValue(record);
+    return true;
+  });
+  load.finish();
   return 1;
 }
 
+// Both data formats decode to the same records.
 int loadObjectValuesOld(ObjectDatabase *db) {
-  loadAllValues(db);
-  return 1;
+  return loadObjectValues(db);
 }
 
 int loadObjectsWithinLimit(ObjectDatabase *db) {
@@ -267,14 +257,11 @@ NQwFieldValue *newFieldValue(int32_t type, const void *data) {
 void insertByFieldId(FieldValList *list, CachedValue *item) {
   const uint32_t fieldId = item->field->fieldId;
   const CachedValue *passed = nullptr;
-  for (FieldValIter walk(list); walk() != nullptr; walk++) {
-    const uint32_t walkedId = walk()->field->fieldId;
-    if (walkedId == fieldId) break;
-    if (walkedId > fieldId) {
-      list->insert(item, passed, passed == nullptr ? 1 : 0);
-      return;
-    }
-    passed = walk();
+  FieldValIter walk(list);
+  for (; walk() != nullptr && walk()->field->fieldId < fieldId; walk++) passed = walk();
+  if (walk() == nullptr || walk()->field->fieldId == fieldId) {
+    list->insert(item);
+  } else {
+    list->insert(item, passed, passed == nullptr ? 1 : 0);
   }
-  list->insert(item);
 }

@@ -50,7 +50,7 @@ NQwObjectIdList *allObjectIds() {
   if (cache_overflow != 0) return idsFromTable();
   NQwObjectIdList *list = newObjectIdList(static_cast<size_t>(ObjValCache->size()));
   for (RecencyIter object(ObjValCache); object() != nullptr; object++) {
-    if (object()->objectId != nullptr) list->objectIds[list->count++] = *object()->objectId;
+    list->objectIds[list->count++] = *object()->objectId;
   }
   _NQwError = NQw_NO_ERROR;
   return list;

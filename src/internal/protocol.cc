@@ -15,7 +15,7 @@ ProtocolField findProtocolField(const char *name) {
   int equals = 0;
   for (_HashIter each(FieldInfoCache); each() != nullptr; each++) {
     const NQwFieldInfo *info = static_cast<const FieldCacheEntry *>(each()->data())->info;
-    if (info->name == nullptr || strcoll_new(info->name, name) != 0) continue;
+    if (strcoll_new(info->name, name) != 0) continue;  // also where one has no name
     alike = info;
     ++definitions;
     if (strcmp(info->name, name) != 0) continue;

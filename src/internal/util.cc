@@ -66,9 +66,7 @@ void evict(ObjCacheEntry *entry) {
   for (FieldValIter walk(entry->values); walk() != nullptr;) {
     CachedValue *item = walk();
     walk++;
-    FieldCacheEntry *field = FieldInfoCache->find(item->field->fieldId);
-    if (field == nullptr) continue;
-    unlinkCachedValue(entry, field, item);
+    unlinkCachedValue(entry, FieldInfoCache->find(item->field->fieldId), item);
     freeCachedValue(item);
   }
   destroyCachedObject(entry);
@@ -140,12 +138,9 @@ int ensureObjectCached(ObjectDatabase *db, uint32_t objectId) {
 int cacheObjectFromTables(ObjectDatabase *db, uint32_t objectId) {
   // Loaded first: the object becomes the newest, so that room is not made by dropping itself.
   if (loadObjectFromTables(db, objectId) == 0) return 0;
-  ObjCacheEntry *oldest = ObjValCache->oldest();
-  if (static_cast<uint32_t>(ObjValCache->size()) <= max_objects_cached || oldest == nullptr ||
-      *oldest->objectId == objectId) {
-    return 1;
+  if (static_cast<uint32_t>(ObjValCache->size()) > max_objects_cached) {
+    evict(ObjValCache->oldest());
   }
-  evict(oldest);
   return 1;
 }
 
