@@ -232,7 +232,7 @@ bool isInPlace(const DbmTable *table) {
   struct stat named {};
   const std::string pages = table->path + pageSuffix;
   return fstat(dbm_pagfno(table->dbm), &opened) == 0 && stat(pages.c_str(), &named) == 0 &&
-         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+         identityOf(opened) == identityOf(named);
 }
 
 // Deletes what was held back, or forgets it when the file has lost its place.
@@ -267,9 +267,8 @@ bool isThatFile(int fd, const std::string &path, const struct stat &status) {
   struct stat opened {};
   struct stat named {};
   if (fstat(fd, &opened) != 0 || !S_ISREG(opened.st_mode)) return false;
-  if (status.st_ino != 0) return opened.st_ino == status.st_ino && opened.st_dev == status.st_dev;
-  return lstat(path.c_str(), &named) == 0 && opened.st_ino == named.st_ino &&
-         opened.st_dev == named.st_dev;
+  if (status.st_ino != 0) return identityOf(opened) == identityOf(status);
+  return lstat(path.c_str(), &named) == 0 && identityOf(opened) == identityOf(named);
 }
 
 bool openToRead(DbmTable *table) {

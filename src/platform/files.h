@@ -2,10 +2,18 @@
 // other users may write to. Functions that can fail return 0 (or what they say), or -1 with errno.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
 #include <string>
+#include <utility>
+
+// Which file it is, whatever its name.
+using FileIdentity = std::pair<dev_t, ino_t>;
+inline FileIdentity identityOf(const struct stat &status) {
+  return {status.st_dev, status.st_ino};
+}
 
 // Opens for reading, with these extra flags, without touching the access time if we own the file.
 // Returns the descriptor.

@@ -3,23 +3,25 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
+#include "platform/descriptor.h"
 #include "platform/files.h"
 
 namespace {
 
 struct HeldFile {
-  dev_t device;
-  ino_t inode;
-  int fd;
+  FileIdentity file;
+  // Of the registry's own: flock belongs to the open file, and would go with the caller's
+  // descriptor.
+  Descriptor lock;
   int handles;
 };
 
@@ -32,16 +34,9 @@ union HeldFiles {
 };
 HeldFiles registry;
 
-auto findHeld(dev_t device, ino_t inode) {
-  return std::find_if(registry.files.begin(), registry.files.end(), [&](const HeldFile &file) {
-    return file.device == device && file.inode == inode;
-  });
-}
-
-bool fail(int fd, int error) {
-  if (fd >= 0) close(fd);
-  errno = error;
-  return false;
+auto findHeld(const FileIdentity &file) {
+  return std::find_if(registry.files.begin(), registry.files.end(),
+                      [&](const HeldFile &held) { return held.file == file; });
 }
 
 using File = std::unique_ptr<FILE, int (*)(FILE *)>;
@@ -88,48 +83,39 @@ bool TableLock::acquire(const char *path, int fd) {
   if (held_) return true;
   struct stat opened {};
   if (fstat(fd, &opened) != 0) return false;
-  if (!S_ISREG(opened.st_mode)) return fail(-1, ESTALE);
-  // By device and inode, not by path: a file keeps its lock when it is renamed or linked elsewhere.
-  auto held = findHeld(opened.st_dev, opened.st_ino);
+  // Not by path: a file keeps its lock when it is renamed or linked elsewhere.
+  file_ = identityOf(opened);
+  const auto held = findHeld(file_);
   if (held != registry.files.end()) {
     ++held->handles;
   } else {
-    // A descriptor of the registry's own: flock belongs to the open file, and would go with the
-    // caller's descriptor.
-    const int own = openRegular(path, O_RDONLY);
-    if (own < 0) return false;
+    Descriptor own(openRegular(path, O_RDONLY));
     struct stat named {};
-    if (fstat(own, &named) != 0) return fail(own, errno);
-    if (named.st_dev != opened.st_dev || named.st_ino != opened.st_ino) return fail(own, ESTALE);
-    if (flock(own, LOCK_EX | LOCK_NB) != 0) return fail(own, errno);
-    registry.files.push_back({opened.st_dev, opened.st_ino, own, 1});
+    if (!own.isOpen() || fstat(own.get(), &named) != 0) return false;
+    if (identityOf(named) != file_) {
+      errno = ESTALE;
+      return false;
+    }
+    if (flock(own.get(), LOCK_EX | LOCK_NB) != 0) return false;
+    registry.files.push_back({file_, std::move(own), 1});
   }
   held_ = true;
-  device_ = opened.st_dev;
-  inode_ = opened.st_ino;
   return true;
 }
 
 bool TableLock::acquire(const char *path) {
-  return acquireOpened(path, openRegular(path, O_RDONLY));
+  const Descriptor file(openRegular(path, O_RDONLY));
+  return file.isOpen() && acquire(path, file.get());
 }
 
 bool TableLock::acquireOrMake(const char *path, mode_t mode) {
-  return acquireOpened(path, openRegular(path, O_RDONLY | O_CREAT, mode));
-}
-
-bool TableLock::acquireOpened(const char *path, int fd) {
-  if (fd < 0) return false;
-  if (!acquire(path, fd)) return fail(fd, errno);
-  close(fd);
-  return true;
+  const Descriptor file(openRegular(path, O_RDONLY | O_CREAT, mode));
+  return file.isOpen() && acquire(path, file.get());
 }
 
 void TableLock::release() {
   if (!held_) return;
   held_ = false;
-  auto held = findHeld(device_, inode_);
-  if (held == registry.files.end() || --held->handles > 0) return;
-  close(held->fd);
-  registry.files.erase(held);
+  const auto held = findHeld(file_);
+  if (--held->handles == 0) registry.files.erase(held);
 }

@@ -10,6 +10,8 @@
 
 #include <string>
 
+#include "platform/files.h"
+
 // Who holds a lock on the file, in words: "process 4711 (nqwdb)", or "another process" where the
 // kernel does not tell.
 std::string lockHolder(const struct stat &file);
@@ -24,16 +26,14 @@ class TableLock {
 
   // Locks the file that `path` names, which must be the one open as `fd`, without waiting. False,
   // and errno says why: EWOULDBLOCK when another process holds it, ESTALE when the file at the path
-  // is not that one or no regular file. Locking again what is already held succeeds.
+  // is not that one, EINVAL or ELOOP when it is no regular file (openRegular). Locking again what
+  // is already held succeeds.
   bool acquire(const char *path, int fd);
   bool acquire(const char *path);                     // for a file that is not open
   bool acquireOrMake(const char *path, mode_t mode);  // and may not be there
   void release();
 
  private:
-  bool acquireOpened(const char *path, int fd);
-
   bool held_ = false;
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
+  FileIdentity file_;
 };

@@ -20,10 +20,6 @@ constexpr char prefix[] = ".dbsweep-";
 constexpr char replacedName[] = "replaced";  // in a work directory
 constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-bool isSameFile(const struct stat &a, const struct stat &b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 Descriptor openDatabase(const std::string &database) {
   return Descriptor(open(database.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
@@ -132,7 +128,7 @@ bool WorkDirectory::hasName(const std::string &name) const {
   struct stat named {};
   return fstat(fd(), &opened) == 0 &&
          fstatat(database_.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-         isSameFile(opened, named);
+         identityOf(opened) == identityOf(named);
 }
 
 std::string WorkDirectory::path() const {
@@ -152,7 +148,7 @@ bool WorkDirectory::link(const std::string &from, const std::string &as) {
   if (!source.isOpen() || lstat(from.c_str(), &named) != 0) return false;
   struct stat opened {};
   if (fstat(source.get(), &opened) != 0) return false;
-  if (!isSameFile(named, opened)) {
+  if (identityOf(named) != identityOf(opened)) {
     errno = EINVAL;  // a symbolic link, which a removal of its name would leave without its file
     return false;
   }
