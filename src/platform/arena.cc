@@ -56,11 +56,9 @@ void *Arena::take(size_t bytes) {
 }
 
 char *Arena::newBlock(size_t bytes) {
-  // Rounded up to what malloc aligns to, so that the pieces are aligned too.
-  constexpr size_t header = (sizeof(Block) + 15) / 16 * 16;
-  auto *block = static_cast<Block *>(malloc(header + bytes));
+  auto *block = static_cast<Block *>(malloc(sizeof(Block) + bytes));
   if (block == nullptr) failForWantOfMemory();
   block->older = newest_;
   newest_ = block;
-  return reinterpret_cast<char *>(block) + header;
+  return reinterpret_cast<char *>(block + 1);
 }

@@ -14,7 +14,7 @@ class Arena {
   void *take(size_t bytes);
 
  private:
-  struct Block {
+  struct alignas(std::max_align_t) Block {  // the pieces after it are aligned, too
     Block *older;
   };
 

@@ -196,8 +196,7 @@ bool TablePages::readHead(TableStructure *structure) {
   if (blockBytes_ < freeListOffset_ + sizeof(FreeList) || blockBytes_ > fileBytes_ ||
       directoryBits_ > mostBits ||
       header.directoryBytes != uint64_t{sizeof(off_t)} << directoryBits_ ||
-      directoryOffset_ < blockBytes_ || directoryOffset_ > fileBytes_ ||
-      header.directoryBytes > fileBytes_ - directoryOffset_ || bucketBytes_ > blockBytes_ ||
+      !holds(directoryOffset_, header.directoryBytes) || bucketBytes_ > blockBytes_ ||
       bucketBytes_ < sizeof(BucketHead) + sizeof(BucketRecord) ||
       bucketRecords_ != (bucketBytes_ - sizeof(BucketHead)) / sizeof(BucketRecord)) {
     return fail(structure, StructureFault::header, "the header's numbers cannot be");
@@ -213,10 +212,12 @@ bool TablePages::readHead(TableStructure *structure) {
          fail(structure, StructureFault::unreadable, "the directory cannot be read");
 }
 
+bool TablePages::holds(uint64_t offset, uint64_t bytes) const {
+  return offset >= blockBytes_ && offset <= fileBytes_ && bytes <= fileBytes_ - offset;
+}
+
 bool TablePages::readBucket(uint64_t offset, Bucket *bucket) {
-  if (offset < blockBytes_ || offset > fileBytes_ || bucketBytes_ > fileBytes_ - offset) {
-    return false;
-  }
+  if (!holds(offset, bucketBytes_)) return false;
   bytes_.resize(bucketBytes_);
   if (!readAt(fd_, bytes_.data(), bytes_.size(), offset)) return false;
   BucketHead head{};
@@ -231,16 +232,12 @@ bool TablePages::readBucket(uint64_t offset, Bucket *bucket) {
     BucketRecord record{};
     memcpy(&record, &bytes_[sizeof head + i * sizeof record], sizeof record);
     if (record.hash == -1) continue;
-    const auto place = static_cast<uint64_t>(record.offset);
-    if (record.hash < 0 || record.keyBytes < 0 || record.dataBytes < 0 || place < blockBytes_ ||
-        place > fileBytes_ ||
-        uint64_t{static_cast<uint32_t>(record.keyBytes)} + static_cast<uint32_t>(record.dataBytes) >
-            fileBytes_ - place) {
-      return false;
-    }
-    bucket->records.push_back({static_cast<uint32_t>(record.hash), place,
-                               static_cast<uint32_t>(record.keyBytes),
-                               static_cast<uint32_t>(record.dataBytes)});
+    if (record.hash < 0 || record.keyBytes < 0 || record.dataBytes < 0) return false;
+    const RecordPlace place{
+        static_cast<uint32_t>(record.hash), static_cast<uint64_t>(record.offset),
+        static_cast<uint32_t>(record.keyBytes), static_cast<uint32_t>(record.dataBytes)};
+    if (!holds(place.offset, uint64_t{place.keyBytes} + place.dataBytes)) return false;
+    bucket->records.push_back(place);
   }
   return bucket->records.size() == static_cast<size_t>(head.count);
 }

@@ -69,6 +69,9 @@ class TablePages {
   bool readFreeList(const char *bytes, uint32_t count,
                     std::vector<std::pair<uint64_t, uint64_t>> *spaces) const;
 
+  // Whether so many bytes at that offset lie in the file and after the header's block.
+  bool holds(uint64_t offset, uint64_t bytes) const;
+
   int fd_;
   uint64_t fileBytes_ = 0;
   uint32_t blockBytes_ = 0;
