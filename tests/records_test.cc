@@ -9,6 +9,8 @@
 
 #include "platform/report.h"
 #include "records/field_codec.h"
+#include "records/record_views.h"
+#include "records/table_records.h"
 #include "support.h"
 
 static int allocationsLeft = -1;  // until one fails; negative when none does
@@ -221,6 +223,17 @@ TEST(Records, BothDataFormatsAreTheSameBytes) {
     auto *old = static_cast<dbObjectValue *>(
         decodeDbObjectValueOf(record.bytes.data(), record.bytes.size()));
     ASSERT_NE(old, nullptr);
+    // What is read where it lies reads the same.
+    const NQwFieldValue &value = *old->value;
+    RecordView view{};
+    EXPECT_EQ(viewDbObjectValue(record.bytes, &view), value.isList == 0);
+    EXPECT_EQ(view.objectId, old->objectId);
+    EXPECT_EQ(view.fieldId, old->fieldId);
+    if (value.isList == 0) {
+      EXPECT_EQ(view.hasText, singleString(&value) != nullptr);
+      EXPECT_EQ(view.text, view.hasText ? value.value.string : "");
+      EXPECT_EQ(view.value.value.number, view.hasText ? 0 : value.value.number);
+    }
     const char *encoded = nullptr;
     size_t length = 0;
     ASSERT_EQ(encodeDbObjectValueOf(old, &encoded, &length), 0);
@@ -244,6 +257,15 @@ TEST(Records, OnlyTheWireFormTravels) {
 
   value.type = 9;
   EXPECT_LT(encodeDbObjectValue(&record, &encoded, &length), 0);
+}
+
+TEST(Records, ANullAddressHasNoRecord) {
+  XDR stream{};
+  stream.x_op = XDR_FREE;
+  EXPECT_FALSE(xdr_dbkey(&stream, nullptr) || xdr_fieldValue(&stream, nullptr) ||
+               xdr_fieldInfo(&stream, nullptr) || xdr_dbFieldInfo(&stream, nullptr) ||
+               xdr_dbObject(&stream, nullptr) || xdr_dbObjectValue(&stream, nullptr) ||
+               xdr_dbEnumConstants(&stream, nullptr) || xdr_enumConstants(&stream, nullptr));
 }
 
 void release(size_t table, void *record) {

@@ -35,6 +35,7 @@ const Lines seeded = {
     R"({"table":"field_info","field":13,"name":"Syntax List","type":"Integer","flags":1})"};
 
 TEST_F(Store, ANewDatabaseIsSeededInEitherFormat) {
+  umask(0);
   for (const auto open : {open_nqwdb_ndbm, open_nqwdb_ndbm_old}) {
     std::filesystem::remove_all(currentDir);
     ObjectDatabase *db = open(0);
@@ -42,7 +43,7 @@ TEST_F(Store, ANewDatabaseIsSeededInEitherFormat) {
     EXPECT_EQ(db->bufferCount, 156u);
     close_nqwdb_ndbm(db);
     EXPECT_EQ(dump(), seeded);
-    for (const auto &file : std::filesystem::directory_iterator(currentDir)) {
+    for (const auto &file : std::filesystem::recursive_directory_iterator("/usr/NQ/databases")) {
       EXPECT_EQ(file.status().permissions(), std::filesystem::perms::all) << file.path();
     }
     // Another open finds the tables there and leaves them alone.
