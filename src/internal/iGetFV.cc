@@ -8,7 +8,7 @@ constexpr char source[] = "internal/iGetFV";
 
 CachedValue *firstValueOf(const ObjCacheEntry *object, uint32_t fieldId) {
   for (FieldValIter item(object->values); item() != nullptr; item++) {
-    if (item()->field->fieldId == fieldId) return item();
+    if (item()->field != nullptr && item()->field->fieldId == fieldId) return item();
   }
   return nullptr;
 }

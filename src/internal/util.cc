@@ -66,7 +66,9 @@ void evict(ObjCacheEntry *entry) {
   for (FieldValIter walk(entry->values); walk() != nullptr;) {
     CachedValue *item = walk();
     walk++;
-    unlinkCachedValue(entry, FieldInfoCache->find(item->field->fieldId), item);
+    FieldCacheEntry *field = FieldInfoCache->find(item->field->fieldId);
+    if (field == nullptr) continue;
+    unlinkCachedValue(entry, field, item);
     freeCachedValue(item);
   }
   destroyCachedObject(entry);
@@ -138,9 +140,12 @@ int ensureObjectCached(ObjectDatabase *db, uint32_t objectId) {
 int cacheObjectFromTables(ObjectDatabase *db, uint32_t objectId) {
   // Loaded first: the object becomes the newest, so that room is not made by dropping itself.
   if (loadObjectFromTables(db, objectId) == 0) return 0;
-  if (static_cast<uint32_t>(ObjValCache->size()) > max_objects_cached) {
-    evict(ObjValCache->oldest());
+  ObjCacheEntry *oldest = ObjValCache->oldest();
+  if (static_cast<uint32_t>(ObjValCache->size()) <= max_objects_cached || oldest == nullptr ||
+      *oldest->objectId == objectId) {
+    return 1;
   }
+  evict(oldest);
   return 1;
 }
 
