@@ -25,12 +25,7 @@ struct NameEntry {
   uint32_t objectId;
   uint32_t fieldId;
 
-  bool operator<(const NameEntry &other) const {
-    return hash != other.hash ? hash < other.hash : objectId < other.objectId;
-  }
-  bool operator==(const NameEntry &other) const {
-    return hash == other.hash && objectId == other.objectId;
-  }
+  auto operator<=>(const NameEntry &other) const = default;
 };
 
 NameEntry nameEntry(const DecodedRecord &record) {
@@ -185,16 +180,11 @@ class Check {
     if (record.type != Enumeration || !isWhole(enumInfo)) return;
     const NQwFieldValue &value = *static_cast<const dbObjectValue *>(record.get())->value;
     const auto constants = constants_.find(record.fieldId);
-    const auto count = constants == constants_.end() ? 0 : constants->second;
-    bool known = true;
-    if (value.isList == 0) {
-      known = static_cast<uint32_t>(value.value.number) < count;
-    } else {
-      for (uint32_t i = 0; i < value.value.list->count; ++i) {
-        known = known && static_cast<uint32_t>(value.value.list->entries[i].value.number) < count;
-      }
+    const uint32_t count = constants == constants_.end() ? 0 : constants->second;
+    const auto isUnknown = [=](int32_t number) { return static_cast<uint32_t>(number) >= count; };
+    if (std::ranges::any_of(numbersOf(value), isUnknown)) {
+      findings_.add(Finding::unknownConstant, valueInfo, membersOf(valueInfo, record));
     }
-    if (!known) findings_.add(Finding::unknownConstant, valueInfo, membersOf(valueInfo, record));
   }
 
   void judgeField(size_t table, const DecodedRecord &record) {
@@ -220,6 +210,9 @@ class Check {
     return counter_ != 0 && id >= counter_ && beyondCounter_.insert(id).second;
   }
 
+  using NameRange =
+      std::pair<std::vector<NameEntry>::const_iterator, std::vector<NameEntry>::const_iterator>;
+
   // Walks over what the two name tables say of each name.
   void compareNames() {
     const Phase phase("comparing the names");
@@ -228,22 +221,19 @@ class Check {
       // Duplicates come from a record under a wrong key, already reported.
       entries->erase(std::unique(entries->begin(), entries->end()), entries->end());
     }
-    auto name = names_.begin();
-    auto entry = index_.begin();
+    auto name = names_.cbegin();
+    auto entry = index_.cbegin();
     while (name != names_.end() || entry != index_.end()) {
-      const uint64_t hash =
-          entry == index_.end() || (name != names_.end() && name->hash < entry->hash) ? name->hash
-                                                                                      : entry->hash;
-      const auto firstName = name;
-      const auto firstEntry = entry;
-      while (name != names_.end() && name->hash == hash) ++name;
-      while (entry != index_.end() && entry->hash == hash) ++entry;
-      compareOneName({firstName, name}, {firstEntry, entry});
+      const uint64_t hash = std::min(name == names_.end() ? UINT64_MAX : name->hash,
+                                     entry == index_.end() ? UINT64_MAX : entry->hash);
+      const auto isOther = [hash](const NameEntry &each) { return each.hash != hash; };
+      const NameRange objects{name, std::find_if(name, names_.cend(), isOther)};
+      const NameRange entries{entry, std::find_if(entry, index_.cend(), isOther)};
+      compareOneName(objects, entries);
+      name = objects.second;
+      entry = entries.second;
     }
   }
-
-  using NameRange =
-      std::pair<std::vector<NameEntry>::const_iterator, std::vector<NameEntry>::const_iterator>;
 
   // Of several objects with one name, name_info leads to one.
   void compareOneName(const NameRange &objects, const NameRange &entries) {

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "platform/out_of_memory.h"
 #include "platform/report.h"
@@ -35,6 +36,7 @@ DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(tabl
     case objInfo:
     case nameInfo: {
       const auto *record = static_cast<const dbObject *>(decoded_);
+      hasObject = true;
       objectId = record->objectId;
       fieldId = record->fieldId;
       type = String;
@@ -43,6 +45,7 @@ DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(tabl
     }
     case valueInfo: {
       const auto *record = static_cast<const dbObjectValue *>(decoded_);
+      hasObject = true;
       objectId = record->objectId;
       fieldId = record->fieldId;
       type = record->value->type;
@@ -103,4 +106,14 @@ std::string_view DecodedRecord::encoding() const {
   size_t length = 0;
   if (tableFormats[table_].encode(decoded_, &bytes, &length) < 0) return {};
   return {bytes, length};
+}
+
+std::vector<int32_t> numbersOf(const NQwFieldValue &value) {
+  if (value.isList == 0) return {value.value.number};
+  std::vector<int32_t> numbers;
+  const ValueListEntry *entries = value.value.list->entries;
+  for (const ValueListEntry &entry : std::span(entries, value.value.list->count)) {
+    numbers.push_back(entry.value.number);
+  }
+  return numbers;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "objdb/record_lines.h"
 #include "records/table_records.h"
@@ -28,6 +29,7 @@ class DecodedRecord {
   // The length of that.
   size_t encodedBytes() const;
 
+  bool hasObject = false;  // whether the table's records are of objects
   uint32_t objectId = 0;
   uint32_t fieldId = 0;
   uint32_t counter = 0;        // id_keeper
@@ -41,3 +43,6 @@ class DecodedRecord {
   void *decoded_;
   char key_[sizeof(uint32_t) + longestString];
 };
+
+// The number of a single value, or those of all entries of a list. Not of texts.
+std::vector<int32_t> numbersOf(const NQwFieldValue &value);

@@ -56,8 +56,7 @@ ObjdbStatus diffVersions(const std::string &directory, const std::string &before
     }
   }
   std::optional<Phase> sorting(std::in_place, "sorting the differences");
-  std::sort(differences.begin(), differences.end(),
-            [](const Difference &a, const Difference &b) { return a.order() < b.order(); });
+  std::ranges::sort(differences, {}, &Difference::order);
   sorting.reset();
   for (const Difference &each : differences) {
     if (json) {

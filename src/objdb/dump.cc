@@ -91,9 +91,8 @@ class Filter {
   bool wants(size_t table, std::string_view bytes) const {
     if (!choice_.object && !choice_.field) return true;
     const DecodedRecord record(table, bytes);
-    const bool hasObject = table == objInfo || table == valueInfo || table == nameInfo;
     if (!record) return true;  // wanted, so that it is reported
-    if (choice_.object && (!hasObject || record.objectId != *choice_.object)) return false;
+    if (choice_.object && (!record.hasObject || record.objectId != *choice_.object)) return false;
     objectMet_ = true;
     return !choice_.field || (table != idKeeper && fieldIds_.contains(record.fieldId));
   }

@@ -1,11 +1,10 @@
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <vector>
 
@@ -15,6 +14,8 @@
 #include "objdb/options.h"
 #include "objdb/table_writer.h"
 #include "platform/files.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -34,14 +35,10 @@ bool makeDirectories(const std::string &directory, std::string *error) {
 
 // A version that holds anything is not loaded over.
 void refuseTaken(const std::string &version) {
-  const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(version.c_str()), closedir);
-  if (entries == nullptr && errno == ENOENT) return;
-  bool isEmpty = entries != nullptr;
-  while (isEmpty) {
-    const dirent *entry = readdir(entries.get());
-    if (entry == nullptr) return;
-    isEmpty = strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0;
-  }
+  std::error_code failure;
+  const fs::directory_iterator first(version, failure);
+  const bool isEmpty = !failure && first == fs::directory_iterator();
+  if (isEmpty || failure == std::errc::no_such_file_or_directory) return;
   throw CommandFailure("\"" + version + "\" is not empty; nothing was loaded");
 }
 

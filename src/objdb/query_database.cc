@@ -34,7 +34,7 @@ time_t versionOf(const std::string &name) {
 // No fewer names than the table has: each takes 24 bytes at least.
 uint32_t mostNames(const std::string &directory) {
   const uint64_t names = fs::file_size(tablePath(directory, objInfo, pageSuffix)) / 24;
-  return static_cast<uint32_t>(std::clamp<uint64_t>(names, 1, UINT32_MAX));
+  return static_cast<uint32_t>(std::min<uint64_t>(names, UINT32_MAX));
 }
 
 // The object of every record of both tables, by the keys.

@@ -272,16 +272,8 @@ class Mending {
   // How many constants the field of the value needs. False when it cannot have so many.
   static bool noteConstants(const DecodedRecord &record, std::map<uint32_t, uint32_t> *needed) {
     const NQwFieldValue &value = *static_cast<const dbObjectValue *>(record.get())->value;
-    std::vector<int32_t> numbers;
-    if (value.isList == 0) {
-      numbers.push_back(value.value.number);
-    } else {
-      for (uint32_t i = 0; i < value.value.list->count; ++i) {
-        numbers.push_back(value.value.list->entries[i].value.number);
-      }
-    }
     uint32_t most = 0;
-    for (const int32_t number : numbers) {
+    for (const int32_t number : numbersOf(value)) {
       if (number < 0 || number >= mostConstants) return false;
       most = std::max(most, static_cast<uint32_t>(number) + 1);
     }

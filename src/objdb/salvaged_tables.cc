@@ -6,13 +6,12 @@ bool TableTally::isIncomplete() const {
 
 bool TableTally::hasLoss() const {
   return isIncomplete() ||
-         unknownField + unknownType + wrongType + displaced + shortened + renamed != 0;
+         (unknownField | unknownType | wrongType | displaced | shortened | renamed) != 0;
 }
 
 void SalvagedTables::lose(size_t table, const char *what, const DecodedRecord &record) {
-  const bool hasObject = table == objInfo || table == valueInfo || table == nameInfo;
   tables_[table].losses.push_back(
-      {what, hasObject ? std::optional(record.objectId) : std::nullopt, record.fieldId, ""});
+      {what, record.hasObject ? std::optional(record.objectId) : std::nullopt, record.fieldId, ""});
 }
 
 void SalvagedTables::loseByKey(size_t table, const char *what, const std::string &key) {
