@@ -44,9 +44,16 @@ uint32_t firstWord(const std::string &key) {
   return word;
 }
 
-// The name with an addition after it, within the limit of a name.
-std::string extended(const std::string &name, const std::string &addition) {
-  return name.substr(0, longestString - addition.size()) + addition;
+// The name with the id after it, and a number where even that is taken; within the limit of a name.
+// `take` says whether a name is free, and takes it.
+template <typename Take>
+std::string nameWithId(const std::string &name, uint32_t id, Take take) {
+  for (int attempt = 0;; ++attempt) {
+    std::string addition = "#" + std::to_string(id);
+    if (attempt > 0) addition += "-" + std::to_string(attempt);
+    const std::string other = name.substr(0, longestString - addition.size()) + addition;
+    if (take(other)) return other;
+  }
 }
 
 // The key in name_info of a record of either name table.
@@ -150,8 +157,9 @@ class Mending {
   void makeFieldNameUnique(const DecodedRecord &record, std::string *bytes) {
     const NQwFieldInfo &field = *static_cast<const dbFieldInfo *>(record.get())->fieldInfo;
     if (field.name == nullptr || fieldNames_.insert(field.name).second) return;
-    const std::string name = extended(field.name, "#" + std::to_string(field.fieldId));
-    fieldNames_.insert(name);
+    const std::string name = nameWithId(field.name, field.fieldId, [this](const auto &other) {
+      return fieldNames_.insert(other).second;
+    });
     *bytes = encodedDefinition(field.fieldId, name, field.type, field.flags);
     ++tables_[fieldInfo].tally.renamed;
     tables_.lose(fieldInfo, "its name, which another field has", record);
@@ -235,25 +243,16 @@ class Mending {
     }
   }
 
-  // Adds the object's id to a name that another object keeps, and a number where even that is
-  // taken. The decoded name is copied: decoding another one would overwrite it.
+  // Adds the object's id to a name that another object keeps.
   void makeNameUnique(NameOwners *owners, std::string *bytes) {
     const DecodedRecord record(objInfo, *bytes);
-    const std::string name = record.name;
-    const uint32_t objectId = record.objectId;
-    const uint32_t fieldId = record.fieldId;
-    std::string key = nameKey(record);
-    for (int attempt = 0; owners->at(key) != objectId; ++attempt) {
-      std::string addition = "#" + std::to_string(objectId);
-      if (attempt > 0) addition += "-" + std::to_string(attempt);
-      const std::string other = extended(name, addition);
-      key = keyOf({fieldId}) + other;
-      if (!owners->try_emplace(key, objectId).second) continue;
-      *bytes = encodedName(objectId, fieldId, other);
-      ++tables_[objInfo].tally.renamed;
-      tables_[objInfo].losses.push_back(
-          {"its name, which another object has", objectId, fieldId, ""});
-    }
+    if (owners->at(nameKey(record)) == record.objectId) return;
+    const std::string name = nameWithId(record.name, record.objectId, [&](const auto &other) {
+      return owners->try_emplace(keyOf({record.fieldId}) + other, record.objectId).second;
+    });
+    *bytes = encodedName(record.objectId, record.fieldId, name);
+    ++tables_[objInfo].tally.renamed;
+    tables_.lose(objInfo, "its name, which another object has", record);
   }
 
   // The two name tables have the same records under different keys.
