@@ -80,8 +80,8 @@ class Check {
     if (!structure.isSound()) {
       findings_.add(Finding::damagedStructure, table, Json::object(), structure.detail);
     }
-    if (!reader.isReadToEnd()) {
-      const auto counted = reader.counted();
+    if (!reader.isComplete()) {
+      const auto counted = reader.count();
       findings_.add(Finding::unreached, table, Json::object(),
                     std::to_string(reader.recordsRead()) + " read of " +
                         (counted ? std::to_string(*counted) : "an unknown number"));

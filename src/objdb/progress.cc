@@ -11,7 +11,8 @@
 class ProgressLine {
  public:
   static void start(Phase *phase) {
-    if (!showsProgress()) return;
+    static const bool onTerminal = isatty(STDERR_FILENO) == 1;
+    if (!onTerminal) return;
     const ProgressPause pause;
     current_ = phase;
     if (ticking_) return;
@@ -96,11 +97,6 @@ Phase::Phase(const std::string &what, uint64_t all) : all_(all), outer_(Progress
 
 Phase::~Phase() {
   ProgressLine::start(outer_);
-}
-
-bool showsProgress() {
-  static const bool onTerminal = isatty(STDERR_FILENO) == 1;
-  return onTerminal;
 }
 
 ProgressPause::ProgressPause() {

@@ -29,9 +29,6 @@ class Phase {
   Phase *outer_;
 };
 
-// Whether phases show at all: finding out the number of all records may cost something.
-bool showsProgress();
-
 // Nothing shows while it lives, so that something else can be written to the terminal.
 class ProgressPause {
  public:

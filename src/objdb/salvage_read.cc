@@ -69,7 +69,7 @@ class TableSalvage {
 
   void read(TableReader &reader, const std::string &pages, const std::string &workDirectory) {
     addScanned(reader);
-    tally_.counted = reader.counted();
+    tally_.counted = reader.count();
     tally_.damaged = !reader.structure().isSound();
     if (reader.isComplete() && !reader.needsRecovery()) return;
     // Before the recovery, whose copy has lost what nothing leads to.

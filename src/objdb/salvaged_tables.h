@@ -16,7 +16,7 @@ using Records = std::map<std::string, std::string>;  // key to bytes
 
 // What became of a table's records. The counters after the blank line are losses.
 struct TableTally {
-  std::optional<uint64_t> counted;  // how many there were; empty when the library cannot tell
+  std::optional<uint64_t> counted;  // how many there were; empty when the file cannot tell
   uint64_t read = 0;
   uint64_t moved = 0;    // to the key or the table where they belong
   uint64_t rebuilt = 0;  // from other tables

@@ -66,7 +66,7 @@ class Surveyor {
     const std::optional<uint64_t> counted = reader.count();
     survey_.records += counted.value_or(0);
     if (table == fieldInfo) definitions_ = counted.value_or(0);
-    return counted && reader.structure().isSound();
+    return counted.has_value();
   }
 
   bool scan(size_t table, TableReader &reader) {

@@ -23,8 +23,8 @@ struct Survey {
 
 // A version is whole when each table but the id keeper is there with both files, is sound and reads
 // to its end, and there is a field definition, as there is in every database from its beginning on.
-// The lock is the caller's business. A quick look reads no record and believes the library's count
-// of them: enough for a list of versions, and never for a copy.
+// The lock is the caller's business. A quick look reads no record and believes the counters in the
+// files: enough for a list of versions, and never for a copy.
 Survey surveyVersion(const std::string &directory);
 Survey surveyQuickly(const std::string &directory);
 

@@ -21,17 +21,6 @@
 
 namespace {
 
-// Once the library has met damage, its handle is in need of recovery and does not count any more. A
-// handle of its own has met none yet.
-bool countAfresh(int fd, gdbm_count_t *records) {
-  const int own = dup(fd);
-  GDBM_FILE file = gdbm_fd_open(own, "", 0, GDBM_READER | GDBM_NOLOCK | GDBM_CLOERROR, nullptr);
-  if (file == nullptr) return false;
-  const bool counted = gdbm_count(file, records) == 0;
-  gdbm_close(file);
-  return counted;
-}
-
 // Called after each call that has failed. The library names missing memory like any other reason,
 // and a sound table would look damaged.
 void failIfOutOfMemory() {
@@ -140,9 +129,7 @@ TableReader::~TableReader() = default;
 bool TableReader::next(DbmRecord *record) {
   State &state = *state_;
   if (state.ended) return false;
-  if (!state.started) {
-    phase_.emplace("reading " + name_, showsProgress() ? count().value_or(0) : 0);
-  }
+  if (!state.started) phase_.emplace("reading " + name_, count().value_or(0));
   gdbm_errno = GDBM_NO_ERROR;
   state.key.reset(state.started ? gdbm_nextkey(state.file, state.key.get())
                                 : gdbm_firstkey(state.file));
@@ -159,15 +146,11 @@ bool TableReader::next(DbmRecord *record) {
   state.ended = true;
   phase_.reset();
   failed_ = state.key.get().dptr != nullptr || gdbm_errno != GDBM_ITEM_NOT_FOUND;
-  counted_ = count();
   return false;
 }
 
 std::optional<uint64_t> TableReader::count() const {
-  gdbm_count_t counted = 0;
-  if (gdbm_count(state_->file, &counted) == 0 || countAfresh(fd(), &counted)) return counted;
-  failIfOutOfMemory();
-  return std::nullopt;
+  return structure().isSound() ? std::optional(structure().records) : std::nullopt;
 }
 
 std::string_view TableReader::fetch(std::string_view key) {

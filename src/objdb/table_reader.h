@@ -68,16 +68,13 @@ class TableReader {
   // The page file.
   int fd() const;
 
-  // How many records there are by the library's count, which reads none of them.
+  // How many records there are by the counters in the file; unknown when its structure is damaged.
   std::optional<uint64_t> count() const;
 
-  // Once the scan has ended: how many records it read; how many there are, if the library can tell;
-  // whether that agrees, the structure is sound and nothing failed; whether the library wants the
-  // table recovered.
+  // Once the scan has ended: how many records it read; whether these are all, the structure is
+  // sound and nothing failed; whether the library wants the table recovered.
   uint64_t recordsRead() const { return read_; }
-  std::optional<uint64_t> counted() const { return counted_; }
-  bool isReadToEnd() const { return !failed_ && counted_ == read_; }
-  bool isComplete() const { return isReadToEnd() && structure().isSound(); }
+  bool isComplete() const { return !failed_ && count() == read_; }
   bool needsRecovery() const;
 
  private:
@@ -88,7 +85,6 @@ class TableReader {
   std::string name_;
   std::optional<Phase> phase_;  // while it scans
   uint64_t read_ = 0;
-  std::optional<uint64_t> counted_;
   bool failed_ = false;
 };
 
