@@ -217,7 +217,9 @@ class AskSmall : public PlatformTest {
          Lines{R"({"table":"field_info","field":28,"name":"Speed","type":"Integer","flags":1})",
                R"({"table":"field_info","field":29,"name":"a=b","type":"Integer","flags":1})",
                R"({"table":"field_info","field":30,"name":null,"type":"String","flags":1})",
+               R"({"table":"enum_info","field":29,"constants":["of","no use"]})",
                valueLine(7, 29, R"("type":"Integer","value":-5)"),
+               valueLine(8, 29, R"("type":"Integer","value":1)"),
                valueLine(7, 20, R"("type":"Boolean","value":true)"),
                valueLine(7, 23, R"("type":"Enumeration","value":1)"),
                valueLine(7, 24, R"("type":"String","value":"two\nlines")"),
@@ -236,12 +238,15 @@ class AskSmall : public PlatformTest {
 };
 
 TEST_F(AskSmall, WordsSayWhatIsThere) {
-  EXPECT_EQ(run("objdb show gw1 8").out,
-            "object 7\nSelection Name: gw1\nIP Hostname: gw1.example\nisQRT Session: true\n"
-            "Status: down\nDescription: \"two\\nlines\"\na=b: -5\n"
-            "30: [a,\"b,c\",null,{\"hex\":\"ff80\"}]\n\n"
-            "object 8\nSelection Name: 7\nStatus: 9\nDescription: a \"b\"\nNeighbours: []\n");
-  EXPECT_THAT(run("objdb show --json 7").out, HasSubstr(R"("value":1,"constant":"down"})"));
+  EXPECT_EQ(
+      run("objdb show gw1 8").out,
+      "object 7\nSelection Name: gw1\nIP Hostname: gw1.example\nisQRT Session: true\n"
+      "Status: down\nDescription: \"two\\nlines\"\na=b: -5\n"
+      "30: [a,\"b,c\",null,{\"hex\":\"ff80\"}]\n\n"
+      "object 8\nSelection Name: 7\nStatus: 9\nDescription: a \"b\"\nNeighbours: []\na=b: 1\n");
+  EXPECT_EQ(run("objdb show --json gw1 8 | jq -c '[.values[].constant]'").out,
+            R"([null,null,null,"down",null,null,null])"
+            "\n[null,null,null,null,null]\n");
   // What is shown can be asked for.
   const struct {
     const char *command, *out;

@@ -34,30 +34,56 @@ class Objdb : public PlatformTest {
         .out;
   }
 
+  // Those of each table in the order of a dump: as numbers, and names by their bytes.
   const Lines lines =
-      emptyNetwork() + nameLines(7, 10, "gw1") + nameLines(256, 10, "gw256") +
+      emptyNetwork() + nameLines(7, 10, "link 1") + nameLines(256, 10, "link 10") +
       nameLines(4294967295, 10, std::string(256, 'n')) +
-      Lines{R"({"table":"name_info","object":7,"field":10,"name":{"hex":"e9"}})",
-            valueLine(7, 24,
+      Lines{R"({"table":"name_info","object":7,"field":10,"name":{"hex":"e9"}})"} +
+      nameLines(4294967295, 11, "a") +
+      Lines{valueLine(7, 24,
                       R"("type":"String","list":[null,"",{"hex":"ff80"}],"entryFlags":[0,1,0])"),
-            // Under a key that is not its own, and with a Boolean that no encoder writes.
-            valueLine(8, 20, R"("type":"Boolean","value":true,"key":"00ff")"),
+            valueLine(7, 257, R"("type":"Integer","value":5)"),
+            // With a Boolean that no encoder writes, and under a key that is not its own.
             valueLine(9, 20,
                       R"("type":"Boolean","value":true,"bytes":")"
-                      "0000000100000009000000010000001400000001000000000000000200000007\"")};
+                      "0000000100000009000000010000001400000001000000000000000200000007\""),
+            valueLine(8, 20, R"("type":"Boolean","value":true,"key":"00ff")")};
   std::string sealed;
 };
 
 TEST_F(Objdb, ADumpComesBackByteForByte) {
-  EXPECT_EQ(sorted(dump()), sorted(lines));
-  EXPECT_EQ(run("objdb dump --table obj_info | jq -c .object").out, "7\n256\n4294967295\n")
-      << "ids are sorted as numbers";
+  Lines inOrder;
+  for (const TableFormat &format : tableFormats) {
+    std::copy_if(lines.begin(), lines.end(), std::back_inserter(inOrder),
+                 [&](const std::string &line) { return line.find(format.name) == 10; });
+  }
+  EXPECT_EQ(dump(), inOrder);
+  EXPECT_THAT(sealed, HasSubstr(R"({"records":{"id_keeper":1,"field_info":9,"obj_info":4,)"
+                                R"("value_info":4,"name_info":5,"enum_info":1},"digest":")"));
   const Outcome loaded = run("objdb load --dir /usr/NQ/copy", sealed);
   EXPECT_EQ(loaded.status, 0) << loaded.err;
   EXPECT_EQ(run("objdb dump --dir /usr/NQ/copy").out, sealed);
   EXPECT_EQ(run("objdb load --unsealed --dir /usr/NQ/other", sealed).status, 0)
       << "the lines around the records are no records";
   EXPECT_EQ(run("objdb dump --dir /usr/NQ/other").out, sealed);
+}
+
+TEST_F(Objdb, ADumpChoosesByTableObjectAndField) {
+  const struct {
+    const char *arguments;
+    const char *text;  // of the lines that are chosen
+  } cases[] = {
+      {"--table name_info", "{\"table\":\"name_info\""},
+      {"--object 007", "\"object\":7,"},
+      {"--field 'Selection Name'", "\"field\":10,"},
+      {"--field Status", "\"field\":23,"},
+      {"--field 'Selection Name' --object 256 --table obj_info", "obj_info\",\"object\":256,"},
+      {"--object 7 --table field_info", "no such text"}};
+  for (const auto &each : cases) {
+    const Outcome outcome = run(std::string("objdb dump ") + each.arguments);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_EQ(outcome.out, run(std::string("objdb dump | grep '") + each.text + "'").out);
+  }
 }
 
 TEST_F(Objdb, ADigestTellsWhereAKeyEnds) {
@@ -115,18 +141,21 @@ TEST_F(Objdb, SaysWhatIsWrongWithACommandLine) {
                {"dump --field ''", "must not be empty"},
                {"dump --table nothing", "no table \"nothing\""},
                {"dump --field nothing", "no field \"nothing\""},
-               {"dump --version ../nqwdb/current", "is no name of a version"},
+               {"dump --version ''", "is no name of a version"},
+               {"dump --version .hidden", "is no name of a version"},
+               {"dump --version current/.", "is no name of a version"},
+               {"dump --version nothing", "no such version: \"/usr/NQ/"},
                {"protocols --ids Speed", "no Boolean field \"isSpeed\""}};
   for (const auto &each : cases) {
     const Outcome outcome = run(std::string("objdb ") + each.arguments);
     EXPECT_EQ(outcome.status, 2) << each.arguments;
     EXPECT_EQ(outcome.out, "");
     EXPECT_THAT(outcome.err, testing::StartsWith("objdb: "));
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
     EXPECT_THAT(outcome.err, HasSubstr(each.reason));
   }
   EXPECT_THAT(run("objdb --help").out, HasSubstr("  check "));
-  EXPECT_THAT(run("objdb check --help").out, HasSubstr("--json"));
-  EXPECT_EQ(run("objdb dump --object 007").out, run("objdb dump --object 7").out);
+  EXPECT_THAT(run("objdb check --help").out, HasSubstr("\nExample: objdb check "));
 }
 
 TEST_F(Objdb, AnOutputThatCannotBeWrittenIsAFailure) {
@@ -216,10 +245,10 @@ TEST_F(Objdb, ADumpEndsWithAnErrorAtWhatItCannotRead) {
   EXPECT_THAT(run("objdb dump").err,
               HasSubstr("could not decode the record with key 64616d61676564"));
   EXPECT_EQ(run("objdb dump --object 7").status, 2) << "it may have been the object's";
-  EXPECT_EQ(run("objdb dump --version nothing").status, 2);
   EXPECT_EQ(checksums(), before);
-  std::filesystem::remove(currentDir + "/enum_info.dir");
-  EXPECT_EQ(run("objdb dump").status, 2);
+  run("rm " + currentDir + "/name_info.dir " + currentDir + "/enum_info.dir");
+  EXPECT_THAT(run("objdb dump").err,
+              testing::AllOf(HasSubstr("name_info.dir\": No"), HasSubstr("enum_info.dir\": No")));
   EXPECT_FALSE(exists(currentDir + "/enum_info.dir")) << "a reading command made a file";
 }
 
@@ -241,7 +270,10 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
       {"rm -r current; objdb archive", 2, "it holds no table; nothing was archived", 1, true},
       {"rm current/value_info.*; objdb archive --partial", 0, "", 2, true},
       {"objdb archive --dir $PWD/current", 2, "is a version; --dir names the directory above", 1},
-      {"objdb versions --dir $PWD/nothing", 2, "no database directory", 1},
+      {"objdb versions --dir nothing || objdb versions --dir current/id_keeper.pag", 2,
+       "directory \"nothing\": No such file or directory\n"
+       "objdb: no database directory \"current/id_keeper.pag\": Not a directory",
+       1},
       {"rm $V/value_info.*; objdb restore $V", 2, "not whole: table value_info is missing", 1},
       {"rm $V/value_info.*; objdb restore --dry-run $V", 2, "nothing was changed", 1},
       {"rm $V/value_info.pag; objdb restore --partial $V", 0, "", 2, true},
@@ -299,8 +331,14 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
       {"mkdir -p x/current; objdb dump >y; objdb load --dir $PWD/x <y && objdb dump --dir $PWD/x | "
        "cmp - y",
        0, "", 1},
-      {"umask 077; objdb dump | objdb load --dir $PWD/x/y; stat -c %a x x/y x/y/*/* | uniq", 0,
-       "777\n", 1},
+      {"umask 077; objdb dump | objdb load --dir x/y; stat -c %a x x/y x/y/*/* | uniq", 0, "777\n",
+       1},
+      {"objdb dump | objdb load --dir /proc/x/y", 2,
+       "could not make \"/proc/x\": No such file or directory", 1},
+      // An empty record is not the same as none.
+      {R"((objdb dump; echo '{"table":"id_keeper","counter":0,"key":"05","bytes":""}') | )"
+       "objdb load --unsealed --dir x; objdb diff current x/current",
+       2, "could not decode the record with key 05", 1},
       {"mv $V 01122025.000000; cp -a 01122025.000000 011225.000000; objdb versions | cut -d ' ' -f "
        "1 | "
        "xargs",
@@ -330,10 +368,15 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
 // With everything in it that a dump can have, and nothing that a check finds.
 TEST_F(Objdb, ARedactedDumpTellsNoTextAndChecksAlike) {
   std::filesystem::remove_all(root);
+  std::string many;  // more texts of one character than there are letters and digits
+  for (char each = ' '; each <= '~'; ++each) {
+    many += Json(std::string{each}).dump() + "," + Json(std::string{'x', each}).dump() + ",";
+  }
   load(emptyNetwork() + nameLines(7, 10, "secret 1") + nameLines(8, 10, "secret 2") +
        Lines{valueLine(7, 24, R"("type":"String","list":["secret 1",null,"secret é","x"])"),
              valueLine(8, 24, R"("type":"String","value":{"hex":"736563726574ff"})"),
              valueLine(8, 20, R"("type":"Boolean","value":true)"),
+             valueLine(9, 24, R"("type":"String","list":[)" + many + "null]"),
              valueLine(9, 99, R"("type":"Integer","value":5)")});
   const std::string redacted = run("objdb dump --redact").out;
   EXPECT_EQ(run("objdb load --dir /usr/NQ/copy", redacted).status, 0);
@@ -345,11 +388,14 @@ TEST_F(Objdb, ARedactedDumpTellsNoTextAndChecksAlike) {
     EXPECT_EQ(redacted.find(text), std::string::npos) << text;
   }
   const auto texts = [](const std::string &directory) {
-    return run("objdb dump --object 7 --dir " + directory +
-               " | jq -c '[.name, .list] | .. | strings | "
-               "utf8bytelength'")
+    return run("for id in 7 9; do objdb dump --object $id --dir " + directory +
+               " | jq -c '[.name, .list] | .. | strings | utf8bytelength'; done")
         .out;
   };
+  EXPECT_EQ(run("objdb dump --redact --object 9 --field Description | jq -c '.list | length, "
+                "(unique | length), all(.[] | strings; length == 1 or test(\"^[A-Za-z0-9]*$\"))'")
+                .out,
+            "191\n191\ntrue\n");
   EXPECT_EQ(texts("/usr/NQ/copy"), texts(root));
   EXPECT_EQ(
       run("objdb dump --object 7 --dir /usr/NQ/copy | jq -r '.name // .list[0]' | uniq | wc -l")
@@ -357,6 +403,13 @@ TEST_F(Objdb, ARedactedDumpTellsNoTextAndChecksAlike) {
       "1\n")
       << "equal texts have equal tokens";
   EXPECT_EQ(run("objdb dump --object 70000").status, 2);
+  // Bytes that the members do not tell could be text.
+  const auto redactedStatus = [](const std::string &line) {
+    run("rm -rf /usr/NQ/odd; objdb load --unsealed --dir /usr/NQ/odd", line);
+    return run("objdb dump --redact --dir /usr/NQ/odd").status;
+  };
+  EXPECT_EQ(redactedStatus(lines[lines.size() - 2]), 0) << "a Boolean has no text";
+  EXPECT_EQ(redactedStatus(valueLine(7, 24, R"("type":"String","value":"a","bytes":"7365")")), 2);
 }
 
 TEST_F(Objdb, ProtocolsAreThoseThatASweepTakes) {
@@ -367,19 +420,27 @@ TEST_F(Objdb, ProtocolsAreThoseThatASweepTakes) {
   std::filesystem::remove_all(root);
   load(emptyNetwork() + Lines{field(40, "is3Com"), field(41, "is" + std::string(78, 'x')),
                               field(42, R"(isBell\u0007)"), field(43, "isTwice"),
-                              field(44, "isTwice"),
-                              valueLine(9, 20, R"("type":"Boolean","value":true)")});
-  writeFile("/usr/NQ/conf/capability_map", "OSPF\n\x1b[2J\n");
-  const Outcome all = run("objdb protocols");
-  EXPECT_EQ(all.status, 0);
-  for (const char *line :
-       {"       1 QRT Session\n", "       0 3Com, which dbsweep refuses: it begins with a digit\n",
-        "x, which dbsweep refuses: it has more than 77 characters\n", "       0 \"Bell\\u0007\"\n",
-        "Twice, which dbsweep refuses: several fields have it\n", "no field \"\\u001b[2J\"\n"}) {
-    EXPECT_THAT(all.out, HasSubstr(line));
-  }
-  EXPECT_EQ(run("objdb protocols --json | jq -c 'select(.objects > 0)'").out,
-            "{\"protocol\":\"QRT Session\",\"field\":20,\"objects\":1}\n");
+                              field(44, "isTwice"), field(45, "is" + std::string(77, 'x')),
+                              field(0, "isZero"), field(46, "is"),
+                              valueLine(9, 20, R"("type":"Boolean","value":true)"),
+                              valueLine(9, 42, R"("type":"Boolean","value":false)")});
+  writeFile("/usr/NQ/conf/capability_map", "OSPF\n\x1b[2J\n# a remark\n \t\n  Token Ring \t\r\n");
+  EXPECT_EQ(run("objdb protocols | sed 's/x\\{77\\}/77x/'").out,
+            R"(       1 QRT Session
+       0 ""
+       0 3Com, which dbsweep refuses: it begins with a digit
+       0 "Bell\u0007"
+       0 OSPF
+       0 Twice, which dbsweep refuses: several fields have it
+       0 Twice, which dbsweep refuses: several fields have it
+       0 Zero, which dbsweep refuses: its field has the id 0
+       0 77x
+       0 77xx, which dbsweep refuses: it has more than 77 characters
+no field "\u001b[2J"
+no field Token Ring
+)");
+  EXPECT_EQ(run("objdb protocols --json | jq -r '.field // .protocol' | xargs").out,
+            "20 46 40 42 21 43 44 0 45 41 \x1b[2J Token Ring\n");
   EXPECT_THAT(run("objdb protocols --ids 3Com").err,
               HasSubstr("dbsweep refuses the protocol \"3Com\""));
   EXPECT_EQ(run("objdb protocols --ids 'QRT Session' --json").out, "{\"object\":9}\n");

@@ -298,10 +298,21 @@ TEST_F(Damage, StructuresThatLie) {
   }
 }
 
-// The records of buckets that no entry of the directory leads to are all found.
+// The records of buckets that no entry of the directory leads to are all found, among free space
+// and next to it.
 TEST_F(Damage, HiddenBucketsAreSalvaged) {
   fs::remove_all(root);
   load(largeNetwork());
+  ObjectDatabase *db = open_nqwdb_ndbm(0);
+  for (uint32_t id = 1; id <= 600; id += 2) {
+    const std::string name = keyOf({10}) + "object " + std::to_string(id);
+    ASSERT_EQ(_NQ_dbm_db_delete(db->nameInfoDb, name.data(), name.size()), 0);
+    ASSERT_EQ(_NQ_dbm_db_delete(db->objInfoDb, keyOf({id, 10}).data(), 8), 0);
+    for (const uint32_t field : {22u, 25u, 40u, 41u}) {
+      ASSERT_EQ(_NQ_dbm_db_delete(db->valueInfoDb, keyOf({id, field}).data(), 8), 0);
+    }
+  }
+  close_nqwdb_ndbm(db);
   const Lines before = sorted(dump());
   start = Snapshot::take();
   for (const std::string name : {"obj_info", "value_info"}) {
@@ -320,8 +331,9 @@ TEST_F(Damage, HiddenBucketsAreSalvaged) {
     const Outcome salvaged = run("objdb salvage current");
     EXPECT_THAT(salvaged.err, testing::HasSubstr(name + ": "));
     const std::string version = onlyVersion();
-    EXPECT_EQ(sorted(dumpLines(run("objdb dump --version " + version.substr(root.size() + 1)).out)),
-              before);
+    EXPECT_TRUE(std::ranges::includes(
+        sorted(dumpLines(run("objdb dump --version " + version.substr(root.size() + 1)).out)),
+        before));
   }
 }
 
