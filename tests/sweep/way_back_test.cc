@@ -103,6 +103,21 @@ TEST_F(WayBack, TablesAreMissingBesideAnyOther) {
                                          onlyVersion()));
 }
 
+TEST_F(WayBack, AnUnfinishedRunIsNamedWhereNothingCanBeOpened) {
+  load(network);
+  const std::string version = root + "/01012026.000000";
+  ASSERT_EQ(run("cp -a " + currentDir + " " + version + " && : >" + version + "/unfinished").status,
+            0);
+  for (const std::string damage : {"seq 6000 >obj_info.pag", "rm -r $PWD"}) {
+    ASSERT_EQ(run("cd " + currentDir + " && " + damage + " && mount --bind " + root + " " + root +
+                  " && mount -o remount,bind,ro " + root)
+                  .status,
+              0);
+    EXPECT_EQ(sweep("-m").err, dialogue + loading + unfinishedMessage(version)) << damage;
+    run("umount " + root);
+  }
+}
+
 // A disk that has just the room that is needed, and one with a block less.
 TEST_F(WayBack, ARunTakesTheRoomThatItSays) {
   load(network);
