@@ -125,6 +125,7 @@ TEST_F(Queries, ALimitedCacheKeepsToItsLimit) {
   loadCaches();
   EXPECT_EQ(cache_overflow, 0) << "all have room";
   EXPECT_EQ(ObjValCache->find(7)->values->size(), 3) << "with their second names";
+  EXPECT_EQ(nameToObjectId(11, "host 9"), 9u);
   cleanupCaches(1);
   max_objects_cached = 5;
   objcount = 0;
