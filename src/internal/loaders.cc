@@ -262,6 +262,6 @@ void insertByFieldId(FieldValList *list, CachedValue *item) {
   if (walk() == nullptr || walk()->field->fieldId == fieldId) {
     list->insert(item);
   } else {
-    list->insert(item, passed, passed == nullptr ? 1 : 0);
+    list->insert(item, passed, 1);  // in front where none was passed
   }
 }
