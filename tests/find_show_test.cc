@@ -351,14 +351,13 @@ TEST_F(AskSmall, NamesThatCollateEqualFindEachOther) {
        Lines{valueLine(8, 24, "\"type\":\"String\",\"value\":\"\u0378\""),
              field(40, "isOne\u0378", "Boolean"), field(41, "isTwo\u0378", "Boolean"),
              field(42, "isTwo\u0379", "String")});
-  for (const char *name : {"One\u0379", "Two\u0378"}) {
-    EXPECT_EQ(run(locale + "objdb protocols --ids " + name).status, 0) << name;
-  }
+  EXPECT_EQ(run(locale + "objdb protocols --ids One\u0379").status, 0);
   EXPECT_THAT(run(locale + "objdb protocols --ids Two\u0380").err,
               HasSubstr("several fields sort as equal to it"))
       << "whatever the type of the other field";
   EXPECT_THAT(run(locale + "dbsweep -p Two\u0380", "yes").err,
               HasSubstr("2 fields are named \"isTwo\u0380\", nothing was deleted"));
+  EXPECT_EQ(run(locale + "dbsweep -p Two\u0378", "yes").status, 0) << "one name is equal";
   for (const char *limit : {"", " --max-objects 1"}) {
     for (const char *question :
          {"find 'Selection Name=gw\u0379'", "show gw\u0379", "find 'Description=\u0379'",
