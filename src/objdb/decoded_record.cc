@@ -9,13 +9,17 @@
 #include "platform/report.h"
 #include "records/codecs.h"
 #include "records/field_codec.h"
+#include "records/record_views.h"
 
 DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(table) {
   _NQwError = NQw_NO_ERROR;  // cleared, so that a failure can be told from an earlier one
   errno = 0;
   const uint32_t cutBefore = cutStrings;
-  decoded_ =
-      bytes.data() == nullptr ? nullptr : tableFormats[table].decode(bytes.data(), bytes.size());
+  if (table == valueInfo && readPlain(bytes)) {
+    decoded_ = &plain_;
+  } else if (bytes.data() != nullptr) {
+    decoded_ = tableFormats[table].decode(bytes.data(), bytes.size());
+  }
   isCut = cutStrings != cutBefore;
   if (decoded_ == nullptr) {
     // A sound record that there is no memory for.
@@ -59,7 +63,7 @@ DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(tabl
 }
 
 DecodedRecord::~DecodedRecord() {
-  if (decoded_ == nullptr) return;
+  if (decoded_ == nullptr || decoded_ == &plain_) return;
   switch (table_) {
     case fieldInfo:
       freeDbFieldInfo(static_cast<dbFieldInfo *>(decoded_));
@@ -74,6 +78,18 @@ DecodedRecord::~DecodedRecord() {
     default:
       break;  // static storage of the decoder
   }
+}
+
+bool DecodedRecord::readPlain(std::string_view bytes) {
+  RecordView view;
+  if (!viewDbObjectValue(bytes, &view)) return false;
+  plainValue_ = view.value;
+  if (view.hasText) {
+    text_[view.text.copy(text_, view.text.size())] = '\0';
+    plainValue_.value.string = text_;
+  }
+  plain_ = {view.objectId, view.fieldId, &plainValue_};
+  return true;
 }
 
 std::string_view DecodedRecord::properKey() {

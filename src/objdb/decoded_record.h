@@ -39,9 +39,15 @@ class DecodedRecord {
   bool isCut = false;          // a string has a NUL inside, and what follows it is not read
 
  private:
+  bool readPlain(std::string_view bytes);
+
   size_t table_;
-  void *decoded_;
+  void *decoded_ = nullptr;
   char key_[sizeof(uint32_t) + longestString];
+  // A single value, as most records are one, is decoded into these, without storage of its own.
+  dbObjectValue plain_;
+  NQwFieldValue plainValue_;
+  char text_[longestString + 1];
 };
 
 // The number of a single value, or those of all entries of a list. Not of texts.
