@@ -25,7 +25,10 @@ struct NameEntry {
   uint32_t objectId;
   uint32_t fieldId;
 
-  auto operator<=>(const NameEntry &other) const = default;
+  bool operator==(const NameEntry &other) const = default;
+  bool operator<(const NameEntry &other) const {
+    return std::pair(hash, objectId) < std::pair(other.hash, other.objectId);
+  }
 };
 
 NameEntry nameEntry(const DecodedRecord &record) {

@@ -51,7 +51,7 @@ std::string nameWithId(const std::string &name, uint32_t id, Take take) {
   for (int attempt = 0;; ++attempt) {
     std::string addition = "#" + std::to_string(id);
     if (attempt > 0) addition += "-" + std::to_string(attempt);
-    const std::string other = name.substr(0, longestString - addition.size()) + addition;
+    std::string other = name.substr(0, longestString - addition.size()) + addition;
     if (take(other)) return other;
   }
 }
