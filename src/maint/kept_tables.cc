@@ -117,9 +117,10 @@ bool makeKeptVersion(KeepBy how) {
     return false;
   }
   // While the signals are still held back: from now on every end of the run has to say this.
-  prepareLastWords("The run did not finish. The previous tables are kept in " +
-                   keptVersion.directory + "; restore them with 'objdb restore " +
-                   keptVersion.name + "'.");
+  prepareLastWords(
+      "The run did not finish. The previous tables are kept in %s; restore them with 'objdb "
+      "restore %s'.",
+      keptVersion.directory.c_str(), keptVersion.name.c_str());
   sayLastWordsBySignal();
   return true;
 }

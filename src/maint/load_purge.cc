@@ -179,7 +179,7 @@ void deleteFromCachesAlone() {
 
 void deleteListed(int (*deleteObject)(uint32_t objectId)) {
   for (int32_t i = 0; i < numofobj; ++i) {
-    if (deleteObject(objectids[i]) == -1) {
+    if (deleteObject(objectids[i]) != 0) {
       ++outcome.undeleted;
       writeNotDeleted(tfp, objectids[i]);
       continue;

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
+#include <initializer_list>
 
 int _NQwError = 0;
 
@@ -103,11 +104,16 @@ void dropReports() {
   dropped = true;
 }
 
-void prepareLastWords(const std::string &text) {
+void prepareLastWords(const char *format, ...) {
   hasLastWords = 0;  // a signal in between must not say half of a line
   char head[256];
   formatLogHead(head, sizeof head, databaseComponent, severityError, "nqw");
-  formatLine(&lastWords, head, text.substr(0, longestText - 1).c_str());
+  char text[longestText];
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  formatLine(&lastWords, head, text);
   hasLastWords = 1;
 }
 

@@ -1,8 +1,6 @@
 // The client library's error code and the platform's two report sinks.
 #pragma once
 
-#include <string>
-
 // 0 means no error; the next failing (or explicitly clearing) operation overwrites it, so read it
 // right after the call that failed.
 extern int _NQwError;
@@ -39,8 +37,8 @@ constexpr int databaseTraceClass = 0x2000000;
 // Last words: a line for that log, ready in memory for an end that leaves no time, no memory or no
 // stack to make one. Preparing replaces what was prepared before. Saying writes it, once, with
 // calls that are safe in a signal handler. Severity 8, application "nqw"; the line has the time at
-// which it was prepared.
-void prepareLastWords(const std::string &text);
+// which it was prepared. None of these takes memory.
+[[gnu::format(printf, 1, 2)]] void prepareLastWords(const char *format, ...);
 void forgetLastWords();
 void sayLastWords();
 

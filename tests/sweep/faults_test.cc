@@ -23,15 +23,29 @@ using testing::HasSubstr;
 
 const Fault none{"none", "none"};
 
-// Objects that stay count as a loss. A run that ends for want of memory cleans up; the next one
-// need not.
+// Objects that stay count as a loss, each. A run that ends for want of memory cleans up, or the log
+// says where the way back is.
 void endsWell(const Round &round) {
-  const Outcome &outcome = round.outcome;
-  if (outcome.err.find("Database failure, object ") != std::string::npos && !round.fault.ends()) {
-    ASSERT_TRUE(outcome.status == 1 || outcome.err.ends_with("Out of memory."));
+  const std::string &said = round.outcome.err;
+  if (round.fault.ends()) return;
+  long stay = 0;
+  for (const std::string *text : {&said, &round.trace}) {
+    for (size_t at = 0; (at = text->find("Database failure, object ", at)) != said.npos; ++at)
+      ++stay;
+  }
+  if (stay > 0) {
+    ASSERT_TRUE(round.outcome.status == 1 || said.ends_with("Out of memory."));
+    const bool isTold = said.find(" are kept in ") == said.npos ||
+                        said.find("Cannot write the log file") != said.npos ||
+                        said.find(" " + std::to_string(stay) + " objects could not") != said.npos;
+    ASSERT_TRUE(isTold) << stay << " stay";
   }
   if (round.fault.points != Points::allocations) return;
   ASSERT_EQ(run("ls -A " + root + " | grep '^[.]'").out, "");
+  for (const auto &[name, version] : round.now) {
+    if (!version.unfinished || name == "current") continue;
+    ASSERT_THAT(readFile("/usr/NQ/log/nqw.log"), HasSubstr("objdb restore " + name));
+  }
 }
 
 Command dbsweep(const std::string &label, std::vector<std::string> arguments) {
