@@ -523,7 +523,7 @@ TEST(Progress, SaysHowFarTheLastPhaseIs) {
 
 TEST_F(Objdb, ATerminalSeesProgressAndThenAResultWithoutIt) {
   std::filesystem::remove_all(root);
-  loadSample(10000);
+  loadSample(sanitized ? 2000 : 10000);
   run("objdb dump >/usr/NQ/tmp/dump");
   const struct {
     const char *command;

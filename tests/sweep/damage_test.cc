@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <random>
 #include <set>
+#include <string_view>
+#include <unordered_set>
 
 #include "faults/fault_loop.h"
 #include "records/value_table.h"
@@ -163,7 +165,7 @@ class RawTable {
 
   // How many keys the buckets hold to which the directory leads, of records of plain objects.
   size_t keys() const {
-    std::set<std::string> found;
+    std::unordered_set<std::string_view> found;
     for (size_t i = 0; i < entries() && directory() + 8 * i < bytes.size(); ++i) {
       const auto bucket = static_cast<size_t>(at<uint64_t>(directory() + 8 * i));
       for (size_t r = 0; r < at<uint32_t>(28); ++r) {
@@ -172,7 +174,7 @@ class RawTable {
         const auto length = at<uint32_t>(place + 16);
         if (at<int32_t>(place) < 0 || length != 8 || start > bytes.size()) continue;
         if (at<uint32_t>(start) >= 1 && at<uint32_t>(start) <= 2000) {
-          found.insert(bytes.substr(start, length));
+          found.insert(std::string_view(bytes).substr(start, length));
         }
       }
     }
@@ -280,8 +282,8 @@ TEST_F(Damage, StructuresThatLie) {
     table.write();
     SCOPED_TRACE(name + ", " + what + ", number " + std::to_string(number));
     const bool inPlace = number % 4 == 1;
-    const Outcome outcome = inPlace ? runAlone({"timeout", "20", "dbsweep", "-d", "5"}, "yes\n")
-                                    : runAlone({"timeout", "20", "dbsweep", "-m"}, "yes\n");
+    const Outcome outcome =
+        inPlace ? runAlone({"dbsweep", "-d", "5"}, "yes\n") : runAlone({"dbsweep", "-m"}, "yes\n");
     ASSERT_THAT(outcome.status, testing::AnyOf(0, 1)) << outcome.err;
     if (outcome.status == 1 || outcome.err.ends_with(cannotOpen)) {
       ++told;
@@ -300,9 +302,15 @@ TEST_F(Damage, StructuresThatLie) {
   }
 }
 
+Lines salvagedLines() {
+  EXPECT_EQ(run("objdb salvage current").status, 1);
+  const std::string version = onlyVersion().substr(root.size() + 1);
+  return sorted(dumpLines(run("objdb dump --version " + version).out));
+}
+
 // The records of buckets that no entry of the directory leads to are all found, and no others.
 // Where records were deleted before, some of those come back, too: which of the space is free, the
-// hidden buckets alone may say.
+// hidden buckets alone may say. Where nothing is hidden, none do.
 TEST_F(Damage, HiddenBucketsAreSalvaged) {
   fs::remove_all(root);
   load(largeNetwork());
@@ -328,13 +336,15 @@ TEST_F(Damage, HiddenBucketsAreSalvaged) {
       }
       ASSERT_FALSE(hidden.empty());
       table.write();
-      const Outcome salvaged = run("objdb salvage current");
-      EXPECT_THAT(salvaged.err, testing::HasSubstr(name + ": "));
-      const std::string version = onlyVersion();
-      const Lines after =
-          sorted(dumpLines(run("objdb dump --version " + version.substr(root.size() + 1)).out));
+      const Lines after = salvagedLines();
       EXPECT_TRUE(hasDeletions ? std::ranges::includes(after, before) : after == before) << name;
     }
+    start.putBack();
+    RawTable table(currentDir + "/value_info.pag");
+    constexpr size_t nextBlock = 32;
+    table.put(nextBlock, table.at<uint64_t>(nextBlock) + 4096);
+    table.write();
+    EXPECT_EQ(salvagedLines(), before);
     start.putBack();
   }
 }
