@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <utility>
 
 #include "internal/iNameToOID.h"
 #include "internal/loaders.h"
 #include "maint/delete_object.h"
 #include "maint/outcome.h"
+#include "maint/proof.h"
 #include "maint/rewrite_plan.h"
 #include "maint/run.h"
 #include "store/shared_database.h"
@@ -20,6 +22,7 @@ namespace {
 using testing::HasSubstr;
 
 class Maintenance : public CacheTest {};
+class Proof : public PlatformTest {};
 
 const Lines network = emptyNetwork() + nameLines(1, 10, "alpha") + nameLines(2, 10, "beta") +
                       Lines{valueLine(1, 20, R"("type":"Boolean","value":true)"),
@@ -103,6 +106,27 @@ TEST(Reasons, HaveTheirPlaces) {
             "not be synced; the new tables are not complete");
   outcome = {};
   EXPECT_EQ(reasonsToKeep(), "");
+}
+
+TEST_F(Proof, TablesAreCompleteWhenTheirFilesSayTheSame) {
+  load(network);
+  ObjectDatabase *db = open_nqwdb_ndbm(0);
+  const RecordCounts counts = countRecords(db);
+  close_nqwdb_ndbm(db);
+  EXPECT_TRUE(areComplete(currentDir.c_str(), counts));
+  for (const size_t table : rebuiltTables) {
+    RecordCounts more = counts;
+    ++more[table];
+    EXPECT_FALSE(areComplete(currentDir.c_str(), more));
+    const std::string path = tablePath(currentDir, table, pageSuffix), sound = readFile(path);
+    std::string damaged = sound;
+    damaged[34] = 1;  // the next free block lies beyond the end
+    writeFile(path, damaged);
+    EXPECT_FALSE(areComplete(currentDir.c_str(), counts));
+    std::filesystem::remove(path);
+    EXPECT_FALSE(areComplete(currentDir.c_str(), counts));
+    writeFile(path, sound);
+  }
 }
 
 }  // namespace

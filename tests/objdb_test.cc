@@ -422,7 +422,7 @@ TEST_F(Objdb, ProtocolsAreThoseThatASweepTakes) {
   load(emptyNetwork() + Lines{field(40, "is3Com"), field(41, "is" + std::string(78, 'x')),
                               field(42, R"(isBell\u0007)"), field(43, "isTwice"),
                               field(44, "isTwice"), field(45, "is" + std::string(77, 'x')),
-                              field(0, "isZero"), field(46, "is"),
+                              field(0, "isZero"), field(46, "is"), field(47, "Plain"),
                               valueLine(9, 20, R"("type":"Boolean","value":true)"),
                               valueLine(9, 42, R"("type":"Boolean","value":false)")});
   writeFile("/usr/NQ/conf/capability_map", "OSPF\n\x1b[2J\n# a remark\n \t\n  Token Ring \t\r\n");

@@ -276,7 +276,7 @@ TEST_F(Platform, AStructureIsBelievedUpToItsLimits) {
   const uint64_t length = word(record + 16) + word(record + 20);
   sound.replace(hole, 4, std::string("\1\0\0", 4));  // one byte of free space
   const std::pair<StructureFault, std::vector<uint64_t>> rows[] = {
-      {StructureFault::none, {0, 0x13579ACE, 32, size}},
+      {StructureFault::none, {0, 0x13579ACE, 32, size, record + 16, 0}},
       {StructureFault::header, {0,  0x13579ACD,   4,  0,
                                 4,  size + 1,     8,  4095,
                                 8,  size,         8,  size + 1,
