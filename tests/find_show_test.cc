@@ -213,7 +213,7 @@ class AskSmall : public PlatformTest {
  protected:
   AskSmall() {
     load(emptyNetwork() + nameLines(7, 10, "gw1") + nameLines(7, 11, "gw1.example") +
-         nameLines(8, 10, "7") +
+         nameLines(8, 10, "7") + nameLines(9, 11, "gw9.example") +
          Lines{R"({"table":"field_info","field":28,"name":"Speed","type":"Integer","flags":1})",
                R"({"table":"field_info","field":29,"name":"a=b","type":"Integer","flags":1})",
                R"({"table":"field_info","field":30,"name":null,"type":"String","flags":1})",
@@ -259,6 +259,8 @@ TEST_F(AskSmall, WordsSayWhatIsThere) {
       {"find Status=up --count --json", "{\"objects\":0}\n"},
       {"find 28=1 --count", "0\n"},
       {"show 7 | head -n 1", "object 7\n"},
+      {"show 9", "object 9\nIP Hostname: gw9.example\n"},
+      {"show 9 --max-objects 1", "object 9\nIP Hostname: gw9.example\n"},
       {"show --field 'Selection Name' 7 | head -n 1", "object 8\n"},
       {"show --field 'IP Hostname' gw1.example | head -n 1", "object 7\n"},
   };
@@ -328,7 +330,7 @@ TEST_F(AskSmall, VersionsAreAskedAndLeftAsTheyAre) {
       const std::string which = " --version " + version + limit;
       EXPECT_EQ(run("objdb find Status=down --names" + which).out, "7 gw1\n") << which;
       EXPECT_EQ(run("objdb find 'Selection Name=gw1'" + which).out, "7\n") << which;
-      EXPECT_EQ(run("objdb find --count" + which).out, "2\n") << which;
+      EXPECT_EQ(run("objdb find --count" + which).out, "3\n") << which;
       EXPECT_THAT(run("objdb show gw1" + which).out, HasSubstr("Status: down")) << which;
       EXPECT_EQ(run("objdb show other nothing" + which).status, 1) << which;
     }

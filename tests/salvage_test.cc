@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <regex>
 #include <sstream>
 
+#include "objdb/salvaged_tables.h"
 #include "sweep/sweep_runs.h"
 
 namespace {
@@ -154,6 +156,22 @@ TEST_F(Salvage, EveryDamageIsFoundSweptAndMended) {
 }
 
 // Which record it is, in the words of both forms of output.
+TEST(SalvagedTables, ALossHasTheIdsThatItsKeyTells) {
+  const struct {
+    size_t table;
+    std::string key;
+    std::optional<uint32_t> object, field;
+  } rows[] = {{fieldInfo, keyOf({31}), {}, 31},   {nameInfo, keyOf({31}) + "name", {}, 31},
+              {valueInfo, keyOf({7, 31}), 7, 31}, {valueInfo, keyOf({7}), {}, {}},
+              {enumInfo, "abc", {}, {}},          {idKeeper, keyOf({0}), {}, {}}};
+  for (const auto &row : rows) {
+    SalvagedTables tables;
+    tables.loseByKey(row.table, "lost", row.key);
+    const Loss &loss = tables[row.table].losses.at(0);
+    EXPECT_EQ(std::pair(loss.object, loss.field), std::pair(row.object, row.field)) << row.key;
+  }
+}
+
 TEST_F(Salvage, FindingsAndLossesNameTheirRecords) {
   load(emptyNetwork() + nameLines(8, 10, "gw1") + nameLines(9, 11, "gw1") +
        nameLines(9, 10, "gw1#7") +

@@ -343,7 +343,10 @@ void expectAWayOn(const Round &round) {
   ASSERT_EQ(next.status, 0) << "the next run: " << next.err;
   ASSERT_EQ(linesOf("current"), *current);
   if (!hasLeftovers()) return;
-  ASSERT_EQ(runAlone({"objdb", "archive"}).status, 0);
+  const bool salvages = round.command.salvages;
+  ASSERT_EQ(salvages ? runAlone({"objdb", "salvage", "current"}).status
+                     : runAlone({"objdb", "archive"}).status,
+            0);
   ASSERT_FALSE(hasLeftovers()) << "what the dead process has left stays";
 }
 
