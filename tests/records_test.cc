@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "platform/report.h"

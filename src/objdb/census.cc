@@ -3,6 +3,7 @@
 #include <gdbm.h>
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "objdb/fnv64.h"
 

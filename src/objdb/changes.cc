@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "objdb/progress.h"
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <vector>
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <tuple>
 

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstring>
 #include <map>
+#include <nlohmann/json.hpp>
 
 #include "internal/caches.h"
 #include "internal/util.h"

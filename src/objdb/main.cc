@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <nlohmann/json.hpp>
 
 #include "objdb/census.h"
 #include "objdb/commands.h"

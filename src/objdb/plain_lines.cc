@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "objdb/decoded_record.h"
 #include "records/table_records.h"

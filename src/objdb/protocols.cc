@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstdio>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <vector>
 

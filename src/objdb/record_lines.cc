@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
 #include <utility>

@@ -15,7 +15,7 @@
 
 #include <cstdint>
 #include <initializer_list>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,6 +23,7 @@
 #include "platform/field_values.h"
 #include "store/tables.h"
 
+// Who looks into one includes <nlohmann/json.hpp>, which costs seconds of compilation.
 using Json = nlohmann::ordered_json;
 
 extern const char *const typeNames[];  // by FieldType; null for 0, which is no type

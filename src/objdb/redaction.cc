@@ -1,5 +1,7 @@
 #include "objdb/redaction.h"
 
+#include <nlohmann/json.hpp>
+
 #include "objdb/command.h"
 
 namespace {

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "objdb/changes.h"
 #include "objdb/commands.h"

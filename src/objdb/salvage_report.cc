@@ -1,6 +1,7 @@
 #include "objdb/salvage_report.h"
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "objdb/record_lines.h"

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <utility>
 

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "objdb/changes.h"
 #include "objdb/commands.h"

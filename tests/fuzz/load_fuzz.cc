@@ -2,6 +2,7 @@
 // byte for byte.
 
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "objdb/dump_reader.h"

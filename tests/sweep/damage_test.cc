@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 #include <string_view>
