@@ -154,6 +154,7 @@ TEST_F(Queries, ALimitedCacheKeepsToItsLimit) {
   EXPECT_EQ(getFieldValues(4711), nullptr);
   EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"),
               HasSubstr("NQw_OBJECT_NOT_FOUND\\nFIle: internal/iGetFVs\\noid: 4711"));
+  EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"), Not(HasSubstr("ptr = null")));
   ++db->fieldCount;
   EXPECT_EQ(ensureObjectCached(db, 1), 1);
   --db->fieldCount;

@@ -163,8 +163,9 @@ TEST(SalvagedTables, ALossHasTheIdsThatItsKeyTells) {
     std::string key;
     std::optional<uint32_t> object, field;
   } rows[] = {{fieldInfo, keyOf({31}), {}, 31},   {nameInfo, keyOf({31}) + "name", {}, 31},
-              {valueInfo, keyOf({7, 31}), 7, 31}, {valueInfo, keyOf({7}), {}, {}},
-              {enumInfo, "abc", {}, {}},          {idKeeper, keyOf({0}), {}, {}}};
+              {valueInfo, keyOf({7, 31}), 7, 31}, {objInfo, keyOf({7, 31}), 7, 31},
+              {valueInfo, keyOf({7}), {}, {}},    {enumInfo, "abc", {}, {}},
+              {idKeeper, keyOf({0}), {}, {}}};
   for (const auto &row : rows) {
     SalvagedTables tables;
     tables.loseByKey(row.table, "lost", row.key);

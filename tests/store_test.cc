@@ -190,8 +190,12 @@ TEST_F(Store, AnArchivedVersionThatDoesNotOpenCanBeAskedForAgain) {
   EXPECT_EQ(openArchiveDb(1000000000), nullptr);
   EXPECT_EQ(NQwError(), NQw_DB_OPEN_FAILED);
   std::filesystem::remove(directory + "/enum_info.pag");
+  umask(022);
   ObjectDatabase *db = openArchiveDb(1000000000);
   ASSERT_NE(db, nullptr);
+  for (const auto &file : std::filesystem::directory_iterator(directory)) {
+    EXPECT_EQ(file.status().permissions(), std::filesystem::perms::all) << file.path();
+  }
   close_nqwdb_ndbm(db);
 }
 

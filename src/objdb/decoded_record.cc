@@ -6,13 +6,11 @@
 #include <span>
 
 #include "platform/out_of_memory.h"
-#include "platform/report.h"
 #include "records/codecs.h"
 #include "records/field_codec.h"
 #include "records/record_views.h"
 
 DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(table) {
-  _NQwError = NQw_NO_ERROR;  // cleared, so that a failure can be told from an earlier one
   errno = 0;
   const uint32_t cutBefore = cutStrings;
   if (table == valueInfo && readPlain(bytes)) {
@@ -23,7 +21,7 @@ DecodedRecord::DecodedRecord(size_t table, std::string_view bytes) : table_(tabl
   isCut = cutStrings != cutBefore;
   if (decoded_ == nullptr) {
     // A sound record that there is no memory for.
-    if (_NQwError == NQw_NO_MEMORY || errno == ENOMEM) failForWantOfMemory();
+    if (errno == ENOMEM) failForWantOfMemory();
     return;
   }
   switch (table) {

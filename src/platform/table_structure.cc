@@ -137,19 +137,20 @@ bool checkDirectory(TablePages *pages, TableStructure *structure, Spaces *used) 
 
 // Sorts everything that is in use or free by its offset: no two may overlap. Otherwise the library
 // would store a record over another one.
-bool checkSpace(const TablePages &pages, Spaces *spaces, TableStructure *structure) {
+void checkSpace(const TablePages &pages, Spaces *spaces, TableStructure *structure) {
   if (!pages.readFreeSpaces(spaces)) {
-    return fail(structure, StructureFault::space, "a list of free space is damaged");
+    fail(structure, StructureFault::space, "a list of free space is damaged");
+    return;
   }
   std::sort(spaces->begin(), spaces->end());
   uint64_t end = pages.blockBytes();  // the first block is the header's
   for (const auto &[offset, bytes] : *spaces) {
     if (offset < end || offset + bytes > pages.nextBlock()) {
-      return fail(structure, StructureFault::space, "space is taken twice" + at(offset));
+      fail(structure, StructureFault::space, "space is taken twice" + at(offset));
+      return;
     }
     end = offset + bytes;
   }
-  return true;
 }
 
 TableStructure look(int fd, bool spaceToo) {

@@ -547,6 +547,7 @@ void nothingIsLost(const Round &round) {
   } else {
     ASSERT_TRUE(outcome.status < 4 || outcome.status == 255);
     ASSERT_EQ(outcome.err.find("/proc/"), std::string::npos) << "a path for this process alone";
+    ASSERT_EQ(outcome.err.find(": \n"), std::string::npos) << "a failure without its reason";
     if (outcome.status != 0) {
       ASSERT_NE(outcome.err, clean.err) << "a failure that says nothing";
     } else if (outcome.err == clean.err && outcome.out.empty() == clean.out.empty()) {
