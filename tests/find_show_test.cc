@@ -277,6 +277,9 @@ TEST_F(AskSmall, WhatCannotBeAskedIsRefusedWithWhatCould) {
   } cases[] = {
       {"find Sped=1", "no field \"Sped\"; there are Selection Name, IP Hostname, isQRT Session"},
       {"find 99=1", "no field \"99\""},
+      {"find 0=1", "no field \"0\""},
+      {"find \"Neighbours~[$(seq -s, 1001)]\"", "lists of 1000 values at most"},
+      {"show 7 --max-objects 0", "must be 1 at least"},
       {"find Speed=1", "2 fields are named \"Speed\"; give the id of one"},
       {"find gw1", "\"gw1\" is neither FIELD=VALUE nor FIELD~[VALUE,...]"},
       {"find ''", "must not be empty"},

@@ -157,6 +157,9 @@ TEST_F(Objdb, SaysWhatIsWrongWithACommandLine) {
     EXPECT_THAT(outcome.err, HasSubstr(each.reason));
   }
   EXPECT_THAT(run("objdb --help").out, HasSubstr("  check "));
+  EXPECT_THAT(run("objdb -h").out, HasSubstr("  check "));
+  EXPECT_THAT(run("objdb --version").out,
+              testing::MatchesRegex("objdb [0-9.]+, (32|64) bits, GNU dbm [0-9.]+\n"));
   EXPECT_THAT(run("objdb check --help").out, HasSubstr("\nExample: objdb check "));
 }
 
@@ -204,7 +207,10 @@ TEST_F(Objdb, NothingIsLoadedFromADumpThatWasCutOrChanged) {
              R"({"table":"id_keeper","counter":)" + deep + "}",
              R"({"table":"id_keeper","counter":1,"bytes":"-1+1 1"})",
              valueLine(1, 1, R"("type":"Integer","value":18446744073709551615)"),
+             R"({"table":"id_keeper","counter":1,"bytes":"123"})",
              R"({"table":"obj_info","object":1,"field":10,"name":null})",
+             R"({"table":"obj_info","object":1,"field":10,"name":"a\u0000b"})",
+             R"({"table":"field_info","field":1,"name":"a","type":"Text","flags":1})",
              "[]",
              "{",
              "\n",
@@ -327,6 +333,8 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
       {"rm $V/obj_info.pag; mkfifo $V/obj_info.pag; timeout 9 objdb restore $V", 2, "not a file",
        1},
       {"rm $V/obj_info.pag; objdb versions", 1, "not whole: could not open table", 1},
+      {"rm $V/obj_info.*; objdb versions --json | jq -r .reason", 0, "table obj_info is missing",
+       1},
       {"objdb archive; touch -d 2001-01-01 $V; mv $V 01122025.000000; objdb versions | tail -1 | "
        "grep -c $(date +%Y)-; objdb versions --json | jq .time",
        0, "2025-12-01T00:00:00", 2},

@@ -305,6 +305,7 @@ TEST_F(Salvage, ADryRunNamesWhatASweepDeletesAndADiffWhatItDeleted) {
   for (std::string line; std::getline(stream, line);) differences.push_back(line);
   EXPECT_EQ(sorted(differences), sorted(gone));
   EXPECT_EQ(run("objdb diff --json " + name + " current | jq -r .in | uniq").out, "A\n");
+  EXPECT_EQ(run("objdb diff --json current " + name + " | jq -r .in | uniq").out, "B\n");
   EXPECT_EQ(run("objdb diff " + name + " nothing").status, 2);
 }
 

@@ -24,12 +24,6 @@ void Census::add(size_t table, std::string_view key, std::string_view bytes) {
   digest_ += hashBytes(hashBytes(hashBytes(fnv64Start, frame), key), bytes);
 }
 
-uint64_t Census::total() const {
-  uint64_t sum = 0;
-  for (const uint64_t count : records_) sum += count;
-  return sum;
-}
-
 std::string Census::digest() const {
   char digits[17];
   snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(digest_));

@@ -11,7 +11,6 @@ class Census {
  public:
   void add(size_t table, std::string_view key, std::string_view bytes);
 
-  uint64_t total() const;
   std::string digest() const;  // in hexadecimal
   Json toJson() const;         // the trailer line
 
