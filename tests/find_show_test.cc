@@ -63,6 +63,9 @@ class Ask : public PlatformTest {
         lines.push_back(valueLine(id, field, randomValue(field, random)));
       }
     }
+    // An id of four bytes, in case only the lower ones are read.
+    lines = lines + nameLines(0x01020304, 10, "far") +
+            Lines{valueLine(0x01020304, 22, R"("type":"Integer","value":1)")};
     load(lines);
     for (const std::string &text : lines) {
       const Json line = Json::parse(text);

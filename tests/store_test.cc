@@ -103,7 +103,10 @@ TEST_F(Store, TheSharedHandleIsOpenedOnceAndRefreshedOnDemand) {
   std::filesystem::remove("/usr/NQ/databases");
   std::filesystem::create_directories(currentDir);
   writeFile(currentDir + "/obj_info.pag", "no table");
+  const auto openFiles = [] { return run("ls /proc/$PPID/fd | wc -l").out; };
+  const std::string before = openFiles();
   EXPECT_EQ(nqwDbGetDb(0), nullptr);
+  EXPECT_EQ(openFiles(), before) << "an open that fails leaves nothing open";
   EXPECT_EQ(NQwError(), NQw_DB_OPEN_FAILED);
   EXPECT_THAT(readFile("/usr/NQ/log/nqw.trace"), HasSubstr("0x2000000 nqw NQw_DB_OPEN_FAILED\n"));
   std::filesystem::remove(currentDir + "/obj_info.pag");
