@@ -310,7 +310,7 @@ TEST_F(Platform, AStructureIsBelievedUpToItsLimits) {
                                place,      size,
                                44,         ~0u,
                                44,         4096,
-                               44,         word(44) + 1,
+                               56,         0,
                                48,         4095,
                                48,         size + 1}}};
   for (const auto &[fault, changes] : rows) {
