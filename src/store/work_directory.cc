@@ -70,7 +70,10 @@ std::unique_ptr<WorkDirectory> WorkDirectory::make(const std::string &database,
 
 std::unique_ptr<WorkDirectory> WorkDirectory::makeOnce(const std::string &database,
                                                        std::string *error) {
-  Descriptor parent = openDatabase(database);
+  // Takes its memory before there is a directory, which a want of memory would leave behind.
+  std::unique_ptr<WorkDirectory> work(
+      new WorkDirectory(openDatabase(database), Descriptor(), std::string()));
+  const Descriptor &parent = work->database_;
   if (!parent.isOpen()) {
     failAttempt("open", database, error);
     return nullptr;
@@ -80,7 +83,7 @@ std::unique_ptr<WorkDirectory> WorkDirectory::makeOnce(const std::string &databa
     failAttempt("make", path, error);
     return nullptr;
   }
-  const std::string name = path.substr(database.size() + 1);
+  const std::string name = path.substr(database.size() + 1);  // too short to take memory
   // Everything from here on is done by descriptors.
   Descriptor directory(openat(parent.get(), name.c_str(), directoryFlags));
   struct stat made {};
@@ -93,8 +96,8 @@ std::unique_ptr<WorkDirectory> WorkDirectory::makeOnce(const std::string &databa
     errno = reason;
     return nullptr;
   }
-  std::unique_ptr<WorkDirectory> work(
-      new WorkDirectory(std::move(parent), std::move(directory), name));
+  work->directory_ = std::move(directory);
+  work->name_ = name;
   if (work->hasName(name)) return work;
   // Removed between mkdtemp and flock, by somebody who took it for a leftover.
   work.reset();

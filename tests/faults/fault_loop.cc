@@ -498,6 +498,7 @@ void faultEverywhere(const Command &wanted, const Fault &fault) {
                  std::to_string(round.outcome.status) + ": " + round.outcome.err);
     round.now = versionsNow();
     round.trace = readFile("/usr/NQ/log/objectsdb.trace");
+    round.leftovers = hasLeftovers();
     nothingIsLost(round);
     if (!testing::Test::HasFailure()) command.judge(round);
     if (testing::Test::HasFailure()) return;
@@ -541,7 +542,8 @@ void letInEverywhere(const Command &first, const Command &second, const JudgeTwo
 }
 
 void nothingIsLost(const Round &round) {
-  const auto &[command, fault, at, call, outcome, clean, before, after, now, trace] = round;
+  const auto &[command, fault, at, call, outcome, clean, before, after, now, trace, leftovers] =
+      round;
   if (round.reached() && fault.ends()) {
     ASSERT_EQ(outcome.status, 128 + SIGKILL);
   } else {

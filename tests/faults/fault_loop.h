@@ -91,6 +91,7 @@ struct Round {
   const Versions &before, &after;  // the command, and the command without a fault
   Versions now;
   std::string trace = {};  // of the deletions
+  bool leftovers = false;  // work directories that it has left
 
   bool reached() const { return !call.empty(); }
 };
