@@ -316,6 +316,8 @@ TEST_F(Objdb, TheWayBackIsNeitherLostNorFaked) {
       {"chown 1000:1001 current; objdb archive >x; stat -c '%a %u %g' $(cat x); stat -c %u "
        "$(cat x)/id_keeper.pag",
        0, "777 " + owner + "\n0\n", 2},
+      {"mkdir -m 700 .dbsweep-dead; objdb restore $V; [ ! -e .dbsweep-dead ]", 0, "", 2},
+      {"flock $V/obj_info.pag objdb restore $V", 3, "(flock); nothing was changed", 1},
       {"objdb restore nothing", 2, "no version \"nothing\"", 1},
       {"touch $V/unfinished; objdb remove $V", 2, "with --force", 1},
       {"touch $V/unfinished; objdb remove --force $V", 0, "", 0},

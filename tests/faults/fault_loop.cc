@@ -313,7 +313,8 @@ bool holdLines(const Versions &versions, const Lines &lines) {
 }
 
 bool hasLeftovers() {
-  return std::ranges::any_of(fs::directory_iterator(database), [](const auto &entry) {
+  std::error_code ignored;  // a load may have made no database yet
+  return std::ranges::any_of(fs::directory_iterator(database, ignored), [](const auto &entry) {
     return entry.path().filename().string().starts_with(".");
   });
 }
