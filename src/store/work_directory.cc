@@ -121,6 +121,7 @@ std::unique_ptr<WorkDirectory> WorkDirectory::adopt(const std::string &database,
 }
 
 WorkDirectory::~WorkDirectory() {
+  if (!directory_.isOpen()) return;  // none was made, and errno says why
   // Under its own name alone: another directory may have been put there, which is not ours.
   if (published_ || !hasName(name_)) return;
   if (removeContents(fd()) == 0) unlinkat(database_.get(), name_.c_str(), AT_REMOVEDIR);
