@@ -156,7 +156,6 @@ TEST_F(Salvage, EveryDamageIsFoundSweptAndMended) {
   }
 }
 
-// Which record it is, in the words of both forms of output.
 TEST(SalvagedTables, ALossHasTheIdsThatItsKeyTells) {
   const struct {
     size_t table;
@@ -174,6 +173,7 @@ TEST(SalvagedTables, ALossHasTheIdsThatItsKeyTells) {
   }
 }
 
+// Which record it is, in the words of both forms of output.
 TEST_F(Salvage, FindingsAndLossesNameTheirRecords) {
   load(emptyNetwork() + nameLines(8, 10, "gw1") + nameLines(9, 11, "gw1") +
        nameLines(9, 10, "gw1#7") +
